@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Runs every libFuzzer target of a fuzz build for the given seconds each.
+# usage: fuzz.sh BUILD_DIR SECONDS
+set -euo pipefail
+build=${1:?build dir}
+seconds=${2:-60}
+root=$(cd "$(dirname "$0")/.." && pwd)
+shopt -s nullglob
+targets=("$build"/tests/fuzz/fuzz_*)
+if [ ${#targets[@]} -eq 0 ]; then
+  echo "fuzz: no targets built"
+  exit 0
+fi
+for t in "${targets[@]}"; do
+  [ -x "$t" ] || continue
+  name=$(basename "$t")
+  corpus="$build/corpus/$name"
+  mkdir -p "$corpus"
+  seeds="$root/tests/fuzz/corpus/${name#fuzz_}"
+  args=("$corpus")
+  [ -d "$seeds" ] && args+=("$seeds")
+  echo "fuzz: $name for ${seconds}s"
+  (cd "$build" && "$t" -max_total_time="$seconds" -max_len=8192 -rss_limit_mb=2048 -print_final_stats=0 \
+      "${args[@]}" >"$build/$name.log" 2>&1) || { tail -n 60 "$build/$name.log"; echo "fuzz: $name FAILED"; exit 1; }
+  grep -E "^(#[0-9]+\s+DONE|Done [0-9]+ runs)" "$build/$name.log" | tail -n 1 || true
+done
+echo "fuzz: all targets clean"

@@ -1,0 +1,97 @@
+// Debug records for the host's log callback and hex dumps to the daily file.
+#include <cinttypes>
+#include <cstdio>
+#include <ctime>
+#include <string>
+
+#include "foundation/internal.hpp"
+#include "zeph_c_utils.h"
+
+namespace {
+
+zeph_log_callback gLogCb = nullptr;
+
+std::tm LocalNow() {
+  const std::time_t now = std::time(nullptr);
+  std::tm tm_now{};
+  localtime_r(&now, &tm_now);
+  return tm_now;
+}
+
+}  // namespace
+
+extern "C" {
+
+ZEPH_API zeph_log_callback *setLogCallback(zeph_log_callback callback) {
+  gLogCb = callback;
+  return &gLogCb;
+}
+
+ZEPH_API void zeph_logger_debug(const char *message, int64_t status, const char *source_file, int line) {
+  const zeph_log_callback cb = gLogCb;
+  if (cb == nullptr) return;
+  try {
+    const std::tm t = LocalNow();
+    char head[260];
+    std::snprintf(head, sizeof head, "file:'%s',line:%d,time:'%04d-%02d-%02d %02d:%02d:%02d'",
+                  source_file != nullptr ? source_file : "", line, t.tm_year + 1900, t.tm_mon + 1,
+                  t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+    char res[260];
+    std::snprintf(res, sizeof res, ",res:%" PRId64, status);
+
+    std::string record = "{";
+    record += head;
+    if (message != nullptr) {
+      record += ",msg:'";
+      record += message;
+      record += "'";
+    }
+    record += res;
+    record += "}";
+    // The callback gets a fresh copy that lives only for the call.
+    zeph::MallocPtr<char> copy(static_cast<char *>(std::malloc(record.size() + 1)));
+    if (!copy) return;
+    std::memcpy(copy.get(), record.c_str(), record.size() + 1);
+    cb(copy.get());
+  } catch (...) {
+    // The logger never reports failure.
+  }
+}
+
+ZEPH_API int se_getTimeString(char *out) {
+  if (out == nullptr) return 0;
+  const std::tm t = LocalNow();
+  std::snprintf(out, 16, "%04d%02d%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday);
+  return 0;
+}
+
+ZEPH_API int se_getLogPath(char *out) {
+  if (out == nullptr) return 0;
+  char date[16] = {0};
+  se_getTimeString(date);
+  char path[260];
+  const int n = std::snprintf(path, sizeof path, "%s%s.log", "zeph_", date);
+  std::memcpy(out, path, static_cast<size_t>(n));
+  return 1;
+}
+
+ZEPH_API int zeph_logger_debugHex(const unsigned char *data, uint32_t length, const char *source_file,
+                                  int line) {
+  char path[260] = {0};
+  if (se_getLogPath(path) != 1 || path[0] == '\0') return 0;
+  if (data == nullptr) length = 0;
+  std::FILE *f = std::fopen(path, "a+");
+  if (f == nullptr) return 0;
+  const std::tm t = LocalNow();
+  std::fprintf(f, "$$$File: %s, Line:%d.[%04d-%02d-%02d %02d:%02d:%02d]\n",
+               source_file != nullptr ? source_file : "", line, t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
+               t.tm_hour, t.tm_min, t.tm_sec);
+  for (uint32_t i = 0; i < length; ++i) {
+    std::fprintf(f, "%02X ", data[i]);
+    if ((i + 1) % 16 == 0) std::fputc('\n', f);
+  }
+  std::fprintf(f, "\nHexSize:%x$$$\n", length);
+  return std::fclose(f);
+}
+
+}  // extern "C"

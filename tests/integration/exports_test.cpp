@@ -1,0 +1,77 @@
+// The shared library exports exactly the documented names: no mangled C++
+// symbol, nothing unlisted, and every listed name present.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+
+namespace {
+
+std::set<std::string> DynamicSymbols(const std::string &lib) {
+  std::set<std::string> names;
+  const std::string cmd = "nm -D --defined-only '" + lib + "'";
+  FILE *p = popen(cmd.c_str(), "r");
+  if (p == nullptr) return names;
+  char line[4096];
+  while (std::fgets(line, sizeof line, p) != nullptr) {
+    // "<address> <type> <name>"
+    std::string s(line);
+    while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
+    const auto last = s.rfind(' ');
+    if (last == std::string::npos || last < 2) continue;
+    const char type = s[last - 1];
+    std::string name = s.substr(last + 1);
+    if (type == 'A') continue;  // linker-defined absolute symbols
+    if (const auto at = name.find('@'); at != std::string::npos) name.resize(at);
+    names.insert(name);
+  }
+  pclose(p);
+  return names;
+}
+
+std::set<std::string> ListedNames() {
+  std::set<std::string> names;
+  const std::filesystem::path dir = std::filesystem::path(ZEPH_SOURCE_DIR) / "tests/integration/exports";
+  for (const auto &entry : std::filesystem::directory_iterator(dir)) {
+    if (entry.path().extension() != ".txt") continue;
+    std::ifstream in(entry.path());
+    std::string line;
+    while (std::getline(in, line)) {
+      if (const auto hash = line.find('#'); hash != std::string::npos) line.resize(hash);
+      while (!line.empty() && (line.back() == ' ' || line.back() == '\t' || line.back() == '\r')) line.pop_back();
+      if (!line.empty()) names.insert(line);
+    }
+  }
+  return names;
+}
+
+const std::set<std::string> kRuntime = {"_init", "_fini"};
+
+}  // namespace
+
+TEST(Exports, OnlyListedUnmangledNames) {
+  const auto exported = DynamicSymbols(ZEPH_LIB_PATH);
+  ASSERT_FALSE(exported.empty()) << "nm found no dynamic symbols in " << ZEPH_LIB_PATH;
+  const auto listed = ListedNames();
+  for (const auto &name : exported) {
+    if (kRuntime.count(name) != 0) continue;
+    EXPECT_NE(name.rfind("_Z", 0), 0u) << "mangled C++ symbol exported: " << name;
+    EXPECT_TRUE(listed.count(name) != 0) << "unintended export: " << name;
+  }
+}
+
+TEST(Exports, EveryListedNameIsPresent) {
+  const auto exported = DynamicSymbols(ZEPH_LIB_PATH);
+  for (const auto &name : ListedNames()) {
+    EXPECT_TRUE(exported.count(name) != 0) << "missing export: " << name;
+  }
+}
+
+TEST(Exports, NoFileLocalHelperIsExported) {
+  for (const auto &name : DynamicSymbols(ZEPH_LIB_PATH)) {
+    EXPECT_NE(name.rfind("l_", 0), 0u) << "file-local helper exported: " << name;
+  }
+}

@@ -1,0 +1,32 @@
+// Helpers shared by the test folders: temporary directories, file bytes, hex.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace zeph_test {
+
+// A fresh directory under the system temp folder, removed with its content.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir &) = delete;
+  TempDir &operator=(const TempDir &) = delete;
+  const std::filesystem::path &path() const { return path_; }
+  std::string file(const std::string &name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+std::vector<uint8_t> ReadBytes(const std::string &path);
+void WriteBytes(const std::string &path, const std::vector<uint8_t> &data);
+std::vector<uint8_t> FromHex(const std::string &hex);
+std::string ToHex(const uint8_t *data, size_t n);
+inline std::string ToHex(const std::vector<uint8_t> &v) { return ToHex(v.data(), v.size()); }
+std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed);
+
+}  // namespace zeph_test

@@ -66,7 +66,7 @@ ZEPH_API void zeph_logger_debug(const char *message, int64_t status, const char 
 }
 
 ZEPH_API int se_getTimeString(char *out) {
-  if (out == nullptr) return 0;
+  if (out == nullptr) return static_cast<int>(ERR_INVALID_PARAMETER);
   const std::tm t = LocalNow();
   std::snprintf(out, 16, "%04d%02d%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday);
   return 0;

@@ -88,7 +88,7 @@ std::string CleanValue(const std::string &raw) {
 uint32_t CopyOut(const char *text, size_t n, char *out, uint32_t out_size) {
   if (out == nullptr || out_size == 0) return 0;
   n = std::min(n, static_cast<size_t>(out_size) - 1);
-  std::memcpy(out, text, n);
+  std::memmove(out, text, n);  // the default may live in the caller's output buffer
   out[n] = '\0';
   return static_cast<uint32_t>(n);
 }

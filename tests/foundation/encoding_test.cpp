@@ -12,235 +12,172 @@
 
 namespace {
 
-using zeph_test::RandomBytes;
+using Bytes = std::vector<uint8_t>;
 
-std::string OpenSslBase64(const std::vector<uint8_t> &data) {
-  std::string text(4 * ((data.size() + 2) / 3) + 1, '\0');
-  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(text.data()), data.data(),
-                                static_cast<int>(data.size()));
-  text.resize(static_cast<size_t>(n));
-  return text;
-}
-
-TEST(Base64Decode, LengthFollowsTrailingEquals) {
-  struct Case {
+TEST(Base64, DecodedLengthFollowsTrailingEquals) {
+  const struct {
     const char *text;
-    int expected;  // decoded length, -1 failure
+    int expected;  // -1: failure
     const char *bytes;
   } cases[] = {
-      {"", 0, ""},
-      {"QQ==", 1, "A"},
-      {"QUI=", 2, "AB"},
-      {"QUJD", 3, "ABC"},
-      {"QUJDRA==", 4, "ABCD"},
-      {"QUJD\r\n", 3, "ABC"},
-      {"QQ==\n", 1, "A"},  // the '=' are counted before the line break
-      {"  QQ==", 1, "A"},
-      {"Q===", -1, nullptr},
-      {"====", -1, nullptr},
-      {"QUJ", -1, nullptr},
-      {"QU!D", -1, nullptr},
-      {"QUJDR", -1, nullptr},
-      {"\n", 0, ""},
+      {"", 0, ""},           {"\n", 0, ""},           {"QQ==", 1, "A"},     {"QUI=", 2, "AB"},
+      {"QUJD", 3, "ABC"},    {"QUJDRA==", 4, "ABCD"}, {"QQ==\r\n", 1, "A"}, {"  QQ==", 1, "A"},
+      {"Q===", -1, nullptr}, {"====", -1, nullptr},   {"QUJ", -1, nullptr}, {"QU!D", -1, nullptr},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.text);
     unsigned char *buf = reinterpret_cast<unsigned char *>(1);
     const int n = l_base64_decode(c.text, &buf);
     EXPECT_EQ(n, c.expected);
+    EXPECT_EQ(buf == nullptr, n <= 0);
     if (n > 0) {
-      ASSERT_NE(buf, nullptr);
       EXPECT_EQ(std::string(reinterpret_cast<char *>(buf), static_cast<size_t>(n)), c.bytes);
-    } else {
-      EXPECT_EQ(buf, nullptr);
     }
-    std::free(buf);
-  }
-  unsigned char *buf = nullptr;
-  EXPECT_EQ(l_base64_decode(nullptr, &buf), -1);
-  EXPECT_EQ(l_base64_decode("QUJD", nullptr), -1);
-}
-
-TEST(Base64, RoundTripsAgainstOpenSsl) {
-  for (size_t n = 1; n <= 70; ++n) {
-    SCOPED_TRACE(n);
-    const auto data = RandomBytes(n, static_cast<uint32_t>(n));
-    char *text = nullptr;
-    ASSERT_EQ(zeph_c_utils_hex2b64(data.data(), static_cast<uint32_t>(n), &text), 0u);
-    EXPECT_EQ(std::string(text), OpenSslBase64(data));
-
-    unsigned char *back = nullptr;
-    uint32_t back_len = 0;
-    ASSERT_EQ(zeph_c_utils_b64tohex(text, &back, &back_len), 0u);
-    EXPECT_EQ(std::vector<uint8_t>(back, back + back_len), data);
+    std::free(n > 0 ? buf : nullptr);
 
     uint32_t len = 0;
-    ASSERT_EQ(File_PEMEncode(data.data(), static_cast<uint32_t>(n), nullptr, &len), 0u);
-    std::string pem(len, 'X');
-    ASSERT_EQ(File_PEMEncode(data.data(), static_cast<uint32_t>(n), pem.data(), &len), 0u);
-    EXPECT_EQ(len, std::strlen(text));
-    EXPECT_STREQ(pem.c_str(), text);
-    std::free(text);
-    std::free(back);
+    EXPECT_EQ(zeph_c_utils_b64tohex2(c.text, nullptr, &len), n > 0 ? 0u : ERR_BASE64_INVALID);
+    unsigned char *out = nullptr;
+    EXPECT_EQ(zeph_c_utils_b64tohex(c.text, &out, &len), n > 0 ? 0u : 0xFFFFFFFFu);
+    std::free(out);
   }
 }
 
-TEST(Base64, DecodeIntoCallerBuffer) {
-  uint32_t len = 0;
-  EXPECT_EQ(zeph_c_utils_b64tohex2("", nullptr, &len), ERR_BASE64_INVALID);
-  EXPECT_EQ(zeph_c_utils_b64tohex2("Q===", nullptr, &len), ERR_BASE64_INVALID);
-  EXPECT_EQ(zeph_c_utils_b64tohex2("QUI*", nullptr, &len), ERR_BASE64_INVALID);
-  EXPECT_EQ(zeph_c_utils_b64tohex2(nullptr, nullptr, &len), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_b64tohex2("QUI=", nullptr, nullptr), ERR_INVALID_PARAMETER);
+TEST(Base64, EncodersMatchOpenSslAndRoundTrip) {
+  for (size_t n = 1; n <= 40; ++n) {
+    SCOPED_TRACE(n);
+    const auto data = zeph_test::RandomBytes(n, static_cast<uint32_t>(n));
+    std::string ref(4 * ((n + 2) / 3) + 1, '\0');
+    ref.resize(static_cast<size_t>(
+        EVP_EncodeBlock(reinterpret_cast<unsigned char *>(ref.data()), data.data(), static_cast<int>(n))));
 
-  ASSERT_EQ(zeph_c_utils_b64tohex2("QUJDRA==", nullptr, &len), 0u);
-  EXPECT_EQ(len, 4u);
-  unsigned char out[8];
-  std::memset(out, 'X', sizeof out);
-  len = 3;
-  EXPECT_EQ(zeph_c_utils_b64tohex2("QUJDRA==", out, &len), ERR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(len, 4u);
-  EXPECT_EQ(out[0], 'X');
-  len = 4;
-  EXPECT_EQ(zeph_c_utils_b64tohex2("QUJDRA==", out, &len), 0u);
-  EXPECT_EQ(len, 4u);
-  EXPECT_EQ(std::memcmp(out, "ABCDX", 5), 0);
+    char *text = nullptr;  // sized for the text: 2n + 1 would be short below two bytes
+    ASSERT_EQ(zeph_c_utils_hex2b64(data.data(), static_cast<uint32_t>(n), &text), 0u);
+    EXPECT_EQ(std::string(text), ref);
+    uint32_t len = 0;
+    ASSERT_EQ(File_PEMEncode(data.data(), static_cast<uint32_t>(n), nullptr, &len), 0u);
+    EXPECT_EQ(len, ref.size() + 1);  // the terminator counts when asking
+    std::string pem(len, 'X');
+    ASSERT_EQ(File_PEMEncode(data.data(), static_cast<uint32_t>(n), pem.data(), &len), 0u);
+    EXPECT_EQ(std::string(pem.c_str(), len), ref);
+
+    Bytes back(n, 0);
+    len = static_cast<uint32_t>(n - 1);
+    EXPECT_EQ(zeph_c_utils_b64tohex2(text, back.data(), &len), ERR_BUFFER_TOO_SMALL);
+    len = static_cast<uint32_t>(n);
+    ASSERT_EQ(zeph_c_utils_b64tohex2(text, back.data(), &len), 0u);
+    EXPECT_EQ(back, data);
+    std::free(text);
+  }
+  char *text = reinterpret_cast<char *>(1);
+  const unsigned char b = 0xFF;
+  EXPECT_EQ(zeph_c_utils_hex2b64(&b, 0, &text), 0xFFFFFFFFu);
+  EXPECT_EQ(text, nullptr);
+  uint32_t len = 8;
+  EXPECT_EQ(File_PEMEncode(&b, 0, nullptr, &len), 0xFFFFFFFFu);
+  char small[4];
+  len = sizeof small;
+  EXPECT_EQ(File_PEMEncode(&b, 1, small, &len), ERR_BUFFER_TOO_SMALL);
 }
 
-TEST(Base64, PemBlockCodec) {
-  uint32_t len = 0;
-  const unsigned char one = 'A';
-  EXPECT_EQ(File_PEMEncode(&one, 0, nullptr, &len), 0xFFFFFFFFu);
-  char small[4];
-  len = sizeof small;  // "QQ==" needs its terminator too
-  EXPECT_EQ(File_PEMEncode(&one, 1, small, &len), ERR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(len, 5u);
-
-  // The block decoder keeps the zero bytes that stand for "=".
+TEST(Base64, BlockDecoderKeepsPaddingZeros) {
   unsigned char out[8];
-  len = sizeof out;
+  uint32_t len = sizeof out;
   ASSERT_EQ(File_PEMDecode("QQ==", 4, out, &len), 0u);
-  ASSERT_EQ(len, 3u);
-  EXPECT_EQ(std::memcmp(out, "A\0\0", 3), 0);
+  EXPECT_EQ(Bytes(out, out + len), (Bytes{'A', 0, 0}));
   len = 2;
   EXPECT_EQ(File_PEMDecode("QQ==", 4, out, &len), ERR_BUFFER_TOO_SMALL);
   EXPECT_EQ(len, 3u);
-  EXPECT_EQ(File_PEMDecode("QQ==", 0, out, &len), 0xFFFFFFFFu);
-  EXPECT_EQ(File_PEMDecode("QQ=", 3, out, &len), 0xFFFFFFFFu);
-  EXPECT_EQ(File_PEMDecode("QQ?=", 4, out, &len), 0xFFFFFFFFu);
-  // Only `length` characters are read: the text needs no terminator.
-  const char unterminated[4] = {'Q', 'U', 'J', 'D'};
-  len = sizeof out;
-  EXPECT_EQ(File_PEMDecode(unterminated, 4, out, &len), 0u);
+  const char unterminated[4] = {'Q', 'U', 'J', 'D'};  // only `length` characters are read
+  ASSERT_EQ(File_PEMDecode(unterminated, 4, out, &len), 0u);
   EXPECT_EQ(len, 3u);
-}
-
-TEST(Base64, HexToBase64OfOneByteFitsItsBuffer) {
-  const unsigned char b = 0xFF;
-  char *text = nullptr;
-  ASSERT_EQ(zeph_c_utils_hex2b64(&b, 1, &text), 0u);
-  EXPECT_STREQ(text, "/w==");
-  std::free(text);
-  text = reinterpret_cast<char *>(1);
-  EXPECT_EQ(zeph_c_utils_hex2b64(&b, 0, &text), 0xFFFFFFFFu);
-  EXPECT_EQ(text, nullptr);
-  EXPECT_EQ(zeph_c_utils_hex2b64(nullptr, 1, &text), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_hex2b64(&b, 1, nullptr), ERR_INVALID_PARAMETER);
-
-  unsigned char *buf = reinterpret_cast<unsigned char *>(1);
-  uint32_t len = 7;
-  EXPECT_EQ(zeph_c_utils_b64tohex("", &buf, &len), 0xFFFFFFFFu);
-  EXPECT_EQ(buf, nullptr);
-  EXPECT_EQ(zeph_c_utils_b64tohex("@@@@", &buf, &len), 0xFFFFFFFFu);
-  EXPECT_EQ(zeph_c_utils_b64tohex(nullptr, &buf, &len), ERR_INVALID_PARAMETER);
+  for (const char *bad : {"", "QQ=", "QQ?="}) {
+    EXPECT_EQ(File_PEMDecode(bad, static_cast<uint32_t>(std::strlen(bad)), out, &len), 0xFFFFFFFFu) << bad;
+  }
 }
 
 TEST(Hex, UpperCaseWithoutTerminator) {
   const unsigned char data[] = {0xAB, 0x01, 0xF0};
   char out[8];
   std::memset(out, 'X', sizeof out);
-  uint32_t len = sizeof out;
-  ASSERT_EQ(zeph_c_utils_hex2ascii(data, 3, out, &len), 0u);
-  EXPECT_EQ(len, 6u);
-  EXPECT_EQ(std::string(out, 7), "AB01F0X");
-
-  std::memset(out, 'X', sizeof out);
-  len = 5;
+  uint32_t len = 5;
   EXPECT_EQ(zeph_c_utils_hex2ascii(data, 3, out, &len), ERR_BUFFER_TOO_SMALL);
   EXPECT_EQ(len, 6u);
   EXPECT_EQ(out[0], 'X');  // nothing written
-  EXPECT_EQ(zeph_c_utils_hex2ascii(data, 3, nullptr, &len), 0u);
+  len = sizeof out;
+  ASSERT_EQ(zeph_c_utils_hex2ascii(data, 3, out, &len), 0u);
   EXPECT_EQ(len, 6u);
-  EXPECT_EQ(zeph_c_utils_hex2ascii(data, 3, out, nullptr), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_hex2ascii(nullptr, 3, out, &len), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(std::string(out, 7), "AB01F0X");
 }
 
-TEST(Placeholders, SucceedWithoutOutput) {
-  unsigned char out[4] = {1, 2, 3, 4};
-  uint32_t len = 4;
-  EXPECT_EQ(zeph_c_utils_ascii2hex("AB", 2, out, &len), 0u);
-  EXPECT_EQ(out[0], 1);
-  EXPECT_EQ(len, 4u);
-  char text[4] = "abc";
-  EXPECT_EQ(zeph_c_gbk2utf8(text, "\xC4\xE3", 2), 0u);
-  EXPECT_STREQ(text, "abc");
-  char *converted = text;
-  EXPECT_EQ(zeph_gbk2utf8_malloc("\xC4\xE3", 2, &converted), 0u);
-  EXPECT_EQ(converted, nullptr);
-  EXPECT_EQ(zeph_gbk2utf8_malloc("x", 1, nullptr), 0u);
-}
-
-TEST(MergeBuffer, JoinsInOrder) {
-  const unsigned char a[] = {1, 2};
-  const unsigned char b[] = {3};
+TEST(Helpers, MergeAndPlaceholders) {
+  const unsigned char a[] = {1, 2}, b[] = {3};
   unsigned char *out = nullptr;
   uint32_t len = 0;
   ASSERT_EQ(zeph_c_utils_mergeBuffer(a, 2, b, 1, &out, &len), 0u);
-  EXPECT_EQ(std::vector<uint8_t>(out, out + len), (std::vector<uint8_t>{1, 2, 3}));
-  std::free(out);
-  ASSERT_EQ(zeph_c_utils_mergeBuffer(nullptr, 0, nullptr, 0, &out, &len), 0u);
-  EXPECT_EQ(len, 0u);
+  EXPECT_EQ(Bytes(out, out + len), (Bytes{1, 2, 3}));
   std::free(out);
   EXPECT_EQ(zeph_c_utils_mergeBuffer(nullptr, 1, b, 1, &out, &len), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_mergeBuffer(a, 2, b, 1, nullptr, &len), ERR_INVALID_PARAMETER);
+
+  unsigned char untouched[2] = {7, 7};
+  EXPECT_EQ(zeph_c_utils_ascii2hex("AB", 2, untouched, &len), 0u);
+  EXPECT_EQ(untouched[0], 7);
+  char *converted = reinterpret_cast<char *>(untouched);
+  EXPECT_EQ(zeph_gbk2utf8_malloc("\xC4\xE3", 2, &converted), 0u);
+  EXPECT_EQ(converted, nullptr);
 }
 
 TEST(Files, ReadAndWriteWholeFiles) {
   zeph_test::TempDir dir;
   const std::string path = dir.file("data.bin");
-  const auto data = RandomBytes(1000, 9);
+  const auto data = zeph_test::RandomBytes(1000, 9);
   ASSERT_EQ(zeph_c_utils_writeFile(path.c_str(), data.data(), 1000), 0u);
-  ASSERT_EQ(zeph_c_utils_writeFile(path.c_str(), data.data(), 600), 0u);  // replaces, not appends
-
+  ASSERT_EQ(zeph_c_utils_writeFile(path.c_str(), data.data(), 600), 0u);  // replaces
   uint32_t len = 0;
   ASSERT_EQ(zeph_c_utils_readFile(path.c_str(), nullptr, &len), 0u);
   ASSERT_EQ(len, 600u);
-  std::vector<uint8_t> buf(len + 1, 0xEE);
+  Bytes buf(601, 0xEE);
   len = 599;  // a stale size is refused, not written past
   EXPECT_EQ(zeph_c_utils_readFile(path.c_str(), buf.data(), &len), ERR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(len, 600u);
   EXPECT_EQ(buf[0], 0xEE);
   ASSERT_EQ(zeph_c_utils_readFile(path.c_str(), buf.data(), &len), 0u);
-  EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + 600), std::vector<uint8_t>(data.begin(), data.begin() + 600));
+  EXPECT_EQ(Bytes(buf.begin(), buf.begin() + 600), Bytes(data.begin(), data.begin() + 600));
   EXPECT_EQ(buf[600], 0xEE);
-
-  ASSERT_EQ(zeph_c_utils_writeFile(path.c_str(), nullptr, 0), 0u);
-  ASSERT_EQ(zeph_c_utils_readFile(path.c_str(), nullptr, &len), 0u);
-  EXPECT_EQ(len, 0u);
 
   EXPECT_EQ(zeph_c_utils_readFile(dir.file("missing").c_str(), nullptr, &len), 0xFFFFFFFFu);
   EXPECT_EQ(zeph_c_utils_readFile(dir.path().c_str(), nullptr, &len), 0xFFFFFFFFu);
-  EXPECT_EQ(zeph_c_utils_readFile(nullptr, nullptr, &len), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_readFile(path.c_str(), nullptr, nullptr), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_writeFile(dir.file("no/such/dir").c_str(), data.data(), 1), ERR_FILE_OPEN_FAILED);
-  EXPECT_EQ(zeph_c_utils_writeFile(path.c_str(), nullptr, 1), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_writeFile(nullptr, data.data(), 1), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_c_utils_writeFile(dir.file("no/dir").c_str(), data.data(), 1), ERR_FILE_OPEN_FAILED);
+  if (std::filesystem::exists("/dev/full")) {
+    EXPECT_EQ(zeph_c_utils_writeFile("/dev/full", data.data(), 64), ERR_FILE_WRITE_FAILED);
+  }
 }
 
-TEST(Files, ShortWriteIsReported) {
-  if (!std::filesystem::exists("/dev/full")) GTEST_SKIP();
-  const auto data = RandomBytes(64, 1);
-  EXPECT_EQ(zeph_c_utils_writeFile("/dev/full", data.data(), 64), ERR_FILE_WRITE_FAILED);
+// Every pointer a caller can leave out gets a status, not a crash.
+TEST(NullArguments, GetAStatus) {
+  const unsigned char b = 1;
+  unsigned char *buf = nullptr;
+  char *text = nullptr;
+  uint32_t len = 0;
+  EXPECT_EQ(l_base64_decode(nullptr, &buf), -1);
+  EXPECT_EQ(l_base64_decode("QUJD", nullptr), -1);
+  EXPECT_EQ(zeph_c_utils_b64tohex2(nullptr, nullptr, &len), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_c_utils_b64tohex2("QUI=", nullptr, nullptr), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_c_utils_b64tohex(nullptr, &buf, &len), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_c_utils_hex2b64(nullptr, 1, &text), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_c_utils_hex2b64(&b, 1, nullptr), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(File_PEMEncode(nullptr, 1, nullptr, &len), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(File_PEMDecode(nullptr, 4, nullptr, &len), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_c_utils_hex2ascii(nullptr, 3, nullptr, &len), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_c_utils_hex2ascii(&b, 1, nullptr, nullptr), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_c_utils_mergeBuffer(&b, 1, &b, 1, nullptr, &len), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_c_utils_readFile(nullptr, nullptr, &len), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_c_utils_readFile("x", nullptr, nullptr), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_c_utils_writeFile(nullptr, &b, 1), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_c_utils_writeFile("x", nullptr, 1), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(zeph_gbk2utf8_malloc("x", 1, nullptr), 0u);
+  EXPECT_EQ(zeph_getVorliAlgName(3, nullptr), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(static_cast<uint32_t>(se_getTimeString(nullptr)), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(se_getLogPath(nullptr), 0);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 
 #include <ctime>
 #include <cstring>
-#include <regex>
 #include <string>
 
 #include "scoped.hpp"
@@ -23,25 +22,39 @@ std::string Today() {
   return buf;
 }
 
-const std::string kTime = R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2})";
+// Replaces every well-formed "YYYY-MM-DD hh:mm:ss" with "<time>", so records
+// compare exactly apart from the clock.
+std::string MaskTimes(std::string s) {
+  static const char kShape[] = "dddd-dd-dd dd:dd:dd";
+  const size_t n = sizeof kShape - 1;
+  for (size_t i = 0; i + n <= s.size(); ++i) {
+    bool match = true;
+    for (size_t j = 0; j < n && match; ++j) {
+      const char c = s[i + j];
+      match = kShape[j] == 'd' ? (c >= '0' && c <= '9') : c == kShape[j];
+    }
+    if (match) s.replace(i, n, "<time>");
+  }
+  return s;
+}
 
 TEST(LogRecord, ExactShape) {
   struct Case {
     const char *message;
     int64_t status;
-    std::string expected;  // a regular expression
+    const char *expected;
   } cases[] = {
-      {"GM_SKF_CTX_OpenSession:", 0, "\\{file:'dev.cpp',line:42,time:'" + kTime + "',msg:'GM_SKF_CTX_OpenSession:',res:0\\}"},
+      {"GM_SKF_CTX_OpenSession:", 0, "{file:'dev.cpp',line:42,time:'<time>',msg:'GM_SKF_CTX_OpenSession:',res:0}"},
       // An unsigned 32-bit status stays positive in the signed 64-bit print.
-      {"x", 0x82080000u, "\\{file:'dev.cpp',line:42,time:'" + kTime + "',msg:'x',res:2181562368\\}"},
-      {nullptr, -1, "\\{file:'dev.cpp',line:42,time:'" + kTime + "',res:-1\\}"},
-      {"", INT64_MIN, "\\{file:'dev.cpp',line:42,time:'" + kTime + "',msg:'',res:-9223372036854775808\\}"},
+      {"x", 0x82080000u, "{file:'dev.cpp',line:42,time:'<time>',msg:'x',res:2181562368}"},
+      {nullptr, -1, "{file:'dev.cpp',line:42,time:'<time>',res:-1}"},
+      {"", INT64_MIN, "{file:'dev.cpp',line:42,time:'<time>',msg:'',res:-9223372036854775808}"},
   };
   for (const auto &c : cases) {
     LogCapture capture;
     zeph_logger_debug(c.message, c.status, "dev.cpp", 42);
     ASSERT_EQ(LogCapture::Records().size(), 1u);
-    EXPECT_TRUE(std::regex_match(LogCapture::Records()[0], std::regex(c.expected))) << LogCapture::Records()[0];
+    EXPECT_EQ(MaskTimes(LogCapture::Records()[0]), c.expected);
   }
 }
 
@@ -103,25 +116,24 @@ TEST(LogFile, HexDumpsAppendToTheDailyFile) {
   }
   char last[4];
   std::snprintf(last, sizeof last, "%02X ", data[16]);
-  const std::string when = R"(\.\[)" + kTime + R"(\]\n)";
-  const std::regex expected(
-      R"(\$\$\$File: a\.cpp, Line:7)" + when + hex16 + "\n\nHexSize:10\\$\\$\\$\n" +  //
-      R"(\$\$\$File: b\.cpp, Line:8)" + when + "\nHexSize:0\\$\\$\\$\n" +            //
-      R"(\$\$\$File: c\.cpp, Line:9)" + when + hex16 + "\n" + last + "\nHexSize:11\\$\\$\\$\n");
+  const std::string expected =
+      "$$$File: a.cpp, Line:7.[<time>]\n" + hex16 + "\n\nHexSize:10$$$\n" +  //
+      "$$$File: b.cpp, Line:8.[<time>]\n\nHexSize:0$$$\n" +                  //
+      "$$$File: c.cpp, Line:9.[<time>]\n" + hex16 + "\n" + last + "\nHexSize:11$$$\n";
   const auto bytes = zeph_test::ReadBytes((dir.path() / ("zeph_" + Today() + ".log")).string());
   const std::string text(bytes.begin(), bytes.end());
-  EXPECT_TRUE(std::regex_match(text, expected)) << text;
+  EXPECT_EQ(MaskTimes(text), expected);
 }
 
-TEST(LogFile, UnwritableDirectoryMakesTheDumpANoOp) {
-  if (geteuid() == 0) GTEST_SKIP() << "root writes anywhere";
+TEST(LogFile, UnopenableFileMakesTheDumpANoOp) {
   zeph_test::TempDir dir;
-  std::filesystem::permissions(dir.path(), std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec);
-  zeph_test::ScopedCwd cwd(dir.path());
+  const auto gone = dir.path() / "gone";
+  std::filesystem::create_directory(gone);
+  zeph_test::ScopedCwd cwd(gone);
+  std::filesystem::remove(gone);  // the working directory no longer exists, even for root
   const unsigned char byte = 1;
   EXPECT_EQ(zeph_logger_debugHex(&byte, 1, "a.cpp", 1), 0);
-  std::filesystem::permissions(dir.path(), std::filesystem::perms::owner_all);
-  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+  EXPECT_FALSE(std::filesystem::exists(gone));
 }
 
 }  // namespace

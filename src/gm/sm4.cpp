@@ -88,7 +88,7 @@ void KeySchedule(const uint8_t key[16], uint32_t rk[32]) {
 
 // The first and last four rounds, where the state is closest to known
 // plaintext or ciphertext, stay off the large table.
-inline void CryptBlock(const uint8_t *in, uint8_t *out, const uint32_t rk[32]) {
+[[gnu::always_inline]] inline void CryptBlock(const uint8_t *in, uint8_t *out, const uint32_t rk[32]) {
   uint32_t b0 = load_u32_be(in), b1 = load_u32_be(in + 4), b2 = load_u32_be(in + 8), b3 = load_u32_be(in + 12);
   SM4_ROUNDS4(T_slow, 0);
   SM4_ROUNDS4(T_table, 4);

@@ -7,14 +7,6 @@
 #include "foundation/internal.hpp"
 #include "gm/gm_internal.hpp"
 
-// The compression loop gets a second build for CPUs with BMI2 (rotates
-// without register copies), picked once at load time.
-#if defined(__x86_64__) && defined(__GNUC__)
-#define ZEPH_SM3_CLONES __attribute__((target_clones("default", "arch=x86-64-v3")))
-#else
-#define ZEPH_SM3_CLONES
-#endif
-
 namespace zeph::gm {
 namespace {
 
@@ -130,8 +122,34 @@ inline uint32_t Early(uint32_t x) {
 
 }  // namespace
 
-ZEPH_SM3_CLONES void Sm3Compress(uint32_t state[8], const uint8_t *blocks, size_t n) {
+namespace {
+
+using CompressFn = void (*)(uint32_t *, const uint8_t *, size_t);
+
+void CompressPortable(uint32_t *state, const uint8_t *blocks, size_t n) {
   for (; n != 0; --n, blocks += 64) CompressOne(state, blocks);
+}
+
+// A second build of the loop for CPUs with BMI1/BMI2: three-operand rotates
+// and and-not, no register copies. Chosen once, on first use.
+#if defined(__x86_64__) && defined(__GNUC__)
+__attribute__((target("bmi,bmi2"))) void CompressBmi2(uint32_t *state, const uint8_t *blocks, size_t n) {
+  for (; n != 0; --n, blocks += 64) CompressOne(state, blocks);
+}
+
+CompressFn PickCompress() {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2") ? CompressBmi2 : CompressPortable;
+}
+#else
+CompressFn PickCompress() { return CompressPortable; }
+#endif
+
+}  // namespace
+
+void Sm3Compress(uint32_t state[8], const uint8_t *blocks, size_t n) {
+  static const CompressFn compress = PickCompress();
+  compress(state, blocks, n);
 }
 
 void Sm3Init(BIVO_SM3_CTX *ctx) {

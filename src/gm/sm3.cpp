@@ -172,7 +172,7 @@ void Sm3Update(BIVO_SM3_CTX *ctx, const uint8_t *data, uint64_t len) {
       return;
     }
     std::memcpy(ctx->data + ctx->num, data, room);
-    CompressOne(ctx->state, ctx->data);
+    Sm3Compress(ctx->state, ctx->data, 1);
     std::memset(ctx->data, 0, sizeof ctx->data);
     ctx->num = 0;
     data += room;
@@ -196,13 +196,13 @@ void Sm3Final(uint8_t out32[32], BIVO_SM3_CTX *ctx) {
   b[n++] = 0x80;
   if (n > 56) {
     std::memset(b + n, 0, 64 - n);
-    CompressOne(ctx->state, b);
+    Sm3Compress(ctx->state, b, 1);
     n = 0;
   }
   std::memset(b + n, 0, 56 - n);
   store_u32_be(b + 56, ctx->Nh);
   store_u32_be(b + 60, ctx->Nl);
-  CompressOne(ctx->state, b);
+  Sm3Compress(ctx->state, b, 1);
   for (int i = 0; i < 8; ++i) store_u32_be(out32 + 4 * i, ctx->state[i]);
   OPENSSL_cleanse(ctx->data, sizeof ctx->data);
   ctx->num = 0;

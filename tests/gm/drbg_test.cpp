@@ -5,6 +5,7 @@
 #include <openssl/bn.h>
 
 #include <cstring>
+#include <memory>
 
 #include "gm/sm3_hash_drbg.hpp"
 #include "gm_test_util.hpp"
@@ -41,47 +42,44 @@ Bytes ReferenceDf(const Bytes &input, size_t out_len) {
   return out;
 }
 
+using Bn = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
+
 // Hash_DRBG (SM3, 440-bit seed) with BIGNUM arithmetic.
 class ReferenceDrbg {
  public:
-  ReferenceDrbg() : v_(BN_new()), c_(BN_new()), t_(BN_new()) {}
-  ~ReferenceDrbg() {
-    BN_free(v_);
-    BN_free(c_);
-    BN_free(t_);
-  }
-
   void Instantiate(const Bytes &seed_material) {
-    SetV(ReferenceDf(seed_material, 55));
-    SetC(ReferenceDf(Cat({{0x00}, V()}), 55));
+    const Bytes v = ReferenceDf(seed_material, 55);
+    BN_bin2bn(v.data(), 55, v_.get());
+    const Bytes c = ReferenceDf(Cat({{0x00}, v}), 55);
+    BN_bin2bn(c.data(), 55, c_.get());
     counter_ = 1;
   }
   void Reseed(const Bytes &entropy, const Bytes &additional) { Instantiate(Cat({{0x01}, V(), entropy, additional})); }
 
   Bytes Generate(size_t n) {
     Bytes out;
-    BIGNUM *data = BN_dup(v_);
-    while (out.size() < n) {
-      const Bytes w = EvpSm3({Bin(data)});
+    Bn data(BN_dup(v_.get()), BN_free), h(BN_new(), BN_free);
+    while (out.size() < n) {  // Hashgen
+      const Bytes w = EvpSm3({Bin(data.get())});
       out.insert(out.end(), w.begin(), w.end());
-      BN_add_word(data, 1);
-      BN_mask_bits(data, 440);
+      BN_add_word(data.get(), 1);
+      BN_mask_bits(data.get(), 440);
     }
-    BN_free(data);
     out.resize(n);
-    const Bytes h = EvpSm3({Cat({{0x03}, V()})});
-    BN_bin2bn(h.data(), 32, t_);
-    BN_add(v_, v_, t_);
-    BN_add(v_, v_, c_);
-    BN_add_word(v_, static_cast<BN_ULONG>(counter_));
-    BN_mask_bits(v_, 440);
+    const Bytes hash = EvpSm3({Cat({{0x03}, V()})});
+    BN_bin2bn(hash.data(), 32, h.get());
+    BN_add(v_.get(), v_.get(), h.get());
+    BN_add(v_.get(), v_.get(), c_.get());
+    BN_add_word(v_.get(), static_cast<BN_ULONG>(counter_));
+    BN_mask_bits(v_.get(), 440);
     ++counter_;
     return out;
   }
 
-  Bytes V() const { return Bin(v_); }
-  Bytes C() const { return Bin(c_); }
+  Bytes V() const { return Bin(v_.get()); }
+  Bytes C() const { return Bin(c_.get()); }
   int64_t counter() const { return counter_; }
+  void set_counter(int64_t c) { counter_ = c; }
 
  private:
   static Bytes Bin(const BIGNUM *b) {
@@ -89,10 +87,7 @@ class ReferenceDrbg {
     BN_bn2binpad(b, out.data(), 55);
     return out;
   }
-  void SetV(const Bytes &b) { BN_bin2bn(b.data(), 55, v_); }
-  void SetC(const Bytes &b) { BN_bin2bn(b.data(), 55, c_); }
-
-  BIGNUM *v_, *c_, *t_;
+  Bn v_{BN_new(), BN_free}, c_{BN_new(), BN_free};
   int64_t counter_ = 0;
 };
 
@@ -123,18 +118,22 @@ struct Drbg {
 
 TEST(Drbg, DerivationFunctionMatchesDefinition) {
   const Bytes input = RandomBytes(300, 1);
-  for (uint32_t n : {1u, 31u, 32u, 33u, 55u, 100u, 8160u}) {
-    Bytes out(n);
-    ASSERT_EQ(ComputeSm3HashDerivationFunction(input.data(), 300, n, out.data()), 0u);
-    EXPECT_EQ(out, ReferenceDf(input, n)) << n;
-  }
   Bytes out(8161);
-  EXPECT_EQ(ComputeSm3HashDerivationFunction(input.data(), 300, 8161, out.data()), BIVO_ERR_LENGTH);
-  EXPECT_EQ(ComputeSm3HashDerivationFunction(input.data(), 300, 0, out.data()), BIVO_ERR_LENGTH);
-  EXPECT_EQ(ComputeSm3HashDerivationFunction(input.data(), 0, 32, out.data()), BIVO_ERR_LENGTH);
-  EXPECT_EQ(ComputeSm3HashDerivationFunction(input.data(), 300, 0xFFFFFFFFu, out.data()), BIVO_ERR_LENGTH);
-  EXPECT_EQ(ComputeSm3HashDerivationFunction(nullptr, 300, 32, out.data()), BIVO_ERR_NULL_POINTER);
-  EXPECT_EQ(ComputeSm3HashDerivationFunction(input.data(), 300, 32, nullptr), BIVO_ERR_NULL_POINTER);
+  for (uint32_t n : {1u, 31u, 32u, 33u, 55u, 8160u}) {
+    ASSERT_EQ(ComputeSm3HashDerivationFunction(input.data(), 300, n, out.data()), 0u);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + n), ReferenceDf(input, n)) << n;
+  }
+  const struct {
+    const uint8_t *in;
+    uint32_t in_len, out_len;
+    uint8_t *out;
+    uint32_t status;
+  } refused[] = {
+      {input.data(), 300, 8161, out.data(), BIVO_ERR_LENGTH},      {input.data(), 300, 0, out.data(), BIVO_ERR_LENGTH},
+      {input.data(), 0, 32, out.data(), BIVO_ERR_LENGTH},          {input.data(), 300, ~0u, out.data(), BIVO_ERR_LENGTH},
+      {nullptr, 300, 32, out.data(), BIVO_ERR_NULL_POINTER},       {input.data(), 300, 32, nullptr, BIVO_ERR_NULL_POINTER},
+  };
+  for (const auto &r : refused) EXPECT_EQ(ComputeSm3HashDerivationFunction(r.in, r.in_len, r.out_len, r.out), r.status);
 }
 
 TEST(Drbg, FollowsTheReferenceModel) {
@@ -148,49 +147,43 @@ TEST(Drbg, FollowsTheReferenceModel) {
 
   auto run = [&](std::initializer_list<size_t> sizes) {
     for (size_t n : sizes) {
-      Bytes out;
+      Bytes out, hashgen(n);
+      ASSERT_EQ(IterationSm3HashGen(d.s, static_cast<uint32_t>(n), hashgen.data()), 0u);
       ASSERT_EQ(d.Generate(out, n), 0u) << n;
       ASSERT_EQ(out, ref.Generate(n)) << n;
+      ASSERT_EQ(hashgen, out);  // the request's bytes are Hashgen of the old V
       ASSERT_EQ(d.V(), ref.V()) << n;
       ASSERT_EQ(d.Counter(), ref.counter());
     }
   };
   run({1, 32, 33, 55, 1000, 65536});
-
   const Bytes more = RandomBytes(256, 5), additional = RandomBytes(20, 6);
   ASSERT_EQ(BIVO_sm3_hash_drbg_reseed(d.s, more.data(), 256, additional.data(), 20), 0u);
   ref.Reseed(more, additional);
   ASSERT_EQ(d.C(), ref.C());
-  EXPECT_EQ(d.Counter(), 1);
   run({64, 7});
   ASSERT_EQ(BIVO_sm3_hash_drbg_reseed(d.s, entropy.data(), 300, nullptr, 0), 0u);
   ref.Reseed(entropy, {});
   run({100});
-
-  // A large counter value enters the state update as eight bytes.
+  // A counter above 32 bits enters the state update as eight bytes.
   ASSERT_EQ(BIVO_sm3_hash_drbg_set_reseed_counter(d.s, 0x123456789ABull), 0u);
-  Bytes before = d.V(), out;
-  ASSERT_EQ(d.Generate(out, 16), 0u);
-  BIGNUM *v = BN_bin2bn(before.data(), 55, nullptr), *t = BN_new();
-  const Bytes h = EvpSm3({Cat({{0x03}, before})});
-  BN_bin2bn(h.data(), 32, t);
-  BN_add(v, v, t);
-  BN_bin2bn(d.C().data(), 55, t);
-  BN_add(v, v, t);
-  BN_set_word(t, 0x123456789ABull);
-  BN_add(v, v, t);
-  BN_mask_bits(v, 440);
-  Bytes expected(55);
-  BN_bn2binpad(v, expected.data(), 55);
-  EXPECT_EQ(d.V(), expected);
-  BN_free(v);
-  BN_free(t);
+  ref.set_counter(0x123456789ABll);
+  run({16, 16});
+
+  // Hashgen's V + 1 carries across all 55 bytes: all-ones wraps to zero.
+  std::memset(d.s->V, 0xFF, 55);
+  Bytes out(64);
+  ASSERT_EQ(IterationSm3HashGen(d.s, 64, out.data()), 0u);
+  EXPECT_EQ(Bytes(out.begin(), out.begin() + 32), EvpSm3({Bytes(55, 0xFF)}));
+  EXPECT_EQ(Bytes(out.begin() + 32, out.end()), EvpSm3({Bytes(55, 0x00)}));
+  EXPECT_EQ(IterationSm3HashGen(d.s, 0, out.data()), BIVO_ERR_LENGTH);
+  EXPECT_EQ(IterationSm3HashGen(nullptr, 10, out.data()), BIVO_ERR_NULL_POINTER);
 }
 
 TEST(Drbg, IdenticalInstantiationsGiveIdenticalStreams) {
   const Bytes entropy = RandomBytes(256, 7);
   Drbg a(entropy), b(entropy), c(RandomBytes(256, 8));
-  for (size_t n : {10u, 4096u, 65536u, 3u}) {
+  for (size_t n : {10u, 65536u, 3u}) {
     Bytes x, y, z;
     ASSERT_EQ(a.Generate(x, n), 0u);
     ASSERT_EQ(b.Generate(y, n), 0u);
@@ -202,72 +195,50 @@ TEST(Drbg, IdenticalInstantiationsGiveIdenticalStreams) {
 
 TEST(Drbg, EntropyLimits) {
   const Bytes entropy = RandomBytes(512, 9);
-  struct Case {
+  const struct {
     const unsigned char *entropy;
-    uint32_t len;
-    uint32_t status;
+    uint32_t len, status;
+  } cases[] = {
+      {entropy.data(), 0, BIVO_ERR_ZERO},   {entropy.data(), 255, BIVO_ERR_SHORT_ENTROPY},
+      {entropy.data(), 256, 0},             {entropy.data(), 512, 0},
+      {nullptr, 256, BIVO_ERR_NULL_POINTER}, {nullptr, 0, BIVO_ERR_NULL_POINTER},
   };
-  const Case cases[] = {
-      {entropy.data(), 0, BIVO_ERR_ZERO},           {entropy.data(), 1, BIVO_ERR_SHORT_ENTROPY},
-      {entropy.data(), 255, BIVO_ERR_SHORT_ENTROPY}, {entropy.data(), 256, 0},
-      {entropy.data(), 512, 0},                      {nullptr, 256, BIVO_ERR_NULL_POINTER},
-      {nullptr, 0, BIVO_ERR_NULL_POINTER},
-  };
-  for (const Case &c : cases) {
-    Drbg d;
+  for (const auto &c : cases) {
+    Drbg d, r(entropy);
     EXPECT_EQ(BIVO_sm3_hash_drbg_instantiate(d.s, c.entropy, c.len, nullptr, 0, nullptr, 0), c.status) << c.len;
     EXPECT_EQ(d.Counter(), c.status == 0 ? 1 : 0);
-    Drbg r(entropy);
     const Bytes v = r.V();
     EXPECT_EQ(BIVO_sm3_hash_drbg_reseed(r.s, c.entropy, c.len, nullptr, 0), c.status) << c.len;
-    if (c.status != 0) {
-      EXPECT_EQ(r.V(), v);
-    }
+    EXPECT_EQ(r.V() == v, c.status != 0);
   }
   Drbg d;
-  EXPECT_EQ(BIVO_sm3_hash_drbg_instantiate(nullptr, entropy.data(), 256, nullptr, 0, nullptr, 0),
-            BIVO_ERR_NULL_POINTER);
   EXPECT_EQ(BIVO_sm3_hash_drbg_instantiate(d.s, entropy.data(), 256, nullptr, 4, nullptr, 0), BIVO_ERR_NULL_POINTER);
   EXPECT_EQ(BIVO_sm3_hash_drbg_reseed(d.s, entropy.data(), 256, nullptr, 4), BIVO_ERR_NULL_POINTER);
 }
 
-TEST(Drbg, RequestLengthLimits) {
-  Drbg d(RandomBytes(256, 10));
-  Bytes out;
-  EXPECT_EQ(d.Generate(out, 65536), 0u);
-  const Bytes v = d.V();
+TEST(Drbg, RequestAndCounterLimits) {
+  Drbg d(RandomBytes(256, 10)), twin(RandomBytes(256, 10));
+  Bytes out, first, second;
   EXPECT_EQ(d.Generate(out, 65537), BIVO_ERR_REQUEST_TOO_LONG);
   EXPECT_EQ(d.Generate(out, 0), BIVO_ERR_HASHGEN);
-  EXPECT_EQ(d.V(), v);
-  EXPECT_EQ(d.Counter(), 2);
+  EXPECT_EQ(d.Counter(), 1);
 
-  // The arbitrary-length path cuts 65537 bytes into two requests.
-  Drbg twin(RandomBytes(256, 10));
-  Bytes first, second;
-  twin.Generate(first, 65536);
+  // 65537 bytes through the arbitrary-length path: two requests.
   twin.Generate(first, 65536);
   twin.Generate(second, 1);
   Bytes long_out(65537);
   ASSERT_EQ(BIVO_sm3_hash_drbg_generate_arbitrary_bytes(d.s, 65537, long_out.data()), 0u);
-  EXPECT_EQ(d.Counter(), 4);
-  EXPECT_EQ(Bytes(long_out.begin(), long_out.begin() + 65536), first);
-  EXPECT_EQ(long_out.back(), second[0]);
-  EXPECT_EQ(BIVO_sm3_hash_drbg_generate_arbitrary_bytes(d.s, 0, long_out.data()), BIVO_ERR_HASHGEN);
-}
+  EXPECT_EQ(d.Counter(), 3);
+  EXPECT_EQ(long_out, Cat({first, second}));
 
-TEST(Drbg, ReseedCounterLimits) {
-  Drbg d(RandomBytes(256, 11));
-  Bytes out;
   ASSERT_EQ(BIVO_sm3_hash_drbg_set_reseed_counter(d.s, k2To48), 0u);
   EXPECT_EQ(d.Generate(out, 32), 0u);  // exactly 2^48 still serves
-  EXPECT_EQ(d.Counter(), static_cast<int64_t>(k2To48 + 1));
   const Bytes v = d.V();
   EXPECT_EQ(d.Generate(out, 32), BIVO_ERR_RESEED_REQUIRED);
   EXPECT_EQ(BIVO_sm3_hash_drbg_generate_arbitrary_bytes(d.s, 100, out.data()), BIVO_ERR_RESEED_REQUIRED);
   EXPECT_EQ(d.V(), v);
-
   // Long outputs do not report the refusal; the refused share is zeroed.
-  Bytes long_out(70000, 0xEE);
+  long_out.assign(70000, 0xEE);
   EXPECT_EQ(BIVO_sm3_hash_drbg_generate_arbitrary_bytes(d.s, 70000, long_out.data()), 0u);
   EXPECT_EQ(long_out, Bytes(70000, 0));
 
@@ -275,12 +246,7 @@ TEST(Drbg, ReseedCounterLimits) {
   ASSERT_EQ(BIVO_sm3_hash_drbg_reseed(d.s, fresh.data(), 256, nullptr, 0), 0u);
   EXPECT_EQ(d.Counter(), 1);
   EXPECT_EQ(d.Generate(out, 32), 0u);
-
   EXPECT_EQ(BIVO_sm3_hash_drbg_set_reseed_counter(d.s, uint64_t{1} << 63), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(BIVO_sm3_hash_drbg_set_reseed_counter(nullptr, 1), BIVO_ERR_NULL_POINTER);
-  int64_t c = 0;
-  EXPECT_EQ(BIVO_sm3_hash_drbg_get_reseed_counter(nullptr, &c), BIVO_ERR_NULL_POINTER);
-  EXPECT_EQ(BIVO_sm3_hash_drbg_get_reseed_counter(d.s, nullptr), BIVO_ERR_NULL_POINTER);
 }
 
 TEST(Drbg, AdditionalInputIsRefusedWithoutChange) {
@@ -293,31 +259,10 @@ TEST(Drbg, AdditionalInputIsRefusedWithoutChange) {
   EXPECT_EQ(d.Counter(), 1);
   EXPECT_EQ(out, Bytes(64, 0xEE));
   EXPECT_EQ(BIVO_sm3_hash_drbg_generate(d.s, nullptr, 10, 64, out.data()), BIVO_ERR_NULL_POINTER);
-  EXPECT_EQ(BIVO_sm3_hash_drbg_generate(d.s, nullptr, 0, 64, nullptr), BIVO_ERR_NULL_POINTER);
   EXPECT_EQ(BIVO_sm3_hash_drbg_generate(nullptr, nullptr, 0, 64, out.data()), BIVO_ERR_NULL_POINTER);
 }
 
-TEST(Drbg, HashgenReadsVWithoutChangingIt) {
-  Drbg d(RandomBytes(256, 15));
-  ReferenceDrbg ref;
-  ref.Instantiate(RandomBytes(256, 15));
-  const Bytes v = d.V();
-  Bytes out(100);
-  ASSERT_EQ(IterationSm3HashGen(d.s, 100, out.data()), 0u);
-  EXPECT_EQ(d.V(), v);
-  EXPECT_EQ(out, ref.Generate(100));  // the model's output is its Hashgen
-  EXPECT_EQ(IterationSm3HashGen(d.s, 0, out.data()), BIVO_ERR_LENGTH);
-  EXPECT_EQ(IterationSm3HashGen(nullptr, 10, out.data()), BIVO_ERR_NULL_POINTER);
-  EXPECT_EQ(IterationSm3HashGen(d.s, 10, nullptr), BIVO_ERR_NULL_POINTER);
-
-  // V carries across its whole width: all-ones wraps to zero.
-  std::memset(d.s->V, 0xFF, 55);
-  ASSERT_EQ(IterationSm3HashGen(d.s, 64, out.data()), 0u);
-  EXPECT_EQ(Bytes(out.begin(), out.begin() + 32), EvpSm3({Bytes(55, 0xFF)}));
-  EXPECT_EQ(Bytes(out.begin() + 32, out.begin() + 64), EvpSm3({Bytes(55, 0x00)}));
-}
-
-TEST(Drbg, UninstantiateAndCleanse) {
+TEST(Drbg, UninstantiateWipesTheState) {
   Drbg d(RandomBytes(256, 16));
   ASSERT_EQ(BIVO_sm3_hash_drbg_set_reseed_counter(d.s, 77), 0u);
   ASSERT_EQ(BIVO_sm3_hash_drbg_uninstantiate(d.s), 0u);
@@ -326,12 +271,10 @@ TEST(Drbg, UninstantiateAndCleanse) {
   EXPECT_EQ(d.C(), Bytes(55, 0));
   EXPECT_EQ(BIVO_sm3_hash_drbg_uninstantiate(nullptr), BIVO_ERR_NULL_POINTER);
   EXPECT_EQ(BIVO_sm3_hash_drbg_free(nullptr), BIVO_ERR_NULL_POINTER);
-  EXPECT_EQ(BIVO_sm3_hash_drbg_new(nullptr), BIVO_ERR_NULL_POINTER);
 
   Bytes secret = RandomBytes(333, 17);
   EXPECT_EQ(BIVO_cleanse_memory(secret.data(), secret.size()), 0u);
   EXPECT_EQ(secret, Bytes(333, 0));
-  EXPECT_EQ(BIVO_cleanse_memory(nullptr, 0), 0u);
   EXPECT_EQ(BIVO_cleanse_memory(nullptr, 8), BIVO_ERR_NULL_POINTER);
 }
 
@@ -348,7 +291,6 @@ TEST(Drbg, FileOutput) {
   ASSERT_EQ(BIVO_sm3_hash_drbg_generate_file_of_arbitrary_bytes(d.s, 0, path.c_str()), 0u);
   EXPECT_TRUE(ReadBytes(path).empty());
   EXPECT_EQ(BIVO_sm3_hash_drbg_generate_file_of_arbitrary_bytes(d.s, 10, dir.file("no/dir").c_str()), BIVO_ERR_FILE);
-  EXPECT_EQ(BIVO_sm3_hash_drbg_generate_file_of_arbitrary_bytes(d.s, 10, nullptr), BIVO_ERR_NULL_POINTER);
   BIVO_sm3_hash_drbg_set_reseed_counter(d.s, k2To48 + 1);
   EXPECT_EQ(BIVO_sm3_hash_drbg_generate_file_of_arbitrary_bytes(d.s, 10, path.c_str()), BIVO_ERR_RESEED_REQUIRED);
   EXPECT_TRUE(ReadBytes(path).empty());  // not overwritten

@@ -24,12 +24,13 @@ inline Bytes EvpSm3(const std::vector<Bytes> &parts) {
   return out;
 }
 
-// SM4-ECB or SM4-CBC without padding (iv empty for ECB).
-inline Bytes EvpSm4(const Bytes &in, const Bytes &key, const Bytes &iv, bool encrypt) {
+// SM4-ECB or SM4-CBC (iv empty for ECB), with or without PKCS#7 padding,
+// which is the padding rule of the library's padded modes.
+inline Bytes EvpSm4(const Bytes &in, const Bytes &key, const Bytes &iv, bool encrypt, bool pad = false) {
   EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
   EVP_CipherInit_ex(ctx, iv.empty() ? EVP_sm4_ecb() : EVP_sm4_cbc(), nullptr, key.data(),
                     iv.empty() ? nullptr : iv.data(), encrypt ? 1 : 0);
-  EVP_CIPHER_CTX_set_padding(ctx, 0);
+  EVP_CIPHER_CTX_set_padding(ctx, pad ? 1 : 0);
   Bytes out(in.size() + 16);
   int n1 = 0, n2 = 0;
   EVP_CipherUpdate(ctx, out.data(), &n1, in.data(), static_cast<int>(in.size()));

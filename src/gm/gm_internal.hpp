@@ -26,8 +26,11 @@ inline void store_u32_be(uint8_t *p, uint32_t v) {
 inline constexpr uint32_t kSm3Iv[8] = {0x7380166F, 0x4914B2B9, 0x172442D7, 0xDA8A0600,
                                        0xA96F30BC, 0x163138AA, 0xE38DEE4D, 0xB0FB0E4E};
 
-// Compresses n consecutive 64-byte blocks into the chaining value.
+// Compresses n consecutive 64-byte blocks into the chaining value, through
+// the fastest build of the loop this CPU runs; the portable build is kept
+// reachable so it can be checked on any CPU.
 void Sm3Compress(uint32_t state[8], const uint8_t *blocks, size_t n);
+void Sm3CompressPortable(uint32_t state[8], const uint8_t *blocks, size_t n);
 
 // The streaming steps behind sm3_init/update/final, for the library's own
 // callers (direct calls, no null checks).

@@ -122,13 +122,13 @@ inline uint32_t Early(uint32_t x) {
 
 }  // namespace
 
+void Sm3CompressPortable(uint32_t state[8], const uint8_t *blocks, size_t n) {
+  for (; n != 0; --n, blocks += 64) CompressOne(state, blocks);
+}
+
 namespace {
 
 using CompressFn = void (*)(uint32_t *, const uint8_t *, size_t);
-
-void CompressPortable(uint32_t *state, const uint8_t *blocks, size_t n) {
-  for (; n != 0; --n, blocks += 64) CompressOne(state, blocks);
-}
 
 // A second build of the loop for CPUs with BMI1/BMI2: three-operand rotates
 // and and-not, no register copies. Chosen once, on first use.
@@ -139,10 +139,10 @@ __attribute__((target("bmi,bmi2"))) void CompressBmi2(uint32_t *state, const uin
 
 CompressFn PickCompress() {
   __builtin_cpu_init();
-  return __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2") ? CompressBmi2 : CompressPortable;
+  return __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2") ? CompressBmi2 : Sm3CompressPortable;
 }
 #else
-CompressFn PickCompress() { return CompressPortable; }
+CompressFn PickCompress() { return Sm3CompressPortable; }
 #endif
 
 }  // namespace

@@ -1,13 +1,12 @@
 // Request text -> ZEPH_REQ_PARAM. One fixed record; the only allocations are
 // the two owned texts (value and certificate).
-#include <openssl/evp.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 
 #include "ci/ci_internal.hpp"
 #include "foundation/internal.hpp"
+#include "zeph_c_utils.h"
 
 namespace zeph::ci {
 namespace {
@@ -45,31 +44,15 @@ uint32_t ReadText(const cJSON *root, std::initializer_list<const char *> keys, T
   return 0;
 }
 
-// Standard base64 on one line with "=" padding, decoded into at most cap
-// bytes. An empty text decodes to nothing.
+// Base64 decoded into at most cap bytes; an empty text decodes to nothing.
 uint32_t DecodeBase64Into(const char *text, uint8_t *out, uint32_t cap, uint32_t *out_len) {
-  const size_t n = std::strlen(text);
-  if (n == 0) {
-    *out_len = 0;
-    return 0;
-  }
-  if (n % 4 != 0 || n > 0x7FFFFFF0u) return ERR_BASE64_INVALID;
-  size_t pads = 0;
-  while (pads < 2 && text[n - 1 - pads] == '=') ++pads;
-  for (size_t i = 0; i < n - pads; ++i) {
-    const char c = text[i];
-    const bool ok = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' ||
-                    c == '/';
-    if (!ok) return ERR_BASE64_INVALID;
-  }
-  const size_t decoded = n / 4 * 3 - pads;
-  if (decoded > cap) return ERR_INVALID_PARAMETER;
-  SecureBytes work(n / 4 * 3);
-  if (EVP_DecodeBlock(work.data(), reinterpret_cast<const unsigned char *>(text), static_cast<int>(n)) < 0) {
-    return ERR_BASE64_INVALID;
-  }
-  std::memcpy(out, work.data(), decoded);
-  *out_len = static_cast<uint32_t>(decoded);
+  *out_len = 0;
+  if (text[0] == '\0') return 0;
+  uint32_t n = cap;
+  const uint32_t rv = zeph_c_utils_b64tohex2(text, out, &n);
+  if (rv == ERR_BUFFER_TOO_SMALL) return ERR_INVALID_PARAMETER;
+  ZEPH_TRY(rv);
+  *out_len = n;
   return 0;
 }
 

@@ -19,8 +19,9 @@ constexpr uintptr_t kHandleBase = 0x5EC000000000;
 
 // Test hooks, re-read from the environment on every call.
 //   ZEPH_SOFTKEY_FAULT="SKF_OpenContainer:1:0x0A000005,SKF_VerifyPIN:*:0x0A000025"
-//     the n-th call (counted since the variable last changed; * = every call)
-//     of the named function returns the status and does nothing else.
+//     the n-th call (counted since a call last saw another value; * = every
+//     call) of the named function returns the status and does nothing else.
+//     Malformed entries are ignored, so a tag can make a value new.
 //   ZEPH_SOFTKEY_TRACE=/path/file   one line appended per call.
 class Hooks {
  public:

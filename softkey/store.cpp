@@ -124,7 +124,11 @@ bool ParseKey(const cJSON *o, std::optional<KeyPair> &out) {
   if (!cJSON_IsObject(o) || !GetU32(o, "alg", k.alg) || !GetU32(o, "bits", k.bits) || !GetHex(o, "pub", k.pub) ||
       !GetHex(o, "sealed", k.sealed))
     return false;
-  if (k.alg != SGD_SM2_1 && k.alg != SGD_RSA) return false;
+  // Callers rely on the shapes: a 65-byte uncompressed point, an RSA size the
+  // blobs can hold.
+  const bool sm2 = k.alg == SGD_SM2_1 && k.bits == 256 && k.pub.size() == 65 && k.pub[0] == 0x04;
+  const bool rsa = k.alg == SGD_RSA && (k.bits == 1024 || k.bits == 2048) && !k.pub.empty();
+  if (!sm2 && !rsa) return false;
   out = std::move(k);
   return true;
 }

@@ -147,6 +147,7 @@ TEST_F(AbuseTest, DamagedDeviceFilesAreReportedNotTrusted) {
       swap(good, "\"max\":\t3", "\"max\":\t-1"),
       swap(good, "\"signCert\":\t\"", "\"signCert\":\t\"*"),
       swap(good, "\"alg\":\t131328", "\"alg\":\t7"),
+      swap(good, "\"pub\":\t\"04", "\"pub\":\t\"0400\",\"x\":\""),  // a short point
   };
   for (const auto &text : damaged) {
     zeph_test::WriteBytes(path, std::vector<uint8_t>(text.begin(), text.end()));

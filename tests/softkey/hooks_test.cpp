@@ -65,6 +65,9 @@ TEST_F(HookTest, FaultHookFailsTheNamedCallOnlyAndDoesNothingElse) {
       {"SKF_VerifyPIN:1:5;SKF_OpenContainer:1:7, SKF_OpenContainer:3:8", {7, SAR_OK, 8, SAR_OK}},
       {"garbage,SKF_OpenContainer,SKF_OpenContainer:0:1,SKF_OpenContainer:x:1,:1:1", {0, 0, 0, 0}},
       {"SKF_OpenContainer:1:0x1FFFFFFFF", {0, 0, 0, 0}},
+      {"SKF_OpenContainer:2:0x0A000005", {SAR_OK, SAR_INVALIDHANDLEERR, SAR_OK, SAR_OK}},
+      {"SKF_OpenContainer:2:0x0A000005", {SAR_OK, SAR_OK, SAR_OK, SAR_OK}},  // the same value counts on
+      {"again,SKF_OpenContainer:2:0x0A000005", {SAR_OK, SAR_INVALIDHANDLEERR, SAR_OK, SAR_OK}},
   };
   for (const auto &c : cases) {
     setenv("ZEPH_SOFTKEY_FAULT", c.spec, 1);  // counting starts over with each new value

@@ -531,7 +531,7 @@ ULONG CreateDevice(const std::string &dir, const Device &d) {
   if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return SAR_WRITEFILEERR;
   DeviceLock lock(dir);
   if (!lock.held()) return SAR_WRITEFILEERR;
-  if (IsFile(dir + kStateFile)) return SAR_APPLICATION_EXISTS;
+  if (IsFile(dir + kStateFile)) return SAR_FILE_ALREADY_EXIST;
   return Store(dir, d);
 }
 

@@ -57,7 +57,7 @@ TEST_F(HookTest, FaultHookFailsTheNamedCallOnlyAndDoesNothingElse) {
     return rv;
   };
   struct Case {
-    const char *spec;
+    const char *text;
     std::vector<ULONG> expected;  // statuses of four calls of SKF_OpenContainer
   } const cases[] = {
       {"SKF_OpenContainer:2:0x0A000005", {SAR_OK, SAR_INVALIDHANDLEERR, SAR_OK, SAR_OK}},
@@ -70,10 +70,10 @@ TEST_F(HookTest, FaultHookFailsTheNamedCallOnlyAndDoesNothingElse) {
       {"again,SKF_OpenContainer:2:0x0A000005", {SAR_OK, SAR_INVALIDHANDLEERR, SAR_OK, SAR_OK}},
   };
   for (const auto &c : cases) {
-    setenv("ZEPH_SOFTKEY_FAULT", c.spec, 1);  // counting starts over with each new value
+    setenv("ZEPH_SOFTKEY_FAULT", c.text, 1);  // counting starts over with each new value
     std::vector<ULONG> got;
     for (int i = 0; i < 4; ++i) got.push_back(open());
-    EXPECT_EQ(got, c.expected) << c.spec;
+    EXPECT_EQ(got, c.expected) << c.text;
   }
   // A failed call has no effect: the file is not created.
   setenv("ZEPH_SOFTKEY_FAULT", "SKF_CreateFile:1:0x0A000030", 1);

@@ -27,24 +27,44 @@ ZEPH_API int se_getLogPath(char *out);
 ZEPH_API void *LoadLibraryA(const char *file_name);
 ZEPH_API int FreeLibrary(void *module);
 ZEPH_API void *GetProcAddress(void *module, const char *name);
+/* Sets the directory of the device configuration file (at most 1,024
+ * characters); 0, or 0xFFFFFFFF leaving the directory unchanged. */
 ZEPH_API uint32_t ZEPH_C_SetConfig(const char *directory);
+/* Path of "vorli_ukey_cfg.json" into a 260-byte buffer: the configuration
+ * directory's file if it exists, else the working directory's, else the bare
+ * name. */
 ZEPH_API int get_vorli_cfg_path(char *out);
+/* Path of the deployment INI file into a 260-byte buffer:
+ * "$KANDELOR_CONFIG_FILE_PATH//KandelorOstConfig.ini", or
+ * "//etc//KandelorOstConfig.ini" when the variable is unset. A variable too
+ * long for the buffer leaves it empty and gives ERR_INVALID_PARAMETER. */
 ZEPH_API int GetKandelorOstConfigPath(char *out);
+/* INI readers. The text reader returns the value's length, or 0 with the
+ * default copied; both are cut to out_size - 1 characters and terminated. */
 ZEPH_API uint32_t GetPrivateProfileString(const char *section, const char *key, const char *default_text,
                                           char *out, uint32_t out_size, const char *file_name);
 ZEPH_API int32_t GetPrivateProfileInt(const char *section, const char *key, int32_t default_value,
                                       const char *file_name);
 
 /* ---- Encoding, files, time, URLs ------------------------------------- */
+/* Whole regular files. readFile with a NULL buffer reports the size; with a
+ * buffer, *in_out_length is its capacity (ERR_BUFFER_TOO_SMALL if short).
+ * Failures to open or read give 0xFFFFFFFF. */
 ZEPH_API uint32_t zeph_c_utils_readFile(const char *path, unsigned char *buffer, uint32_t *in_out_length);
 ZEPH_API uint32_t zeph_c_utils_writeFile(const char *path, const unsigned char *data, uint32_t length);
+/* Base64 on one line. Texts written for the caller are terminated: a NULL
+ * out asks for the bytes needed (terminator included); on success the length
+ * is the text length. */
 ZEPH_API uint32_t File_PEMEncode(const unsigned char *data, uint32_t length, char *out, uint32_t *out_length);
 ZEPH_API uint32_t File_PEMDecode(const char *text, uint32_t length, unsigned char *out, uint32_t *out_length);
+/* Buffers handed out (b64tohex, hex2b64, mergeBuffer, add/del_P5_padding,
+ * zeph_parse_url) are released with free(). */
 ZEPH_API uint32_t zeph_c_utils_b64tohex(const char *text, unsigned char **out_buffer, uint32_t *out_length);
 ZEPH_API uint32_t zeph_c_utils_b64tohex2(const char *text, unsigned char *out, uint32_t *in_out_length);
 ZEPH_API uint32_t zeph_c_utils_hex2b64(const unsigned char *data, uint32_t length, char **out_text);
 ZEPH_API uint32_t zeph_c_utils_hex2ascii(const unsigned char *data, uint32_t length, char *out,
                                          uint32_t *in_out_length);
+/* Placeholders that succeed and convert nothing. */
 ZEPH_API uint32_t zeph_c_utils_ascii2hex(const char *text, uint32_t length, unsigned char *out,
                                          uint32_t *out_length);
 ZEPH_API uint32_t zeph_c_gbk2utf8(char *out, const char *text, uint32_t length);
@@ -52,10 +72,15 @@ ZEPH_API uint32_t zeph_gbk2utf8_malloc(const char *text, uint32_t length, char *
 ZEPH_API uint32_t zeph_c_utils_mergeBuffer(const unsigned char *first, uint32_t first_length,
                                            const unsigned char *second, uint32_t second_length,
                                            unsigned char **out_buffer, uint32_t *out_length);
+/* "YYYYMMDDhhmmss" local time of an ASN.1 time (empty when it does not
+ * convert); output texts as for File_PEMEncode. */
 ZEPH_API uint32_t zeph_c_utils_getStandardTime(const ASN1_TIME *asn1_time, char *out, uint32_t *in_out_length);
 ZEPH_API uint32_t zeph_c_utils_GMTgetStandardTime(const ASN1_TIME *asn1_time, char *out,
                                                   uint32_t *in_out_length);
+/* Writes the name (at most 21 bytes with the terminator) for codes 3..6. */
 ZEPH_API uint32_t zeph_getVorliAlgName(uint32_t code, char *out);
+/* "http[s]://host[:port]": 1 with new host and port texts, or 0 with both
+ * NULL. A bracketed IPv6 host comes back without brackets. */
 ZEPH_API int zeph_parse_url(const char *url, char **out_host, char **out_port, int *out_is_https);
 
 /* ---- Digests, SM4-ECB and PKCS#5 ------------------------------------- */
@@ -65,8 +90,9 @@ ZEPH_API uint32_t zeph_c_utils_digest(uint32_t algorithm, const unsigned char *d
 ZEPH_API uint32_t zeph_c_utils_digestWithFilePath(const char *file_name, uint32_t algorithm,
                                                   unsigned char *out_digest, uint32_t *in_out_digest_length,
                                                   int *out_nid);
-/* Output buffers follow the library convention: NULL out asks for the
- * length; *out_length is the capacity on entry and the result length on exit. */
+/* SM4-ECB with a 16-byte key, whatever the algorithm identifier. Output
+ * buffers follow the library convention: NULL out asks for the length;
+ * *out_length is the capacity on entry and the result length on exit. */
 ZEPH_API uint32_t zeph_c_utils_encrypt(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
                                        const unsigned char *key, uint32_t key_length, unsigned char *out,
                                        uint32_t *out_length);
@@ -79,6 +105,8 @@ ZEPH_API uint32_t zeph_c_utils_encryptNoPading(uint32_t algorithm, const unsigne
 ZEPH_API uint32_t zeph_c_utils_decryptNoPading(uint32_t algorithm, const unsigned char *data,
                                                uint32_t data_length, const unsigned char *key,
                                                uint32_t key_length, unsigned char *out, uint32_t *out_length);
+/* FILE -> FILE.enc (FILE.dec), never overwriting an existing output; a
+ * failed run leaves no output behind. */
 ZEPH_API uint32_t zeph_c_utils_encryptWithFilePath(const char *file_name, const unsigned char *reserved,
                                                    uint32_t reserved_length, const unsigned char *key,
                                                    uint32_t key_length);

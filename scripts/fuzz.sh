@@ -2,7 +2,7 @@
 # Runs every libFuzzer target of a fuzz build for the given seconds each.
 # usage: fuzz.sh BUILD_DIR SECONDS
 set -euo pipefail
-build=${1:?build dir}
+build=$(cd "${1:?build dir}" && pwd)
 seconds=${2:-60}
 root=$(cd "$(dirname "$0")/.." && pwd)
 shopt -s nullglob

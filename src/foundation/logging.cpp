@@ -1,4 +1,5 @@
 // Debug records for the host's log callback and hex dumps to the daily file.
+#include <atomic>
 #include <cinttypes>
 #include <cstdio>
 #include <ctime>
@@ -9,7 +10,13 @@
 
 namespace {
 
+// A plain slot (its address is handed out), accessed atomically so that a
+// callback installed while the device monitor logs is no data race.
 zeph_log_callback gLogCb = nullptr;
+
+zeph_log_callback LoadCallback() {
+  return std::atomic_ref<zeph_log_callback>(gLogCb).load(std::memory_order_acquire);
+}
 
 std::tm LocalNow() {
   const std::time_t now = std::time(nullptr);
@@ -23,12 +30,12 @@ std::tm LocalNow() {
 extern "C" {
 
 ZEPH_API zeph_log_callback *setLogCallback(zeph_log_callback callback) {
-  gLogCb = callback;
+  std::atomic_ref<zeph_log_callback>(gLogCb).store(callback, std::memory_order_release);
   return &gLogCb;
 }
 
 ZEPH_API void zeph_logger_debug(const char *message, int64_t status, const char *source_file, int line) {
-  const zeph_log_callback cb = gLogCb;
+  const zeph_log_callback cb = LoadCallback();
   if (cb == nullptr) return;
   try {
     const std::tm t = LocalNow();
@@ -59,7 +66,7 @@ ZEPH_API void zeph_logger_debug(const char *message, int64_t status, const char 
 }
 
 ZEPH_API int se_getTimeString(char *out) {
-  if (out == nullptr) return 0;
+  if (out == nullptr) return static_cast<int>(ERR_INVALID_PARAMETER);
   const std::tm t = LocalNow();
   std::snprintf(out, 16, "%04d%02d%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday);
   return 0;

@@ -2,11 +2,13 @@
 #include <cstring>
 
 #include "foundation/internal.hpp"
+#include "gm/gm_internal.hpp"
 #include "zeph_c_gm.h"
 
 namespace {
 
-constexpr uint32_t kDigestFailed = 6;
+constexpr uint32_t kNoMemory = BIVO_ERR_NO_MEMORY;
+constexpr uint32_t kDigestFailed = BIVO_ERR_DIGEST;
 constexpr size_t kMaxIdLength = 8191;  // ENTL is a 16-bit bit count
 
 // SM2 recommended curve: a, b, xG, yG (big-endian).
@@ -21,40 +23,82 @@ constexpr uint8_t kCurveParams[128] = {
     0xD0, 0xA9, 0x87, 0x7C, 0xC6, 0x2A, 0x47, 0x40, 0x02, 0xDF, 0x32, 0xE5, 0x21, 0x39, 0xF0, 0xA0,
 };
 
+void FreeDigestBuffer(void *p) noexcept { CRYPTO_free(p, "preprocess_sm3", __LINE__); }
+
+bool ArgumentsMissing(const char *id, const unsigned char *pubkey65, const unsigned char *out32) {
+  return id == nullptr || pubkey65 == nullptr || out32 == nullptr;
+}
+
+// ENTL, the identity, the curve and the key, in the order Z hashes them.
+// False for an identity above 8191 bytes or a failing absorb step.
+template <class Absorb>
+bool AbsorbZInput(const char *id, const unsigned char *pubkey65, Absorb &&absorb) {
+  const size_t id_len = std::strlen(id);
+  if (id_len > kMaxIdLength) return false;
+  const uint16_t entl = static_cast<uint16_t>(id_len * 8);
+  const uint8_t entl_hi = static_cast<uint8_t>(entl >> 8), entl_lo = static_cast<uint8_t>(entl);
+  return absorb(&entl_hi, 1) && absorb(&entl_lo, 1) && absorb(id, id_len) &&
+         absorb(kCurveParams, sizeof kCurveParams) && absorb(pubkey65 + 1, 32) && absorb(pubkey65 + 33, 32);
+}
+
 }  // namespace
 
 extern "C" {
 
+ZEPH_API uint32_t ComputeUserIdSm3Digest(const char *id, const unsigned char *pubkey65, uint32_t pubkey_len,
+                                         unsigned char *z_out32) {
+  if (ArgumentsMissing(id, pubkey65, z_out32)) return ERR_INVALID_PARAMETER;
+  std::memset(z_out32, 0, 32);
+  BIVO_SM3_CTX ctx;
+  zeph::gm::Sm3Init(&ctx);
+  const bool absorbed = AbsorbZInput(id, pubkey65, [&](const void *p, size_t n) {
+    zeph::gm::Sm3Update(&ctx, static_cast<const uint8_t *>(p), n);
+    return true;
+  });
+  if (!absorbed) return kDigestFailed;
+  zeph::gm::Sm3Final(z_out32, &ctx);
+  return 0;
+}
+
 ZEPH_API uint32_t ComputeUserIdSm3Digest_EVP(const char *id, const unsigned char *pubkey65, uint32_t pubkey_len,
                                              unsigned char *z_out32) {
-  uint32_t status = kDigestFailed;
-  uint8_t xa[32], ya[32];
-  std::memcpy(xa, pubkey65 + 1, 32);
-  std::memcpy(ya, pubkey65 + 33, 32);
+  if (ArgumentsMissing(id, pubkey65, z_out32)) return ERR_INVALID_PARAMETER;
   std::memset(z_out32, 0, 32);
-  const size_t id_len = std::strlen(id);
-  if (id_len > kMaxIdLength) return status;
-  const uint16_t entl = static_cast<uint16_t>(id_len * 8);
-  const uint8_t entl_hi = static_cast<uint8_t>(entl >> 8), entl_lo = static_cast<uint8_t>(entl);
-
+  if (std::strlen(id) > kMaxIdLength) return kDigestFailed;
   zeph::EvpMdCtxPtr ctx(EVP_MD_CTX_new());
+  if (!ctx || EVP_DigestInit(ctx.get(), EVP_sm3()) != 1) return kDigestFailed;
+  const bool absorbed = AbsorbZInput(id, pubkey65, [&](const void *p, size_t n) {
+    return EVP_DigestUpdate(ctx.get(), p, n) == 1;
+  });
   unsigned int n = 0;
-  if (ctx && EVP_DigestInit(ctx.get(), EVP_sm3()) == 1 && EVP_DigestUpdate(ctx.get(), &entl_hi, 1) == 1 &&
-      EVP_DigestUpdate(ctx.get(), &entl_lo, 1) == 1 && EVP_DigestUpdate(ctx.get(), id, id_len) == 1 &&
-      EVP_DigestUpdate(ctx.get(), kCurveParams, sizeof kCurveParams) == 1 &&
-      EVP_DigestUpdate(ctx.get(), xa, 32) == 1 && EVP_DigestUpdate(ctx.get(), ya, 32) == 1 &&
-      EVP_DigestFinal(ctx.get(), z_out32, &n) == 1) {
-    status = 0;
-  }
-  return status;
+  if (!absorbed || EVP_DigestFinal(ctx.get(), z_out32, &n) != 1) return kDigestFailed;
+  return 0;
+}
+
+ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest(const char *id, const unsigned char *pubkey65,
+                                                  uint32_t pubkey_len, const unsigned char *msg, uint32_t msg_len,
+                                                  unsigned char *e_out32) {
+  if (ArgumentsMissing(id, pubkey65, e_out32) || (msg == nullptr && msg_len != 0)) return ERR_INVALID_PARAMETER;
+  std::unique_ptr<uint8_t, zeph::Free<FreeDigestBuffer>> e(
+      static_cast<uint8_t *>(CRYPTO_malloc(32, "preprocess_sm3", __LINE__)));
+  if (!e) return kNoMemory;
+  uint8_t z[32];
+  ZEPH_TRY(ComputeUserIdSm3Digest(id, pubkey65, pubkey_len, z));
+  BIVO_SM3_CTX ctx;
+  zeph::gm::Sm3Init(&ctx);
+  zeph::gm::Sm3Update(&ctx, z, sizeof z);
+  zeph::gm::Sm3Update(&ctx, msg, msg_len);
+  zeph::gm::Sm3Final(e.get(), &ctx);
+  std::memcpy(e_out32, e.get(), 32);
+  return 0;
 }
 
 ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_EVP(const char *id, const unsigned char *pubkey65,
                                                       uint32_t pubkey_len, const unsigned char *msg,
                                                       uint32_t msg_len, unsigned char *e_out32) {
+  if (ArgumentsMissing(id, pubkey65, e_out32) || (msg == nullptr && msg_len != 0)) return ERR_INVALID_PARAMETER;
   uint8_t z[32];
-  const uint32_t zs = ComputeUserIdSm3Digest_EVP(id, pubkey65, pubkey_len, z);
-  if (zs != 0) return zs;
+  ZEPH_TRY(ComputeUserIdSm3Digest_EVP(id, pubkey65, pubkey_len, z));
   zeph::EvpMdCtxPtr ctx(EVP_MD_CTX_new());
   uint8_t e[EVP_MAX_MD_SIZE];
   unsigned int n = 0;
@@ -64,6 +108,27 @@ ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_EVP(const char *id, const unsi
   }
   std::memcpy(e_out32, e, n);
   return 0;
+}
+
+ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_init(const char *id, const unsigned char *pubkey65,
+                                                       uint32_t pubkey_len, BIVO_SM3_CTX **out_ctx) {
+  if (id == nullptr || pubkey65 == nullptr || out_ctx == nullptr) return ERR_INVALID_PARAMETER;
+  uint8_t z[32];
+  ZEPH_TRY(ComputeUserIdSm3Digest(id, pubkey65, pubkey_len, z));
+  BIVO_SM3_CTX *ctx = nullptr;
+  ZEPH_TRY(BIVO_sm3_digest_init(&ctx));
+  zeph::gm::Sm3Update(ctx, z, sizeof z);
+  *out_ctx = ctx;
+  return 0;
+}
+
+ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_update(BIVO_SM3_CTX *ctx, const unsigned char *data,
+                                                         uint32_t len) {
+  return BIVO_sm3_digest_update(ctx, data, len);
+}
+
+ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_final(BIVO_SM3_CTX *ctx, unsigned char *e_out32) {
+  return BIVO_sm3_digest_final(ctx, e_out32);
 }
 
 }  // extern "C"

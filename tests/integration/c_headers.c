@@ -8,6 +8,7 @@
 #include "zeph_c_utils.h"
 #include "zeph_skf.h"
 
+#include <stdlib.h>
 #include <string.h>
 
 int zeph_c_header_check(void) {
@@ -19,5 +20,35 @@ int zeph_c_header_check(void) {
   if (setLogCallback(NULL) == NULL) return 3;
   if (sizeof(DEVINFO) != 294) return 4;
   (void)version;
+
+  /* The foundation helpers through the C view of their prototypes. */
+  {
+    const unsigned char abc[3] = {'a', 'b', 'c'};
+    unsigned char digest[32];
+    uint32_t len = sizeof digest;
+    int nid = 0;
+    char *text = NULL;
+    unsigned char *bytes = NULL;
+    char hex[6];
+    char name[21];
+    char *host = NULL;
+    char *port = NULL;
+    int https = 0;
+
+    if (zeph_c_utils_digest(1, abc, 3, digest, &len, &nid) != 0 || len != 32 || nid != 1143) return 5;
+    if (digest[0] != 0x66 || digest[31] != 0xE0) return 6;
+    if (zeph_c_utils_hex2b64(abc, 3, &text) != 0 || strcmp(text, "YWJj") != 0) return 7;
+    if (zeph_c_utils_b64tohex(text, &bytes, &len) != 0 || len != 3 || memcmp(bytes, abc, 3) != 0) return 8;
+    free(text);
+    free(bytes);
+    len = sizeof hex;
+    if (zeph_c_utils_hex2ascii(abc, 3, hex, &len) != 0 || len != 6 || memcmp(hex, "616263", 6) != 0) return 9;
+    if (zeph_getVorliAlgName(4, name) != 0 || strcmp(name, "SHA256withRSA") != 0) return 10;
+    if (zeph_parse_url("https://[::1]:8443", &host, &port, &https) != 1) return 11;
+    if (strcmp(host, "::1") != 0 || strcmp(port, "8443") != 0 || https != 1) return 12;
+    free(host);
+    free(port);
+    if (ZEPH_C_SetConfig(NULL) != 0xFFFFFFFFu) return 13;
+  }
   return 0;
 }

@@ -402,7 +402,9 @@ ZEPH_API uint32_t GM_SKF_CTX_EnumAllInfo(GM_SKF_CTX *ctx, char *out, uint32_t *i
       for (std::string &f : files) {
         FILEATTRIBUTE attr{};
         ZEPH_TRY(CallSkf(skf.SKF_GetFileInfo, ERR_OPEN_SESSION_FAILED, app.app, f.data(), &attr));
-        report += "  file " + f + ": " + std::to_string(attr.FileSize) + " bytes\n";
+        char size[16];
+        std::snprintf(size, sizeof size, "%u", static_cast<unsigned>(attr.FileSize));
+        report += "  file " + f + ": " + size + " bytes\n";
       }
     }
     return zeph::PutOutput({reinterpret_cast<const uint8_t *>(report.c_str()), report.size() + 1},

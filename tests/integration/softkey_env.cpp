@@ -1,3 +1,5 @@
+#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_NOEXT_LIB) && defined(ZEPH_SOFTKEY_TOOL)
+
 #include "softkey_env.hpp"
 
 #include <cstdio>
@@ -163,3 +165,5 @@ std::string Names(const std::vector<TraceLine> &trace) {
 }
 
 }  // namespace zeph_it
+
+#endif

@@ -3,8 +3,10 @@
 // that load but offer no SKF entry point. The configuration text and the
 // library table are process-wide and built once, so every scenario that
 // builds a table runs in a fresh process.
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fstream>
@@ -18,17 +20,31 @@
 
 namespace {
 
-// Runs `body` in a re-executed copy of this test binary.
-#define IN_FRESH_PROCESS(body)                                       \
-  do {                                                               \
-    GTEST_FLAG_SET(death_test_style, "threadsafe");                  \
-    EXPECT_EXIT(                                                     \
-        {                                                            \
-          body;                                                      \
-          std::exit(::testing::Test::HasFailure() ? 1 : 0);          \
-        },                                                           \
-        ::testing::ExitedWithCode(0), "");                           \
-  } while (0)
+// Runs `body` in a re-executed copy of this test binary; its failures are
+// printed there and fail the test here.
+template <class F>
+[[noreturn]] void RunAndExit(F body) {
+  ::testing::TestPartResultArray results;
+  {
+    ::testing::ScopedFakeTestPartResultReporter intercept(
+        ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS, &results);
+    body();
+  }
+  int failures = 0;
+  for (int i = 0; i < results.size(); ++i) {
+    const ::testing::TestPartResult &r = results.GetTestPartResult(i);
+    if (!r.failed()) continue;
+    ++failures;
+    std::fprintf(stderr, "%s:%d: %s\n", r.file_name() != nullptr ? r.file_name() : "?", r.line_number(), r.message());
+  }
+  std::exit(failures == 0 ? 0 : 1);
+}
+
+template <class F>
+void InFreshProcess(F body) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(RunAndExit(body), ::testing::ExitedWithCode(0), "");
+}
 
 std::string Entry(int type, const std::string &vid, const std::string &lib) {
   return "{\"type\":" + std::to_string(type) + ",\"vid\":\"" + vid + "\",\"skfLib\":\"" + lib + "\"}";
@@ -153,7 +169,7 @@ std::string StandIns() {
 }
 
 TEST(LibraryTable, PrefixRulesAndAFailedLibraryHidingLaterVendors) {
-  IN_FRESH_PROCESS({
+  InFreshProcess([] {
     ASSERT_EQ(ZEPH_C_SetConfigInfo(StandIns().c_str()), 0u);
     ASSERT_EQ(loadAllOfCryptoDeviceHandle(), 0u);
     void *libc = dlopen("libc.so.6", RTLD_LAZY | RTLD_NOLOAD);
@@ -204,7 +220,7 @@ TEST(LibraryTable, PrefixRulesAndAFailedLibraryHidingLaterVendors) {
 }
 
 TEST(LibraryTable, BuiltOnceAndLaterConfigurationsChangeOnlyTexts) {
-  IN_FRESH_PROCESS({
+  InFreshProcess([] {
     ASSERT_EQ(ZEPH_C_SetConfigInfo(("[" + Entry(7, "LC", "libc.so.6") + "]").c_str()), 0u);
     ASSERT_EQ(loadAllOfCryptoDeviceHandle(), 0u);
     void *first = getCryptoDeviceHandleWithKeySN("LC_1");
@@ -218,7 +234,7 @@ TEST(LibraryTable, BuiltOnceAndLaterConfigurationsChangeOnlyTexts) {
 }
 
 TEST(LibraryTable, FirstBuildRacesSafely) {
-  IN_FRESH_PROCESS({
+  InFreshProcess([] {
     ASSERT_EQ(ZEPH_C_SetConfigInfo(StandIns().c_str()), 0u);
     std::vector<void *> seen(8, nullptr);
     std::vector<uint32_t> status(8, 1);
@@ -244,7 +260,7 @@ TEST(LibraryTable, FirstBuildRacesSafely) {
 }
 
 TEST(LibraryTable, EmptyConfigurationServesNothing) {
-  IN_FRESH_PROCESS({
+  InFreshProcess([] {
     ASSERT_EQ(ZEPH_C_SetConfigInfo("[]"), 0u);
     EXPECT_EQ(loadAllOfCryptoDeviceHandle(), 0u);
     EXPECT_EQ(getCryptoDeviceHandleWithKeySN("ES_1"), nullptr);
@@ -264,7 +280,7 @@ TEST(LibraryTable, EmptyConfigurationServesNothing) {
 }
 
 TEST(ConfigurationFile, ReadOnceFromTheConfigurationDirectory) {
-  IN_FRESH_PROCESS({
+  InFreshProcess([] {
     zeph_test::TempDir dir;
     ASSERT_EQ(ZEPH_C_SetConfig(dir.path().c_str()), 0u);
     uint32_t len = 0;
@@ -281,7 +297,7 @@ TEST(ConfigurationFile, ReadOnceFromTheConfigurationDirectory) {
 }
 
 TEST(ConfigurationFile, OversizedFileIsRefusedNotCut) {
-  IN_FRESH_PROCESS({
+  InFreshProcess([] {
     zeph_test::TempDir dir;
     ASSERT_EQ(ZEPH_C_SetConfig(dir.path().c_str()), 0u);
     std::ofstream(dir.file("vorli_ukey_cfg.json")) << "[" << Entry(4, "FV", "/f/lib.so") << std::string(3000, ' ')

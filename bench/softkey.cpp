@@ -1,0 +1,167 @@
+// SM2 signatures through the software key against OpenSSL's own SM2 signing,
+// in the same run. The key is set up with zeph-softkey in a temporary root;
+// the library is loaded with dlopen, as the device layer loads it.
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+
+#include <openssl/evp.h>
+
+#include "zeph_skf.h"
+
+namespace {
+
+constexpr const char *kUserPin = "87654321";
+
+struct Skf {
+  PFN_SKF_ConnectDev connect;
+  PFN_SKF_DisConnectDev disconnect;
+  PFN_SKF_OpenApplication open_app;
+  PFN_SKF_VerifyPIN verify;
+  PFN_SKF_OpenContainer open_con;
+  PFN_SKF_ECCSignData sign;
+};
+
+Skf g_skf;
+std::string g_root;
+
+bool Setup() {
+  char tmpl[] = "/tmp/zeph-bench-softkey-XXXXXX";
+  if (mkdtemp(tmpl) == nullptr) return false;
+  g_root = tmpl;
+  setenv("ZEPH_SOFTKEY_ROOT", tmpl, 1);
+  const std::string tool = std::string(ZEPH_SOFTKEY_TOOL) + " --root " + g_root + " ";
+  const std::string dev = " --serial BENCH01 ";
+  if (std::system((tool + "create-device" + dev + ">/dev/null").c_str()) != 0 ||
+      std::system((tool + "create-app" + dev + "--app VorliEcc --admin-pin 12345678 --user-pin " + kUserPin +
+                   " >/dev/null")
+                      .c_str()) != 0 ||
+      std::system((tool + "gen-key" + dev + "--app VorliEcc --container ECC --alg sm2 --user-pin " + kUserPin +
+                   " >/dev/null")
+                      .c_str()) != 0)
+    return false;
+  void *lib = dlopen(ZEPH_SOFTKEY_LIB, RTLD_NOW | RTLD_LOCAL);
+  if (lib == nullptr) return false;
+  g_skf.connect = reinterpret_cast<PFN_SKF_ConnectDev>(dlsym(lib, "SKF_ConnectDev"));
+  g_skf.disconnect = reinterpret_cast<PFN_SKF_DisConnectDev>(dlsym(lib, "SKF_DisConnectDev"));
+  g_skf.open_app = reinterpret_cast<PFN_SKF_OpenApplication>(dlsym(lib, "SKF_OpenApplication"));
+  g_skf.verify = reinterpret_cast<PFN_SKF_VerifyPIN>(dlsym(lib, "SKF_VerifyPIN"));
+  g_skf.open_con = reinterpret_cast<PFN_SKF_OpenContainer>(dlsym(lib, "SKF_OpenContainer"));
+  g_skf.sign = reinterpret_cast<PFN_SKF_ECCSignData>(dlsym(lib, "SKF_ECCSignData"));
+  return g_skf.sign != nullptr;
+}
+
+// One session as the device layer opens it: connect, application, PIN once,
+// container. Returns the container, or null.
+HCONTAINER OpenSession(DEVHANDLE &dev) {
+  HAPPLICATION app = nullptr;
+  HCONTAINER con = nullptr;
+  ULONG retry = 0;
+  if (g_skf.connect(const_cast<char *>("BENCH01"), &dev) != SAR_OK ||
+      g_skf.open_app(dev, const_cast<char *>("VorliEcc"), &app) != SAR_OK ||
+      g_skf.verify(app, USER_TYPE, const_cast<char *>(kUserPin), &retry) != SAR_OK ||
+      g_skf.open_con(app, const_cast<char *>("ECC"), &con) != SAR_OK)
+    return nullptr;
+  return con;
+}
+
+void BM_Softkey_ECCSignData(benchmark::State &state) {
+  DEVHANDLE dev = nullptr;
+  HCONTAINER con = OpenSession(dev);  // opening and the PIN are paid once
+  if (con == nullptr) return state.SkipWithError("cannot open the software key");
+  uint8_t digest[32];
+  std::memset(digest, 0x5A, sizeof digest);
+  ECCSIGNATUREBLOB sig;
+  for (auto _ : state) {
+    if (g_skf.sign(con, digest, 32, &sig) != SAR_OK) return state.SkipWithError("SKF_ECCSignData failed");
+    benchmark::DoNotOptimize(sig);
+    ++digest[0];
+  }
+  g_skf.disconnect(dev);
+  state.SetItemsProcessed(state.iterations());
+}
+
+// The whole session per signature: what one device-layer operation costs.
+void BM_Softkey_SessionAndSign(benchmark::State &state) {
+  uint8_t digest[32] = {1};
+  ECCSIGNATUREBLOB sig;
+  for (auto _ : state) {
+    DEVHANDLE dev = nullptr;
+    HCONTAINER con = OpenSession(dev);
+    if (con == nullptr || g_skf.sign(con, digest, 32, &sig) != SAR_OK) return state.SkipWithError("session failed");
+    g_skf.disconnect(dev);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+void BM_OpenSSL_SM2Sign(benchmark::State &state) {
+  EVP_PKEY *key = EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2");
+  uint8_t digest[32];
+  std::memset(digest, 0x5A, sizeof digest);
+  uint8_t sig[80];
+  for (auto _ : state) {
+    EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new(key, nullptr);
+    size_t n = sizeof sig;
+    if (EVP_PKEY_sign_init(ctx) != 1 || EVP_PKEY_sign(ctx, sig, &n, digest, 32) != 1) {
+      EVP_PKEY_CTX_free(ctx);
+      return state.SkipWithError("EVP_PKEY_sign failed");
+    }
+    EVP_PKEY_CTX_free(ctx);
+    benchmark::DoNotOptimize(sig);
+    ++digest[0];
+  }
+  EVP_PKEY_free(key);
+  state.SetItemsProcessed(state.iterations());
+}
+
+BENCHMARK(BM_Softkey_ECCSignData);
+BENCHMARK(BM_Softkey_SessionAndSign);
+BENCHMARK(BM_OpenSSL_SM2Sign);
+
+// Keeps the time per iteration of every run, for the ratio at the end.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run> &runs) override {
+    for (const auto &r : runs)
+      if (r.run_type == Run::RT_Iteration && r.iterations > 0)
+        seconds_[r.benchmark_name()] = r.real_accumulated_time / static_cast<double>(r.iterations);
+    ConsoleReporter::ReportRuns(runs);
+  }
+  double Seconds(const std::string &name) const {
+    auto it = seconds_.find(name);
+    return it == seconds_.end() ? 0 : it->second;
+  }
+
+ private:
+  std::map<std::string, double> seconds_;
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  benchmark::Initialize(&argc, argv);
+  if (!Setup()) {
+    std::fprintf(stderr, "bench_softkey: cannot set up the software key\n");
+    return 1;
+  }
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  const double ours = reporter.Seconds("BM_Softkey_ECCSignData");
+  const double session = reporter.Seconds("BM_Softkey_SessionAndSign");
+  const double openssl = reporter.Seconds("BM_OpenSSL_SM2Sign");
+  if (ours > 0 && openssl > 0) {
+    std::printf("softkey SKF_ECCSignData: %.0f signatures/s, OpenSSL SM2: %.0f signatures/s, ratio %.2f\n",
+                1 / ours, 1 / openssl, openssl / ours);
+  }
+  if (session > 0 && openssl > 0)
+    std::printf("softkey whole session (connect, PIN, container, sign): %.0f/s, %.3f of OpenSSL's rate\n",
+                1 / session, openssl / session);
+  std::system(("rm -rf '" + g_root + "'").c_str());
+  benchmark::Shutdown();
+  return 0;
+}

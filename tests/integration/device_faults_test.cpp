@@ -102,9 +102,14 @@ std::vector<FaultCase> Cases() {
       {"InitVorliStampArea", "ZA", nullptr, area(ZEPH_C_InitVorliStampArea), {"SKF_DeleteApplication"}},
       {"DelAllAppWithAuthCode", "ZA",
        [](SoftkeyTest *t, const std::string &sn) {
-         t->Tool("create-app --serial " + sn + " --app VorliStamp --admin-pin " + kAdminPin + " --user-pin " +
-                 kUserPin);
-         t->Tool("create-app --serial " + sn + " --app Other --admin-pin " + kAdminPin + " --user-pin " + kUserPin);
+         // The same two applications before every run.
+         for (const char *app : {"VorliEcc", "VorliRsa", "VorliStamp", "Other"}) {
+           t->Tool("delete-app --serial " + sn + " --app " + app);
+         }
+         for (const char *app : {"VorliStamp", "Other"}) {
+           t->Must("create-app --serial " + sn + " --app " + app + " --admin-pin " + kAdminPin + " --user-pin " +
+                   kUserPin);
+         }
        },
        [](void *h, const std::string &) { return ZEPH_C_DelAllAppWithAuthCode(h, kAuthKey.data(), 16); }, {}},
       {"SetVersion", "ZA", nullptr,

@@ -20,6 +20,7 @@ std::string Report(void *h) {
 TEST_F(PinTest, RetryCountsLockAndUnblock) {
   CreateDevice("P1");
   CreateApp("P1", "VorliEcc", 3);
+  GenKey("P1", "VorliEcc", "ECC", "sm2");
   Handle h("ZA_P1");
   uint32_t retry = 99;
   ASSERT_EQ(ZEPH_C_VerifyUserPin(h.get(), ZEPH_AREA_SM2, kUserPin, &retry), 0u);

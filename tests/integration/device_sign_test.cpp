@@ -7,6 +7,8 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
+#include <cstring>
+
 #include "softkey_env.hpp"
 
 namespace zeph_it {

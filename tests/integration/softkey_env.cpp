@@ -30,9 +30,13 @@ std::string Entry(int type, const std::string &vid, const std::string &lib) {
 }  // namespace
 
 std::string Configuration() {
-  return "[" + Entry(1, "ZA", ZEPH_SOFTKEY_LIB) + "," + Entry(10, "ZT", ZEPH_SOFTKEY_LIB) + "," +
-         Entry(2, "ZN", ZEPH_SOFTKEY_NOEXT_LIB) + "," + Entry(3, "BAD", "/nonexistent/libskf-missing.so") + "," +
-         Entry(4, "ZL", ZEPH_SOFTKEY_LIB) + "]";
+  std::string text = "[";
+  text += Entry(1, "ZA", ZEPH_SOFTKEY_LIB) + ",";
+  text += Entry(10, "ZT", ZEPH_SOFTKEY_LIB) + ",";
+  text += Entry(2, "ZN", ZEPH_SOFTKEY_NOEXT_LIB) + ",";
+  text += Entry(3, "BAD", "/nonexistent/libskf-missing.so") + ",";
+  text += Entry(4, "ZL", ZEPH_SOFTKEY_LIB);
+  return text + "]";
 }
 
 void SoftkeyTest::SetUp() {

@@ -13,6 +13,7 @@
 
 #include "test_support.hpp"
 #include "zeph_c.h"
+#include "zeph_skf.h"
 
 namespace zeph_it {
 
@@ -40,6 +41,8 @@ class SoftkeyTest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
+
+ public:
 
   // Runs the utility with this test's root; its standard output in *out.
   int Tool(const std::string &args, std::string *out = nullptr);

@@ -48,6 +48,39 @@ TEST_F(PinTest, RetryCountsLockAndUnblock) {
   EXPECT_EQ(ZEPH_C_VerifyUserPin(h.get(), ZEPH_AREA_SM2, nullptr, &retry), ERR_INVALID_PARAMETER);
 }
 
+std::vector<std::string> *g_messages = nullptr;
+
+// Keeps the msg part of each debug record.
+void KeepMessage(const char *record) {
+  const std::string r = record;
+  const size_t from = r.find(",msg:'"), to = r.rfind("',res:");
+  if (g_messages != nullptr && from != std::string::npos && to != std::string::npos) {
+    g_messages->push_back(r.substr(from + 6, to - from - 6));
+  }
+}
+
+TEST_F(PinTest, LogRecordsOfASessionAndAFileWrite) {
+  CreateStandardKey("L1", false);
+  Handle h("ZA_L1");
+  std::vector<std::string> messages;
+  g_messages = &messages;
+  setLogCallback(KeepMessage);
+  uint32_t retry = 0;
+  EXPECT_EQ(ZEPH_C_VerifyUserPin(h.get(), ZEPH_AREA_SM2, kUserPin, &retry), 0u);
+  const unsigned char data[] = "v1";
+  EXPECT_EQ(ZEPH_C_WriteUkeyFile(h.get(), kUserPin, ZEPH_OBJ_SM2_VERSION, "Version", data, 2), 0u);
+  setLogCallback(nullptr);
+  g_messages = nullptr;
+  const std::string pin_record =
+      "{\"SKF_VerifyPIN: maxretryCnt\":\"10\",\"retryCnt\":\"10\",\"IsDefaultPin\":\"1\",\"UserPin\":\"123456\"}";
+  const std::vector<std::string> want = {
+      "SKF_OpenApplicationProc start:", "SKF_OpenApplicationProc end:", "SKF_OpenContainerProc start:",
+      "SKF_OpenContainerProc end:",     pin_record,                     "SKF_OpenApplicationProc start:",
+      "SKF_OpenApplicationProc end:",   pin_record,                     "GM_SKF_CTX_SetFileIntoCryptoDevice:",
+      "SKF_DeleteFileProc end:",        "SKF_CreateFileProc end:",      "SKF_WriteFileProc end:"};
+  EXPECT_EQ(messages, want);
+}
+
 TEST_F(PinTest, SelectorsPickTheirArea) {
   CreateDevice("P2");
   Must(std::string("create-app --serial P2 --app VorliRsa --admin-pin ") + kAdminPin + " --user-pin 111111");

@@ -5,6 +5,7 @@
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 #include "zeph_c_gm.h"
+#include "zeph_c_device.h"
 #include "zeph_c_api.h"
 #include "zeph_c_ci.h"
 

@@ -1,0 +1,17 @@
+// Certificate decoding shared by the verification functions.
+#pragma once
+
+#include <cstdint>
+
+#include "foundation/internal.hpp"
+
+namespace zeph::api {
+
+// A DER certificate of exactly the given bytes, or null.
+inline X509Ptr DecodeCert(const unsigned char *cert, uint32_t cert_len) {
+  if (cert == nullptr || cert_len == 0 || cert_len > static_cast<uint32_t>(INT32_MAX)) return nullptr;
+  const unsigned char *p = cert;
+  return X509Ptr(d2i_X509(nullptr, &p, static_cast<long>(cert_len)));
+}
+
+}  // namespace zeph::api

@@ -1,0 +1,134 @@
+// Raw signing with the key's private keys, and signature verification with
+// certificates in software.
+#include "api/cert.hpp"
+#include "api/handle.hpp"
+#include "device/vorli_gm_skf.hpp"
+#include "foundation/internal.hpp"
+#include "zeph_c_api.h"
+#include "zeph_c_device.h"
+#include "zeph_c_utils.h"
+
+using zeph::api::SessionGuard;
+
+namespace {
+
+constexpr uint32_t kDeviceHashesItself = 10;  // this vendor's library hashes on the key
+constexpr size_t kWorkLen = 1024;
+constexpr size_t kRawSm2SigLen = 64;
+
+// DER SEQUENCE { r, s } from 64 raw bytes, into a buffer that holds 72.
+uint32_t EncodeSm2Signature(const uint8_t *raw, unsigned char *sig, uint32_t *sig_len) {
+  zeph::EcdsaSigPtr der(ECDSA_SIG_new());
+  BIGNUM *r = BN_bin2bn(raw, 32, nullptr);
+  BIGNUM *s = BN_bin2bn(raw + 32, 32, nullptr);
+  if (!der || r == nullptr || s == nullptr || ECDSA_SIG_set0(der.get(), r, s) != 1) {
+    BN_free(r);
+    BN_free(s);
+    return ERR_SIGN_FAILED;
+  }
+  unsigned char *p = sig;
+  const int len = i2d_ECDSA_SIG(der.get(), &p);
+  if (len <= 0) return ERR_SIGN_FAILED;
+  *sig_len = static_cast<uint32_t>(len);
+  return 0;
+}
+
+const EVP_MD *RsaVerifyDigest(uint32_t digest_id) {
+  switch (digest_id & 0xFFFFu) {
+    case 4: return EVP_sha256();
+    case 8: return EVP_sha384();
+    case 16: return EVP_sha512();
+    default: return EVP_sha1();
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+ZEPH_API uint32_t ZEPH_C_DoSm2Sign(void *handle, const char *pin, const unsigned char *data, uint32_t data_len,
+                                   unsigned char *sig, uint32_t *sig_len) {
+  if (handle == nullptr) return ERR_INVALID_PARAMETER;
+  GM_SKF_CTX *ctx = zeph::api::ContextWord(handle);
+  if (ctx == nullptr) return ERR_NO_DEVICE_LIBRARY;
+  if (sig == nullptr || sig_len == nullptr || (data == nullptr && data_len != 0)) return ERR_INVALID_PARAMETER;
+  const unsigned char empty = 0;
+  if (data == nullptr) data = &empty;
+
+  SessionGuard session{ctx};
+  ZEPH_TRY(GM_SKF_CTX_OpenSession(ctx, ZEPH_OBJ_SM2_SIGN));
+  ZEPH_TRY(GM_SKF_CTX_VerifyPin(ctx, pin, pin != nullptr ? static_cast<uint32_t>(std::strlen(pin)) : 0));
+  uint8_t raw[kRawSm2SigLen];
+  uint32_t raw_len = sizeof raw;
+  if (ctx->device_type == kDeviceHashesItself) {
+    ZEPH_TRY(GM_SKF_CTX_SignHashEx(ctx, data, data_len, raw, &raw_len, nullptr));
+  } else {
+    uint8_t value[kWorkLen];
+    uint32_t value_len = sizeof value;
+    ZEPH_TRY(GM_SKF_CTX_DataOnPretreatment(ctx, data, data_len, value, &value_len, 0));
+    ZEPH_TRY(GM_SKF_CTX_SignHash(ctx, value, value_len, raw, &raw_len));
+  }
+  return EncodeSm2Signature(raw, sig, sig_len);
+}
+
+ZEPH_API uint32_t ZEPH_C_DoRsaSign(void *handle, const char *pin, const unsigned char *data, uint32_t data_len,
+                                   unsigned char *sig, uint32_t *sig_len, uint32_t digest_id) {
+  ZEPH_API_CONTEXT(handle, ctx);
+  if (sig_len == nullptr || (data == nullptr && data_len != 0)) return ERR_INVALID_PARAMETER;
+  const unsigned char empty = 0;
+  if (data == nullptr) data = &empty;
+
+  SessionGuard session{ctx};
+  ZEPH_TRY(GM_SKF_CTX_OpenSession(ctx, ZEPH_OBJ_RSA_SIGN));
+  ZEPH_TRY(GM_SKF_CTX_VerifyPin(ctx, pin, pin != nullptr ? static_cast<uint32_t>(std::strlen(pin)) : 0));
+  if (ctx->device_type == kDeviceHashesItself) {
+    uint32_t work_area[64] = {0};  // the vendor's own scratch space
+    return GM_SKF_CTX_SignHashEx(ctx, data, data_len, sig, sig_len, work_area);
+  }
+  uint8_t value[kWorkLen];
+  uint32_t value_len = sizeof value;
+  ZEPH_TRY(GM_SKF_CTX_DataOnPretreatment(ctx, data, data_len, value, &value_len, digest_id));
+  return GM_SKF_CTX_SignHash(ctx, value, value_len, sig, sig_len);
+}
+
+ZEPH_API uint32_t ZEPH_C_VerifySm2SignWithCert(const unsigned char *cert, uint32_t cert_len,
+                                               const unsigned char *data, uint32_t data_len,
+                                               const unsigned char *sig, uint32_t sig_len) {
+  return zeph_c_cert_VerifySm2SignWithCert(cert, cert_len, data, data_len, sig, sig_len);
+}
+
+ZEPH_API uint32_t ZEPH_C_VerifyRsaSignWithCert(const unsigned char *cert, uint32_t cert_len,
+                                               const unsigned char *data, uint32_t data_len,
+                                               const unsigned char *sig, uint32_t sig_len, uint32_t digest_id) {
+  return zeph::Guarded(
+      [&]() -> uint32_t {
+        if (sig == nullptr || (data == nullptr && data_len != 0)) return ERR_SIGNATURE_INVALID;
+        zeph::X509Ptr x509 = zeph::api::DecodeCert(cert, cert_len);
+        EVP_PKEY *key = x509 ? X509_get0_pubkey(x509.get()) : nullptr;
+        if (key == nullptr || !EVP_PKEY_is_a(key, "RSA")) return ERR_SIGNATURE_INVALID;
+        zeph::EvpMdCtxPtr md(EVP_MD_CTX_new());
+        const unsigned char empty = 0;
+        if (!md || EVP_DigestVerifyInit(md.get(), nullptr, RsaVerifyDigest(digest_id), nullptr, key) != 1 ||
+            EVP_DigestVerify(md.get(), sig, sig_len, data != nullptr ? data : &empty, data_len) != 1) {
+          return ERR_SIGNATURE_INVALID;
+        }
+        return 0;
+      },
+      ERR_SIGNATURE_INVALID);
+}
+
+ZEPH_API uint32_t ZEPH_C_VerifySignWithCert(const unsigned char *cert, uint32_t cert_len, const unsigned char *data,
+                                            uint32_t data_len, const unsigned char *sig, uint32_t sig_len,
+                                            uint32_t digest_id) {
+  uint32_t algo = ZEPH_CERT_ALG_OTHER;
+  (void)zeph_c_cert_getAlgoIDWithCert(cert, cert_len, &algo);
+  if (algo == ZEPH_CERT_ALG_SM2) return zeph_c_cert_VerifySm2SignWithCert(cert, cert_len, data, data_len, sig, sig_len);
+  return ZEPH_C_VerifyRsaSignWithCert(cert, cert_len, data, data_len, sig, sig_len, digest_id);
+}
+
+ZEPH_API uint32_t ZEPH_C_HashDataWithAlgID(uint32_t digest_id, const unsigned char *data, uint32_t data_len,
+                                           unsigned char *out, uint32_t *out_len) {
+  return zeph_c_utils_digest(digest_id & 0xFFFFu, data, data_len, out, out_len, nullptr);
+}
+
+}  // extern "C"

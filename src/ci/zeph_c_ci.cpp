@@ -7,6 +7,7 @@
 
 #include "ci/ci_internal.hpp"
 #include "foundation/internal.hpp"
+#include "zeph_c_api.h"
 #include "zeph_c_ci.h"
 #include "zeph_c_utils.h"
 
@@ -167,7 +168,7 @@ uint32_t SetData(ZEPH_RES_PARAM *res, std::string_view text, uint32_t kind) {
   if (copy == nullptr) return ERR_OUT_OF_MEMORY;
   if (!text.empty()) std::memcpy(copy, text.data(), text.size());
   copy[text.size()] = '\0';
-  std::free(res->data);
+  ZEPH_C_MALLOC_FREE(res->data);
   res->data = copy;
   res->length = static_cast<uint32_t>(text.size());
   res->kind = kind;
@@ -211,7 +212,7 @@ char *PrintResponse(const ZEPH_RES_PARAM &res) {
 }
 
 void ReleaseResponse(ZEPH_RES_PARAM *res) {
-  std::free(res->data);
+  ZEPH_C_MALLOC_FREE(res->data);
   res->data = nullptr;
   res->length = 0;
 }

@@ -12,6 +12,7 @@
 #include "zeph_c_ci.h"
 #include "zeph_c_device.h"
 #include "zeph_c_utils.h"
+#include "zeph_skf.h"
 
 namespace zeph_cli {
 namespace {
@@ -19,6 +20,23 @@ namespace {
 // Large enough for any reply of the library's commands (device files are
 // small); the bounded entry refuses rather than overruns if one is not.
 constexpr uint32_t kResponseCapacity = 8u << 20;
+
+// What the common key statuses mean to someone at a shell.
+const char *DeviceWords(uint32_t status) {
+  switch (status) {
+    case SAR_FAIL: return "the key refused";
+    case SAR_DEVICE_REMOVED: return "no such key";
+    case SAR_PIN_INCORRECT: return "wrong PIN";
+    case SAR_PIN_LOCKED: return "PIN locked";
+    case SAR_PIN_LEN_RANGE: return "PIN length out of range";
+    case SAR_USER_NOT_LOGGED_IN: return "PIN not verified";
+    case SAR_APPLICATION_NOT_EXISTS: return "no such area on the key";
+    case SAR_FILE_NOT_EXIST: return "no such file";
+    case SAR_KEYNOTFOUNTERR: return "no key pair in that area";
+    case SAR_CERTNOTFOUNTERR: return "no certificate in that area";
+    default: return nullptr;
+  }
+}
 
 struct JsonFree {
   void operator()(cJSON *p) const { cJSON_Delete(p); }
@@ -152,7 +170,9 @@ bool ResolveKey(const Args &args, std::string *key_sn, std::string *error) {
 }
 
 int FailReply(const Group &group, const std::string &what, const CiReply &reply) {
-  return Fail(group, what + ": code " + std::to_string(reply.code) + " (" + StatusText(reply.Status()) + ")");
+  std::string text = what + ": ";
+  if (const char *words = DeviceWords(reply.Status()); words != nullptr) text += std::string(words) + ", ";
+  return Fail(group, text + "code " + std::to_string(reply.code) + " (" + StatusText(reply.Status()) + ")");
 }
 
 std::string ToBase64(const std::vector<uint8_t> &bytes) {

@@ -134,8 +134,7 @@ char *PrintBare(const ZEPH_RES_PARAM &res) {
   return copy;
 }
 
-// The full reply, and (when it does not fit a bounded buffer) the reply
-// without data, so the host still learns how a command that ran ended.
+// One call's response record and its printed document.
 struct Reply {
   ZEPH_RES_PARAM res{};
   JsonTextPtr text;

@@ -2,6 +2,11 @@
 // table names the handlers the command table holds, the keys each handler
 // reads and the exact data it returns, and the rows said to be waiting
 // answer 0x8208005A while the live ones do not.
+#if defined(__GNUC__) && !defined(__clang__)
+// libstdc++'s <regex> trips a false -Wmaybe-uninitialized in sanitizer builds.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
 #include <gtest/gtest.h>
 #include <cjson/cJSON.h>
 

@@ -92,6 +92,17 @@ uint32_t ReadOwned(const cJSON *root, std::initializer_list<const char *> keys, 
   return 0;
 }
 
+template <size_t N>
+void Wipe(Text<N> *t) {
+  OPENSSL_cleanse(t->s, strnlen(t->s, N + 1));
+}
+
+template <size_t N>
+void Wipe(Blob<N> *b) {
+  OPENSSL_cleanse(b->bytes, b->len);
+  b->len = 0;
+}
+
 void WipeAndFree(char *p, uint32_t n) {
   if (p == nullptr) return;
   OPENSSL_cleanse(p, n);
@@ -147,7 +158,20 @@ uint32_t l_GetZEPH_REQ_PARAM(const char *text, ZEPH_REQ_PARAM *req) {
 void ReleaseRequest(ZEPH_REQ_PARAM *req) {
   WipeAndFree(req->value, req->valueLen);
   WipeAndFree(req->cert, req->certLen);
-  OPENSSL_cleanse(req, sizeof *req);
+  req->value = req->cert = nullptr;
+  // PINs, keys and key shares: wipe what the parser wrote, not the whole
+  // 12 KB block, which mostly stays zero.
+  for (Text<260> *t : {&req->keySN, &req->oid, &req->pin, &req->deviceID, &req->url}) Wipe(t);
+  Wipe(&req->signData);
+  Wipe(&req->prikey);
+  Wipe(&req->symKey);
+  for (auto *b : {&req->bivo_d1, &req->bivo_r, &req->bivo_s2, &req->bivo_s3, &req->bivo_pubkey, &req->bivo_c3,
+                  &req->bivo_t2, &req->bivo_k1}) {
+    Wipe(b);
+  }
+  Wipe(&req->bivo_d1_inv);
+  Wipe(&req->bivo_credential);
+  Wipe(&req->bivo_c);
 }
 
 }  // namespace zeph::ci

@@ -240,3 +240,32 @@ TEST(CiRequest, KeyNamesAreCaseSensitiveAndNonStringTextsStayEmpty) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(CiRequest, ReleaseWipesEverySecretTheParserWrote) {
+  Parsed p(R"({"pin":"123456","adminPin":"admin1","prikey":"MIGHAgEA","symKey":"0011","keySN":"K_1",)"
+           R"("signData":"s","bivo_d1":"AQID","bivo_d1_inv":"BAUG","bivo_c2":"BwgJ","raw":"v","cert":"c"})");
+  ASSERT_EQ(p.rv, 0u);
+  ReleaseRequest(p.req.get());
+  const auto zero = [](const void *data, size_t n) {
+    const auto *b = static_cast<const uint8_t *>(data);
+    for (size_t i = 0; i < n; ++i) {
+      if (b[i] != 0) return false;
+    }
+    return true;
+  };
+  EXPECT_TRUE(zero(&p->keySN, sizeof p->keySN));
+  EXPECT_TRUE(zero(&p->oid, sizeof p->oid));
+  EXPECT_TRUE(zero(&p->pin, sizeof p->pin));
+  EXPECT_TRUE(zero(&p->signData, sizeof p->signData));
+  EXPECT_TRUE(zero(&p->prikey, sizeof p->prikey));
+  EXPECT_TRUE(zero(&p->symKey, sizeof p->symKey));
+  EXPECT_TRUE(zero(&p->bivo_d1, sizeof p->bivo_d1));
+  EXPECT_TRUE(zero(&p->bivo_d1_inv, sizeof p->bivo_d1_inv));
+  EXPECT_TRUE(zero(&p->bivo_c, sizeof p->bivo_c));
+  EXPECT_EQ(p->value, nullptr);
+  EXPECT_EQ(p->cert, nullptr);
+}
+
+}  // namespace

@@ -58,9 +58,15 @@ void Measure(benchmark::State &state, const char *request) {
   bool flip = false;
   for (auto _ : state) {
     const auto t0 = Clock::now();
-    if (flip) CjsonRoundTrip(request, data.c_str(), &ref); else ZEPH_C_CI(request, out.data());
+    if (flip)
+      CjsonRoundTrip(request, data.c_str(), &ref);
+    else
+      ZEPH_C_CI(request, out.data());
     const auto t1 = Clock::now();
-    if (flip) ZEPH_C_CI(request, out.data()); else CjsonRoundTrip(request, data.c_str(), &ref);
+    if (flip)
+      ZEPH_C_CI(request, out.data());
+    else
+      CjsonRoundTrip(request, data.c_str(), &ref);
     const auto t2 = Clock::now();
     const double first = std::chrono::duration<double>(t1 - t0).count();
     const double second = std::chrono::duration<double>(t2 - t1).count();

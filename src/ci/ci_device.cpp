@@ -15,9 +15,7 @@ KeyHandle::~KeyHandle() {
   ZEPH_C_MALLOC_FREE(handle_);
 }
 
-uint32_t KeyHandle::Open(const ZEPH_REQ_PARAM &req) {
-  return ZEPH_C_Initialize(&handle_, req.devType, req.keySN.s, 0);
-}
+uint32_t KeyHandle::Open(const ZEPH_REQ_PARAM &req) { return ZEPH_C_Initialize(&handle_, req.devType, req.keySN.s, 0); }
 
 uint32_t DecodeBase64(const char *text, SecureBytes *out) {
   *out = SecureBytes();

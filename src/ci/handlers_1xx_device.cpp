@@ -1,5 +1,7 @@
 // Command handlers: devices, random bytes and device files (1xx).
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -145,13 +147,9 @@ uint32_t DeleteFile(const ZEPH_REQ_PARAM &req) {
 }  // namespace
 
 uint32_t l_ci4getUKeyList(ZEPH_REQ_PARAM *, ZEPH_RES_PARAM *res) { return Answer(res, GetUKeyList(res)); }
-uint32_t l_ci4verifyUserPin(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
-  return Answer(res, VerifyUserPin(*req, res));
-}
+uint32_t l_ci4verifyUserPin(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) { return Answer(res, VerifyUserPin(*req, res)); }
 uint32_t l_ci4getVer(ZEPH_REQ_PARAM *, ZEPH_RES_PARAM *res) { return Answer(res, GetVer(res)); }
-uint32_t l_ci4getUKeyDevErrStatus(ZEPH_REQ_PARAM *, ZEPH_RES_PARAM *res) {
-  return Answer(res, GetDevErrStatus(res));
-}
+uint32_t l_ci4getUKeyDevErrStatus(ZEPH_REQ_PARAM *, ZEPH_RES_PARAM *res) { return Answer(res, GetDevErrStatus(res)); }
 uint32_t l_ci4doEnumRSAandSM2andSealInfo(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
   return Answer(res, EnumAreas(*req, res));
 }

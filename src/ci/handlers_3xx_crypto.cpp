@@ -1,5 +1,6 @@
 // Command handlers: signing, envelopes, symmetric and file encryption (3xx).
 // Operations the library does not offer yet answer 0x8208005A.
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -54,8 +55,8 @@ uint32_t VerifySignData(const ZEPH_REQ_PARAM &req) {
   ZEPH_TRY(DecodeBase64(req.cert, &cert));
   ZEPH_TRY(DecodeBase64(req.value, &sig));
   return ZEPH_C_VerifySignWithCert(cert.data(), static_cast<uint32_t>(cert.size()), data.data(),
-                                   static_cast<uint32_t>(data.size()), sig.data(),
-                                   static_cast<uint32_t>(sig.size()), RsaDigest(req));
+                                   static_cast<uint32_t>(data.size()), sig.data(), static_cast<uint32_t>(sig.size()),
+                                   RsaDigest(req));
 }
 
 }  // namespace

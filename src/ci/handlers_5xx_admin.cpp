@@ -21,14 +21,21 @@ uint32_t ChangeUserPin(const ZEPH_REQ_PARAM &req) {
 }
 
 uint32_t InitArea(const ZEPH_REQ_PARAM &req) {
-  using InitFn = uint32_t (*)(void *, const unsigned char *, uint32_t, const char *, uint32_t, const char *,
-                              uint32_t, uint32_t);
+  using InitFn =
+      uint32_t (*)(void *, const unsigned char *, uint32_t, const char *, uint32_t, const char *, uint32_t, uint32_t);
   InitFn init = nullptr;
   switch (req.asymid) {
-    case ZEPH_AREA_RSA: init = ZEPH_C_InitVorliRsaArea; break;
-    case ZEPH_AREA_SM2: init = ZEPH_C_InitVorliSm2Area; break;
-    case ZEPH_AREA_SEAL: init = ZEPH_C_InitVorliStampArea; break;
-    default: return ERR_UNSUPPORTED_VALUE;
+    case ZEPH_AREA_RSA:
+      init = ZEPH_C_InitVorliRsaArea;
+      break;
+    case ZEPH_AREA_SM2:
+      init = ZEPH_C_InitVorliSm2Area;
+      break;
+    case ZEPH_AREA_SEAL:
+      init = ZEPH_C_InitVorliStampArea;
+      break;
+    default:
+      return ERR_UNSUPPORTED_VALUE;
   }
   ZEPH_ENSURE(req.value != nullptr, ERR_INVALID_PARAMETER);
   const uint32_t retries = req.selector != 0 ? req.selector : kDefaultPinRetries;
@@ -41,16 +48,14 @@ uint32_t UnlockUserPin(const ZEPH_REQ_PARAM &req) {
   ZEPH_ENSURE(req.value != nullptr, ERR_INVALID_PARAMETER);
   KeyHandle key;
   ZEPH_TRY(key.Open(req));
-  return ZEPH_C_UnLockUserPinByAdminPin(key.get(), req.asymid, req.oid.s, TextLen(req.oid.s), req.value,
-                                        req.valueLen);
+  return ZEPH_C_UnLockUserPinByAdminPin(key.get(), req.asymid, req.oid.s, TextLen(req.oid.s), req.value, req.valueLen);
 }
 
 uint32_t ChangeDeviceAuthCode(const ZEPH_REQ_PARAM &req) {
   ZEPH_ENSURE(req.value != nullptr, ERR_INVALID_PARAMETER);
   KeyHandle key;
   ZEPH_TRY(key.Open(req));
-  return ZEPH_C_ChangeDeviceAuthCode(key.get(), Bytes(req.pin.s), TextLen(req.pin.s), Bytes(req.value),
-                                     req.valueLen);
+  return ZEPH_C_ChangeDeviceAuthCode(key.get(), Bytes(req.pin.s), TextLen(req.pin.s), Bytes(req.value), req.valueLen);
 }
 
 }  // namespace

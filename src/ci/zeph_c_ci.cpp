@@ -1,5 +1,7 @@
 // ZEPH_C_CI: parse the request, pick the handler by group and slot, print
 // the response. Stateless; every call parses, dispatches, prints and frees.
+#include "zeph_c_ci.h"
+
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -8,7 +10,6 @@
 #include "ci/ci_internal.hpp"
 #include "foundation/internal.hpp"
 #include "zeph_c_api.h"
-#include "zeph_c_ci.h"
 #include "zeph_c_utils.h"
 
 namespace zeph::ci {
@@ -150,7 +151,7 @@ void Run(const char *request, Reply *reply) {
 
 }  // namespace
 
-constinit const std::array<Handler, kGroups * kSlots> ptrZEPH_C_CI_apis = BuildTable();
+constinit const std::array<Handler, kGroups *kSlots> ptrZEPH_C_CI_apis = BuildTable();
 
 Handler FindHandler(int32_t command) {
   // Truncating division leaves negative codes with a negative slot: refuse

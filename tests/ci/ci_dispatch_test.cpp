@@ -1,4 +1,5 @@
 // Dispatch by group and slot, the response document and the bounded entry.
+#include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -6,8 +7,6 @@
 #include <set>
 #include <string>
 #include <vector>
-
-#include <cjson/cJSON.h>
 
 #include "ci/ci_internal.hpp"
 #include "zeph_c_ci.h"
@@ -119,8 +118,7 @@ TEST(CiDispatch, ResponseCarriesDataOnlyOnSuccessOrForPinVerification) {
       {102, 0, "95560", 0, R"({"type":102,"code":0,"data":"95560"})"},
       {101, 0, R"({"retryCnt":3})", 0, R"({"type":101,"code":0,"data":"{\"retryCnt\":3}"})"},
       {101, failed, R"({"retryCnt":2})", 0, R"({"type":101,"code":167772196,"data":"{\"retryCnt\":2}"})"},
-      {101, handler_fail, R"({"retryCnt":0})", 0,
-       R"({"type":101,"code":-2113404837,"data":"{\"retryCnt\":0}"})"},
+      {101, handler_fail, R"({"retryCnt":0})", 0, R"({"type":101,"code":-2113404837,"data":"{\"retryCnt\":0}"})"},
       {106, handler_fail, "AAAA", 0, R"({"type":106,"code":-2113404837})"},
       {100, 0, nullptr, 0, R"({"type":100,"code":0})"},
       {801, 0, R"({ "a" : [1, {"b":null}] })", kDataObject, R"({"type":801,"code":0,"data":{"a":[1,{"b":null}]}})"},

@@ -7,8 +7,8 @@
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
-#include <gtest/gtest.h>
 #include <cjson/cJSON.h>
+#include <gtest/gtest.h>
 
 #include <fstream>
 #include <map>
@@ -44,8 +44,10 @@ std::vector<std::string> Section(const std::string &doc, const std::string &titl
   std::vector<std::string> out;
   bool inside = false;
   for (const auto &line : Lines(doc)) {
-    if (line.rfind("## ", 0) == 0) inside = line == "## " + title;
-    else if (inside) out.push_back(line);
+    if (line.rfind("## ", 0) == 0)
+      inside = line == "## " + title;
+    else if (inside)
+      out.push_back(line);
   }
   return out;
 }
@@ -130,10 +132,14 @@ std::string Pattern(const std::string &templ, const std::map<std::string, std::s
       if (names != nullptr) names->push_back(name.substr(0, eq));
     }
     std::string cls;
-    if (kind == "n") cls = "-?[0-9]+";
-    else if (kind == "base64") cls = "[A-Za-z0-9+/=]+";
-    else if (kind == "text") cls = quoted ? R"([^"\\]*)" : R"([^"]*)";
-    else if (kind == "json") cls = ".*";
+    if (kind == "n")
+      cls = "-?[0-9]+";
+    else if (kind == "base64")
+      cls = "[A-Za-z0-9+/=]+";
+    else if (kind == "text")
+      cls = quoted ? R"([^"\\]*)" : R"([^"]*)";
+    else if (kind == "json")
+      cls = ".*";
     if (vars.count(name) != 0) {
       out += Escape(vars.at(name));
     } else if (!cls.empty()) {
@@ -160,8 +166,9 @@ class CiDocs : public ci_test::SoftKeyCi {
     AddRsaArea();
     doc_ = ReadText("docs/ci.md");
     ASSERT_FALSE(doc_.empty());
-    vars_ = {{"keySN", kKeySN},       {"pin", kUserPin}, {"adminPin", kAdminPin},
-             {"authCode", kAuthCode}, {"cert", cert_b64_}, {"rsaCert", ci_test::Base64(Certificate("VorliRsa", "RSA1"))}};
+    vars_ = {{"keySN", kKeySN},       {"pin", kUserPin},
+             {"adminPin", kAdminPin}, {"authCode", kAuthCode},
+             {"cert", cert_b64_},     {"rsaCert", ci_test::Base64(Certificate("VorliRsa", "RSA1"))}};
   }
 
   // Runs the worked session; every response must match its line.

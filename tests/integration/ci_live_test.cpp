@@ -69,8 +69,8 @@ TEST_F(CiLive, SignaturesVerifyWithOpenSslAlone) {
     const EVP_MD *md;
   } digests[] = {{"", EVP_sha256()}, {R"(,"algID":8)", EVP_sha384()}, {R"(,"algID":16)", EVP_sha512()}};
   for (const auto &d : digests) {
-    const Reply sig = Ci(Fill(std::string(R"({"type":300,"keySN":"<keySN>","pin":"<pin>","asymid":1,"signData":"data")") +
-                              d.alg + "}"));
+    const Reply sig = Ci(
+        Fill(std::string(R"({"type":300,"keySN":"<keySN>","pin":"<pin>","asymid":1,"signData":"data")") + d.alg + "}"));
     ASSERT_EQ(sig.code, 0) << sig.text;
     EXPECT_TRUE(OpenSslVerifies(rsa_cert, "data", sig.data, d.md)) << d.alg;
   }

@@ -60,16 +60,16 @@ Reply Ci(const std::string &request) {
 
 std::string Base64(const std::vector<uint8_t> &bytes) {
   std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), bytes.data(),
-                                static_cast<int>(bytes.size()));
+  const int n =
+      EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), bytes.data(), static_cast<int>(bytes.size()));
   out.resize(static_cast<size_t>(n));
   return out;
 }
 
 std::vector<uint8_t> FromBase64(const std::string &text) {
   std::vector<uint8_t> out(text.size() / 4 * 3 + 3);
-  const int n = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char *>(text.data()),
-                                static_cast<int>(text.size()));
+  const int n =
+      EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char *>(text.data()), static_cast<int>(text.size()));
   if (n < 0) return {};
   size_t pads = 0;
   while (pads < 2 && pads < text.size() && text[text.size() - 1 - pads] == '=') ++pads;
@@ -91,8 +91,7 @@ void SoftKeyCi::SetUp() {
 void SoftKeyCi::TearDown() { unsetenv("ZEPH_SOFTKEY_ROOT"); }
 
 int SoftKeyCi::Tool(const std::string &args, std::string *out) const {
-  const std::string cmd =
-      std::string(ZEPH_SOFTKEY_TOOL) + " --root '" + root_.path().string() + "' " + args + " 2>&1";
+  const std::string cmd = std::string(ZEPH_SOFTKEY_TOOL) + " --root '" + root_.path().string() + "' " + args + " 2>&1";
   FILE *p = popen(cmd.c_str(), "r");
   if (p == nullptr) return -1;
   std::string text;

@@ -20,7 +20,8 @@ class CiTool : public ci_test::SoftKeyCi {
   void SetUp() override {
     SoftKeyCi::SetUp();
     config_ = root_.file("vorli_ukey_cfg.json");
-    zeph_test::WriteBytes(config_, Bytes(std::string(R"([{"type":0,"vid":"ZS","skfLib":")") + ZEPH_SOFTKEY_LIB + "\"}]"));
+    zeph_test::WriteBytes(config_,
+                          Bytes(std::string(R"([{"type":0,"vid":"ZS","skfLib":")") + ZEPH_SOFTKEY_LIB + "\"}]"));
   }
 
   static std::vector<uint8_t> Bytes(const std::string &s) { return {s.begin(), s.end()}; }

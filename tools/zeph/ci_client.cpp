@@ -1,9 +1,8 @@
 // Shared plumbing of the command groups that speak ZEPH_C_CI.
 #include "ci_client.hpp"
 
-#include <sys/stat.h>
-
 #include <cjson/cJSON.h>
+#include <sys/stat.h>
 
 #include <cstring>
 #include <memory>
@@ -24,17 +23,28 @@ constexpr uint32_t kResponseCapacity = 8u << 20;
 // What the common key statuses mean to someone at a shell.
 const char *DeviceWords(uint32_t status) {
   switch (status) {
-    case SAR_FAIL: return "the key refused";
-    case SAR_DEVICE_REMOVED: return "no such key";
-    case SAR_PIN_INCORRECT: return "wrong PIN";
-    case SAR_PIN_LOCKED: return "PIN locked";
-    case SAR_PIN_LEN_RANGE: return "PIN length out of range";
-    case SAR_USER_NOT_LOGGED_IN: return "PIN not verified";
-    case SAR_APPLICATION_NOT_EXISTS: return "no such area on the key";
-    case SAR_FILE_NOT_EXIST: return "no such file";
-    case SAR_KEYNOTFOUNTERR: return "no key pair in that area";
-    case SAR_CERTNOTFOUNTERR: return "no certificate in that area";
-    default: return nullptr;
+    case SAR_FAIL:
+      return "the key refused";
+    case SAR_DEVICE_REMOVED:
+      return "no such key";
+    case SAR_PIN_INCORRECT:
+      return "wrong PIN";
+    case SAR_PIN_LOCKED:
+      return "PIN locked";
+    case SAR_PIN_LEN_RANGE:
+      return "PIN length out of range";
+    case SAR_USER_NOT_LOGGED_IN:
+      return "PIN not verified";
+    case SAR_APPLICATION_NOT_EXISTS:
+      return "no such area on the key";
+    case SAR_FILE_NOT_EXIST:
+      return "no such file";
+    case SAR_KEYNOTFOUNTERR:
+      return "no key pair in that area";
+    case SAR_CERTNOTFOUNTERR:
+      return "no certificate in that area";
+    default:
+      return nullptr;
   }
 }
 

@@ -29,10 +29,10 @@ class CiRequest {
 };
 
 struct CiReply {
-  std::string text;      // the response document as printed
-  int64_t code = -1;     // as printed; compare the low 32 bits
+  std::string text;   // the response document as printed
+  int64_t code = -1;  // as printed; compare the low 32 bits
   bool has_data = false;
-  std::string data;      // a string's value, or an object's unformatted text
+  std::string data;  // a string's value, or an object's unformatted text
   uint32_t Status() const { return static_cast<uint32_t>(code); }
 };
 

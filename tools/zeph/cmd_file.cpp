@@ -10,12 +10,13 @@ namespace {
 
 int RunFile(const zeph_cli::Args &args);
 
-ZEPH_CLI_GROUP(file, "read, write or delete a file on the key",
-               "file read [--key SN] [--pin PIN] --name NAME [--area sm2|rsa|seal | --idx N] [--out FILE]\n"
-               "       zeph file write [--key SN] --pin PIN --name NAME [--area ...|--idx N] (--data TEXT | --in FILE)\n"
-               "       zeph file delete [--key SN] --pin PIN --name NAME [--area ...|--idx N]\n"
-               "       (--area picks the application: sm2 VorliEcc, rsa VorliRsa, seal VorliStamp; default sm2)",
-               RunFile, {"--config", "--key", "--pin", "--name", "--area", "--idx", "--data", "--in", "--out"});
+ZEPH_CLI_GROUP(
+    file, "read, write or delete a file on the key",
+    "file read [--key SN] [--pin PIN] --name NAME [--area sm2|rsa|seal | --idx N] [--out FILE]\n"
+    "       zeph file write [--key SN] --pin PIN --name NAME [--area ...|--idx N] (--data TEXT | --in FILE)\n"
+    "       zeph file delete [--key SN] --pin PIN --name NAME [--area ...|--idx N]\n"
+    "       (--area picks the application: sm2 VorliEcc, rsa VorliRsa, seal VorliStamp; default sm2)",
+    RunFile, {"--config", "--key", "--pin", "--name", "--area", "--idx", "--data", "--in", "--out"});
 
 const zeph_cli::Group &Self() { return *zeph_cli::FindGroup("file"); }
 
@@ -69,11 +70,12 @@ int RunFile(const zeph_cli::Args &args) {
   if (!zeph_cli::FromBase64(reply.data, &content)) return zeph_cli::Fail(Self(), "unreadable reply " + reply.data);
   if (!args.Has("--out")) {
     return zeph_cli::WriteStdout(content.data(), content.size()) ? zeph_cli::kOk
-                                                                  : zeph_cli::Fail(Self(), "cannot write output");
+                                                                 : zeph_cli::Fail(Self(), "cannot write output");
   }
   FILE *f = std::fopen(args.Get("--out").c_str(), "wb");
   const bool written = f != nullptr && std::fwrite(content.data(), 1, content.size(), f) == content.size();
-  if ((f != nullptr && std::fclose(f) != 0) || !written) return zeph_cli::Fail(Self(), "cannot write " + args.Get("--out"));
+  if ((f != nullptr && std::fclose(f) != 0) || !written)
+    return zeph_cli::Fail(Self(), "cannot write " + args.Get("--out"));
   return zeph_cli::kOk;
 }
 

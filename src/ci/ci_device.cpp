@@ -1,0 +1,42 @@
+// The handle and base64 pieces of the device-backed handlers.
+#include "ci/ci_device.hpp"
+
+#include <cstring>
+
+#include "zeph_c_api.h"
+#include "zeph_c_utils.h"
+
+namespace zeph::ci {
+
+KeyHandle::~KeyHandle() {
+  if (handle_ == nullptr) return;
+  ZEPH_C_Finalize(handle_);
+  // Finalize leaves the record itself allocated.
+  ZEPH_C_MALLOC_FREE(handle_);
+}
+
+uint32_t KeyHandle::Open(const ZEPH_REQ_PARAM &req) { return ZEPH_C_Initialize(&handle_, req.devType, req.keySN.s, 0); }
+
+uint32_t DecodeBase64(const char *text, SecureBytes *out) {
+  *out = SecureBytes();
+  if (text == nullptr || text[0] == '\0') return 0;
+  uint32_t n = 0;
+  ZEPH_TRY(zeph_c_utils_b64tohex2(text, nullptr, &n));
+  SecureBytes bytes(n);
+  ZEPH_TRY(zeph_c_utils_b64tohex2(text, bytes.data(), &n));
+  bytes.resize(n);
+  *out = std::move(bytes);
+  return 0;
+}
+
+uint32_t SetBase64Data(ZEPH_RES_PARAM *res, const uint8_t *data, size_t n) {
+  if (n == 0) return SetData(res, "");
+  if (n > UINT32_MAX / 2) return ERR_INVALID_PARAMETER;
+  char *text = nullptr;
+  ZEPH_TRY(ZEPH_C_Dohex2b64(data, static_cast<uint32_t>(n), &text));
+  const uint32_t rv = SetData(res, text);
+  ZEPH_C_MALLOC_FREE(text);
+  return rv;
+}
+
+}  // namespace zeph::ci

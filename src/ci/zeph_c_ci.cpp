@@ -1,0 +1,265 @@
+// ZEPH_C_CI: parse the request, pick the handler by group and slot, print
+// the response. Stateless; every call parses, dispatches, prints and frees.
+#include "zeph_c_ci.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "ci/ci_internal.hpp"
+#include "foundation/internal.hpp"
+#include "zeph_c_api.h"
+#include "zeph_c_utils.h"
+
+namespace zeph::ci {
+namespace {
+
+struct Row {
+  int code;
+  Handler handler;
+};
+
+// The command table: group x 100 + slot.
+constexpr Row kRows[] = {
+    {1, l_testGetP8Data},
+    {2, l_testGetECCKeyPair},
+    {3, l_completeRandomnessTest},
+    {100, l_ci4getUKeyList},
+    {101, l_ci4verifyUserPin},
+    {102, l_ci4getVer},
+    {103, l_ci4getUKeyDevErrStatus},
+    {104, l_ci4doEnumRSAandSM2andSealInfo},
+    {105, l_ci4getUKeyKeySNList},
+    {106, l_ci4genRandomBytes},
+    {107, l_ci4writeUkeyFile},
+    {108, l_ci4readfile},
+    {109, l_ci4deletefile},
+    {200, l_ci4getCertificate},
+    {201, l_ci4verifyCert},
+    {202, l_ci4getCertChain},
+    {203, l_ci4getSealInfo},
+    {204, l_ci4resolveEnveloperCertChain},
+    {205, l_ci4getSealStruct},
+    {206, l_ci4GetCertInfoWithItemNo},
+    {300, l_ci4doSignature},
+    {301, l_ci4verifySignData},
+    {302, l_ci4encodeEnveloper},
+    {303, l_ci4decodeEnveloper},
+    {304, l_ci4decodeSM2SymkeyCipher},
+    {305, l_ci4doSignatureToPKCS7},
+    {306, l_ci4encodeRSAEnveloperByVORLI},
+    {307, l_ci4doSymmetricAlgorithm},
+    {308, l_doCompositeEncryption},
+    {309, l_doCompositeDecryption},
+    {310, l_getHashForPath},
+    {311, l_doEncryptionForPath},
+    {312, l_doDecryptionForPath},
+    {313, l_ci4encodeRsaVorliEnveloperWithCryptoDevice},
+    {314, l_ci4decodeRsaVorliEnveloperWithCryptoDevice},
+    {400, l_ci4genCSR},
+    {401, l_ci4saveSignCert},
+    {402, l_ci4saveCertChain},
+    {403, l_ci4saveEncCertAndKey},
+    {404, l_ci4setSealInfo},
+    {405, l_ci4getSealStruct},
+    {500, l_ci4changeUserPin},
+    {501, l_ci4initDevice},
+    {502, l_ci4unlockUserPin},
+    {503, l_ci4changeDeviceAuthCode},
+    {600, l_ci4doBIVO_CreateKeyShare},
+    {601, l_ci4doBIVO_doSignature},
+    {602, l_ci4doBIVO_genCSR},
+    {603, l_ci4doBIVO_DecodeEnveloper},
+    {604, l_ci4doBIVO_SM2Decrypt},
+    {605, l_ci4doBIVO_VerifyUserPin},
+    {606, l_ci4doBIVO_RSACreateKeyShare},
+    {607, l_ci4doBIVO_RSAdoSignature},
+    {608, l_ci4doBIVO_RSAgenCSR},
+    {609, l_ci4doBIVO_ChangeUserPin},
+    {700, l_ci4fkeyGetKeypair},
+    {701, l_ci4fkeyDoSignature},
+    {702, l_ci4fkeyGenCSR},
+    {703, l_ci4parseSealInfo},
+    {704, l_ci4fkeyEncodeEnveloper},
+    {705, l_ci4fkeyDecodeEnveloper},
+    {800, l_ci4setSealInfoEx},
+    {801, l_ci4getSealInfoEx},
+    {802, l_ci4CheckSealType},
+    {803, l_ci4getSealAll},
+    {900, l_ci4doBIVO_doSignatureforCorvex},
+    {901, l_ci4decodeRSASymkeyCipher},
+    {902, l_ci4SM2SignForP7_301},
+    {903, l_ci4SM2SignForP7_EX},
+    {904, l_ci4SM2VerifyForP7},
+    {907, l_ci4SM2SignForP7_501},
+};
+
+constexpr std::array<Handler, kGroups * kSlots> BuildTable() {
+  std::array<Handler, kGroups * kSlots> table{};
+  for (const Row &row : kRows) {
+    const int group = row.code / 100;
+    const int slot = row.code % 100;
+    // A row outside the table or a slot used twice stops the build.
+    if (group >= kGroups || slot >= kSlots || table[group * kSlots + slot] != nullptr) throw "bad command table";
+    table[group * kSlots + slot] = row.handler;
+  }
+  return table;
+}
+
+// Dispatcher failures keep the status zero-extended (2181562459 for
+// 0x8208005B); handlers store theirs sign-extended.
+constexpr int64_t kDispatchFailure = static_cast<int64_t>(uint64_t{ERR_INVALID_PARAMETER});
+
+// Frees the request's owned texts and wipes it on every path.
+struct RequestScope {
+  ZEPH_REQ_PARAM req{};
+  ~RequestScope() { ReleaseRequest(&req); }
+};
+
+uint32_t RunHandler(Handler handler, ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) noexcept {
+  try {
+    return handler(req, res);
+  } catch (...) {
+    return Answer(res, ERR_OUT_OF_MEMORY);
+  }
+}
+
+// The last resort when cJSON cannot allocate: the document without data.
+char *PrintBare(const ZEPH_RES_PARAM &res) {
+  char text[64];
+  const int n = std::snprintf(text, sizeof text, "{\"type\":%" PRId32 ",\"code\":%" PRId64 "}",
+                              static_cast<int32_t>(res.command), res.code);
+  auto *copy = static_cast<char *>(cJSON_malloc(static_cast<size_t>(n) + 1));
+  if (copy != nullptr) std::memcpy(copy, text, static_cast<size_t>(n) + 1);
+  return copy;
+}
+
+// One call's response record and its printed document.
+struct Reply {
+  ZEPH_RES_PARAM res{};
+  JsonTextPtr text;
+  ~Reply() { ReleaseResponse(&res); }
+};
+
+void Run(const char *request, Reply *reply) {
+  Dispatch(request, &reply->res);
+  reply->text.reset(PrintResponse(reply->res));
+  if (!reply->text) reply->text.reset(PrintBare(reply->res));
+  if (reply->text) ZEPH_LOG(reply->text.get(), reply->res.code);
+}
+
+}  // namespace
+
+constinit const std::array<Handler, kGroups *kSlots> ptrZEPH_C_CI_apis = BuildTable();
+
+Handler FindHandler(int32_t command) {
+  // Truncating division leaves negative codes with a negative slot: refuse
+  // them along with everything past group 9 or slot 14.
+  const int32_t group = command / 100;
+  const int32_t slot = command - group * 100;
+  if (command < 0 || group >= kGroups || slot >= kSlots) return nullptr;
+  return ptrZEPH_C_CI_apis[static_cast<size_t>(group * kSlots + slot)];
+}
+
+uint32_t SetData(ZEPH_RES_PARAM *res, std::string_view text, uint32_t kind) {
+  if (text.size() >= UINT32_MAX) return ERR_INVALID_PARAMETER;
+  auto *copy = static_cast<char *>(std::malloc(text.size() + 1));
+  if (copy == nullptr) return ERR_OUT_OF_MEMORY;
+  if (!text.empty()) std::memcpy(copy, text.data(), text.size());
+  copy[text.size()] = '\0';
+  ZEPH_C_MALLOC_FREE(res->data);
+  res->data = copy;
+  res->length = static_cast<uint32_t>(text.size());
+  res->kind = kind;
+  return 0;
+}
+
+void Dispatch(const char *request, ZEPH_RES_PARAM *res) {
+  ZEPH_LOG(request != nullptr ? request : "", 0);
+  *res = ZEPH_RES_PARAM{};
+  RequestScope scope;
+  const uint32_t parsed = l_GetZEPH_REQ_PARAM(request, &scope.req);
+  ZEPH_LOG("l_GetZEPH_REQ_PARAM result:", parsed);
+  if (parsed != 0) {
+    res->command = 0;
+    res->code = kDispatchFailure;
+    return;
+  }
+  res->command = scope.req.command;
+  const Handler handler = FindHandler(static_cast<int32_t>(scope.req.command));
+  if (handler == nullptr) {
+    res->code = kDispatchFailure;
+    return;
+  }
+  RunHandler(handler, &scope.req, res);
+}
+
+char *PrintResponse(const ZEPH_RES_PARAM &res) {
+  JsonPtr doc(cJSON_CreateObject());
+  if (!doc) return nullptr;
+  if (cJSON_AddNumberToObject(doc.get(), "type", static_cast<int32_t>(res.command)) == nullptr) return nullptr;
+  if (cJSON_AddNumberToObject(doc.get(), "code", static_cast<double>(res.code)) == nullptr) return nullptr;
+  // PIN verification reports its retry count on failure too.
+  if (res.data != nullptr && (res.code == 0 || res.command == 101)) {
+    cJSON *data = nullptr;
+    if (res.kind == kDataObject) data = cJSON_Parse(res.data);
+    if (data == nullptr) data = cJSON_CreateString(res.data);
+    if (data == nullptr) return nullptr;
+    cJSON_AddItemToObject(doc.get(), "data", data);
+  }
+  return cJSON_PrintUnformatted(doc.get());
+}
+
+void ReleaseResponse(ZEPH_RES_PARAM *res) {
+  ZEPH_C_MALLOC_FREE(res->data);
+  res->data = nullptr;
+  res->length = 0;
+}
+
+}  // namespace zeph::ci
+
+using zeph::ci::Reply;
+
+extern "C" {
+
+ZEPH_API uint32_t ZEPH_C_CI(const char *request, char *response) {
+  zeph::Guarded([&]() -> uint32_t {
+    Reply reply;
+    zeph::ci::Run(request, &reply);
+    if (response != nullptr && reply.text) {
+      std::memcpy(response, reply.text.get(), std::strlen(reply.text.get()) + 1);
+    }
+    return 0;
+  });
+  return 0;
+}
+
+ZEPH_API uint32_t ZEPH_C_CI_Ex(const char *request, char *response, uint32_t capacity, uint32_t *out_required) {
+  return zeph::Guarded([&]() -> uint32_t {
+    Reply reply;
+    zeph::ci::Run(request, &reply);
+    if (!reply.text) return ERR_OUT_OF_MEMORY;
+    const size_t need = std::strlen(reply.text.get()) + 1;
+    if (need > UINT32_MAX) return ERR_OUT_OF_MEMORY;
+    if (out_required != nullptr) *out_required = static_cast<uint32_t>(need);
+    if (response != nullptr && capacity >= need) {
+      std::memcpy(response, reply.text.get(), need);
+      return 0;
+    }
+    if (response != nullptr && capacity > 0) {
+      zeph::ci::ZEPH_RES_PARAM bare = reply.res;
+      bare.data = nullptr;
+      const zeph::JsonTextPtr shorter(zeph::ci::PrintResponse(bare));
+      const size_t n = shorter ? std::strlen(shorter.get()) + 1 : 0;
+      if (n != 0 && n <= capacity) {
+        std::memcpy(response, shorter.get(), n);
+      } else {
+        response[0] = '\0';
+      }
+    }
+    return ERR_BUFFER_TOO_SMALL;
+  });
+}
+
+}  // extern "C"

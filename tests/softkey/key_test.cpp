@@ -1,5 +1,8 @@
 // Every private-key operation, SM4 and the digests, each checked against
 // OpenSSL.
+#include <fstream>
+#include <iterator>
+
 #include <openssl/core_names.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
@@ -122,6 +125,58 @@ TEST_F(KeyTest, Sm2SignatureVerifiesWithTheCertificate) {
   EXPECT_EQ(skf.SKF_ECCSignData(anon, e, 32, &sig), SAR_USER_NOT_LOGGED_IN);
   EXPECT_EQ(skf.SKF_ECCSignData(empty, e, 32, &sig), SAR_KEYNOTFOUNTERR);
   EXPECT_EQ(skf.SKF_RSASignData(ecc, e, 32, e, &len), SAR_KEYINFOTYPEERR);
+}
+
+// An SM2 encryption pair arrives enveloped for the signing key: the SM4 key
+// SM2-encrypted, the 64-byte private key field SM4-ECB-encrypted. Once
+// imported it decrypts, and at rest its bytes appear nowhere on disk.
+TEST_F(KeyTest, ImportsAnEnvelopedSm2PairAndKeepsItSealed) {
+  EVP_PKEY *pair = EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2");
+  BIGNUM *d = nullptr;
+  EVP_PKEY_get_bn_param(pair, OSSL_PKEY_PARAM_PRIV_KEY, &d);
+  uint8_t field[64] = {}, point[65];
+  BN_bn2binpad(d, field + 32, 32);
+  BN_free(d);
+  size_t plen = 0;
+  EVP_PKEY_get_octet_string_param(pair, OSSL_PKEY_PARAM_PUB_KEY, point, sizeof point, &plen);
+  const Bytes symm = zeph_test::RandomBytes(16, 4);
+  EVP_PKEY *sign_pub = nullptr;
+  X509 *cert = Cert(ecc, TRUE, &sign_pub);
+  ASSERT_NE(cert, nullptr);
+  const Bytes wrapped = Sm2EncryptToBlob(sign_pub, symm);
+  X509_free(cert);
+
+  Bytes env_bytes(sizeof(ENVELOPEDKEYBLOB) + 15, 0);
+  auto *env = reinterpret_cast<ENVELOPEDKEYBLOB *>(env_bytes.data());
+  env->Version = 1;
+  env->ulSymmAlgID = SGD_SM4_ECB;
+  env->ulBits = 256;
+  EVP_CIPHER_CTX *c = EVP_CIPHER_CTX_new();
+  int outl = 0;
+  EVP_EncryptInit_ex(c, EVP_sm4_ecb(), nullptr, symm.data(), nullptr);
+  EVP_CIPHER_CTX_set_padding(c, 0);
+  EVP_EncryptUpdate(c, env->cbEncryptedPriKey, &outl, field, 64);
+  EVP_CIPHER_CTX_free(c);
+  env->PubKey.BitLen = 256;
+  std::memcpy(env->PubKey.XCoordinate + 32, point + 1, 32);
+  std::memcpy(env->PubKey.YCoordinate + 32, point + 33, 32);
+  std::memcpy(&env->ECCCipherBlob, wrapped.data(), wrapped.size());
+
+  Bytes spoiled = env_bytes;
+  reinterpret_cast<ENVELOPEDKEYBLOB *>(spoiled.data())->PubKey.YCoordinate[40] ^= 1;
+  EXPECT_EQ(skf.SKF_ImportECCKeyPair(ecc, reinterpret_cast<ENVELOPEDKEYBLOB *>(spoiled.data())), SAR_INDATAERR);
+  ASSERT_EQ(skf.SKF_ImportECCKeyPair(ecc, env), SAR_OK);
+
+  Bytes blob = Sm2EncryptToBlob(pair, {1, 2, 3});
+  uint8_t out[3];
+  ULONG len = 3;
+  ASSERT_EQ(skf.SKF_ECCDecrypt(ecc, FALSE, reinterpret_cast<ECCCIPHERBLOB *>(blob.data()), out, &len), SAR_OK);
+  EXPECT_EQ(Bytes(out, out + 3), (Bytes{1, 2, 3}));
+  std::ifstream in(root.file(std::string(kSerial) + "/device.json"));
+  const std::string disk((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  ASSERT_FALSE(disk.empty());
+  EXPECT_EQ(disk.find(zeph_test::ToHex(field + 32, 32)), std::string::npos);
+  EVP_PKEY_free(pair);
 }
 
 TEST_F(KeyTest, Sm2DecryptsOpenSslCiphertexts) {

@@ -1,65 +1,103 @@
-// Shared by the end-to-end tests of the JSON command interface: a software
-// key made with the utility, served through the device configuration, and
-// ZEPH_C_CI calls with their responses taken apart.
+// The end-to-end tests of the JSON command interface: one software key served
+// through its own device configuration, and ZEPH_C_CI replies taken apart.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <cjson/cJSON.h>
+#include <openssl/evp.h>
 
-#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
-#include "test_support.hpp"
+#include "softkey_env.hpp"
+#include "zeph_c_ci.h"
+#include "zeph_c_device.h"
 
 namespace ci_test {
 
 struct Reply {
   std::string text;  // as printed
-  int64_t type = 0;
-  int64_t code = 0;
+  int64_t type = 0, code = 0;
   bool has_data = false;
-  bool data_is_string = false;
   std::string data;  // a string's value, or the JSON text of anything else
-  uint32_t Status() const { return static_cast<uint32_t>(code); }
 };
 
-// One request through ZEPH_C_CI; the response must be a JSON object with
-// numeric "type" and "code" (a failed expectation otherwise).
-Reply Ci(const std::string &request);
+inline Reply Ci(const std::string &request) {
+  std::vector<char> out(1 << 20, '\0');
+  EXPECT_EQ(ZEPH_C_CI(request.c_str(), out.data()), 0u);
+  Reply r;
+  r.text = out.data();
+  cJSON *doc = cJSON_Parse(r.text.c_str());
+  const cJSON *type = cJSON_GetObjectItemCaseSensitive(doc, "type");
+  const cJSON *code = cJSON_GetObjectItemCaseSensitive(doc, "code");
+  const cJSON *data = cJSON_GetObjectItemCaseSensitive(doc, "data");
+  EXPECT_TRUE(cJSON_IsNumber(type) && cJSON_IsNumber(code)) << r.text;
+  r.type = cJSON_IsNumber(type) ? static_cast<int64_t>(type->valuedouble) : -1;
+  r.code = cJSON_IsNumber(code) ? static_cast<int64_t>(code->valuedouble) : -1;
+  r.has_data = data != nullptr;
+  if (cJSON_IsString(data)) {
+    r.data = data->valuestring;
+  } else if (data != nullptr) {
+    char *text = cJSON_PrintUnformatted(data);
+    r.data = text;
+    cJSON_free(text);
+  }
+  cJSON_Delete(doc);
+  return r;
+}
 
-// Status as a handler prints it (sign-extended from 32 bits).
+// A status as a handler prints it (sign-extended from 32 bits).
 inline int64_t Signed(uint32_t status) { return static_cast<int32_t>(status); }
 
-std::string Base64(const std::vector<uint8_t> &bytes);
-std::vector<uint8_t> FromBase64(const std::string &text);
+inline std::string Base64(const std::vector<uint8_t> &bytes) {
+  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+  out.resize(static_cast<size_t>(
+      EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), bytes.data(), static_cast<int>(bytes.size()))));
+  return out;
+}
 
-// Device CI0001 (keySN ZS_CI0001) under a fresh root: application VorliEcc
-// with container ECC holding an SM2 signing pair and its certificate.
-class SoftKeyCi : public ::testing::Test {
+inline std::vector<uint8_t> FromBase64(const std::string &text) {
+  std::vector<uint8_t> out(text.size() / 4 * 3 + 3);
+  const int n =
+      EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char *>(text.data()), static_cast<int>(text.size()));
+  const size_t pads = text.size() >= 2 ? (text.back() == '=') + (text[text.size() - 2] == '=') : 0;
+  out.resize(n < 0 ? 0 : static_cast<size_t>(n) - pads);
+  return out;
+}
+
+// Device CI0001 (keySN ZS_CI0001): VorliEcc with an SM2 signing pair in ECC
+// and VorliRsa with an RSA 2048 pair in RSA1, 5 tries for every PIN. Vendor
+// ZS is the software key, NOLIB a vendor whose library is missing.
+class SoftKeyCi : public zeph_it::SoftkeyTest {
  protected:
-  static constexpr const char *kSerial = "CI0001";
-  static constexpr const char *kKeySN = "ZS_CI0001";
-  static constexpr const char *kUserPin = "87654321";
-  static constexpr const char *kAdminPin = "12345678";
-  static constexpr const char *kAuthCode = "1234567812345678";
-  static constexpr int kRetries = 5;
+  void SetUp() override {
+    SoftkeyTest::SetUp();
+    const std::string cfg = std::string(R"([{"type":0,"vid":"ZS","skfLib":")") + ZEPH_SOFTKEY_LIB +
+                            R"("},{"type":0,"vid":"NOLIB","skfLib":"/nonexistent/libzeph-nothing.so"}])";
+    ASSERT_EQ(ZEPH_C_SetConfigInfo(cfg.c_str()), 0u);
+    CreateDevice("CI0001");
+    for (const char *app : {"VorliEcc", "VorliRsa"}) CreateApp("CI0001", app, 5);
+    GenKey("CI0001", "VorliEcc", "ECC", "sm2");
+    GenKey("CI0001", "VorliRsa", "RSA1", "rsa2048");
+    sm2_cert_ = ExportCert("CI0001", "VorliEcc", "ECC");
+    rsa_cert_ = ExportCert("CI0001", "VorliRsa", "RSA1");
+    vars_ = {{"keySN", "ZS_CI0001"},           {"pin", zeph_it::kUserPin},  {"adminPin", zeph_it::kAdminPin},
+             {"authCode", "1234567812345678"}, {"cert", Base64(sm2_cert_)}, {"rsaCert", Base64(rsa_cert_)}};
+  }
 
-  void SetUp() override;
-  void TearDown() override;
+  // The request with every <name> of vars_ replaced by its value.
+  std::string Fill(std::string text) const {
+    for (const auto &[name, value] : vars_) {
+      const std::string tag = "<" + name + ">";
+      for (size_t at = text.find(tag); at != std::string::npos; at = text.find(tag, at + value.size())) {
+        text.replace(at, tag.size(), value);
+      }
+    }
+    return text;
+  }
 
-  // zeph-softkey on this test's root; the exit status, output in *out.
-  int Tool(const std::string &args, std::string *out = nullptr) const;
-  void MustTool(const std::string &args) const;
-  // Adds the RSA area (VorliRsa/RSA1, RSA 2048 with a certificate).
-  void AddRsaArea() const;
-  // DER certificate of a container's signing pair.
-  std::vector<uint8_t> Certificate(const std::string &app, const std::string &container) const;
-  // Replaces <keySN>, <pin>, <adminPin>, <authCode> and <cert> (SM2 signing
-  // certificate, base64 DER) in a request text.
-  std::string Fill(std::string request) const;
-
-  zeph_test::TempDir root_;
-  std::string cert_b64_;
+  std::vector<uint8_t> sm2_cert_, rsa_cert_;
+  std::map<std::string, std::string> vars_;
 };
 
 }  // namespace ci_test

@@ -1,98 +1,80 @@
-// Device detection end to end: two vendors, three keys, a library that
-// does not load, the list buffers, and the path from a keySN to a context.
+// Detection end to end: two vendors, three keys, a library that does not
+// load hiding the vendor after it, the list buffers, and keySN matching.
 #if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_NOEXT_LIB) && defined(ZEPH_SOFTKEY_TOOL)
 
 #include <cjson/cJSON.h>
 #include <dlfcn.h>
 
-#include <set>
+#include <algorithm>
 
 #include "softkey_env.hpp"
 
 namespace zeph_it {
 namespace {
 
-struct Listed {
-  std::string key_sn, vid, lib;
-  int type;
-  bool operator<(const Listed &o) const { return key_sn < o.key_sn; }
-  bool operator==(const Listed &o) const {
-    return key_sn == o.key_sn && vid == o.vid && lib == o.lib && type == o.type;
-  }
-};
+using DetectionTest = SoftkeyTest;
 
 std::string ListText() {
   uint32_t len = 0;
   EXPECT_EQ(ZEPH_C_ListPluginDevice(nullptr, &len), 0u);
   std::string text(len, '\0');
   EXPECT_EQ(ZEPH_C_ListPluginDevice(text.data(), &len), 0u);
-  EXPECT_EQ(len, text.size());
   text.resize(len - 1);
   return text;
 }
 
-std::vector<Listed> Parse(const std::string &text) {
-  std::vector<Listed> out;
+// The entries, each as printed with its members in order, sorted.
+std::vector<std::string> Entries(const std::string &text) {
+  std::vector<std::string> out;
   cJSON *root = cJSON_Parse(text.c_str());
   EXPECT_TRUE(cJSON_IsArray(root)) << text;
-  const cJSON *item = nullptr;
-  cJSON_ArrayForEach(item, root) {
-    // Member order is part of the format.
-    const cJSON *m = item->child;
-    EXPECT_STREQ(m->string, "keySN");
-    EXPECT_STREQ(m->next->string, "vid");
-    EXPECT_STREQ(m->next->next->string, "skfLib");
-    EXPECT_STREQ(m->next->next->next->string, "type");
-    out.push_back({cJSON_GetObjectItem(item, "keySN")->valuestring, cJSON_GetObjectItem(item, "vid")->valuestring,
-                   cJSON_GetObjectItem(item, "skfLib")->valuestring,
-                   cJSON_GetObjectItem(item, "type")->valueint});
+  for (cJSON *item = root != nullptr ? root->child : nullptr; item != nullptr; item = item->next) {
+    char *printed = cJSON_PrintUnformatted(item);
+    out.push_back(printed);
+    cJSON_free(printed);
   }
   cJSON_Delete(root);
+  std::sort(out.begin(), out.end());
   return out;
 }
-
-using DetectionTest = SoftkeyTest;
 
 TEST_F(DetectionTest, TwoVendorsThreeKeysAndAFailedLibraryHidingTheLastVendor) {
   for (const char *sn : {"K1", "K2", "K3"}) CreateDevice(sn);
   CreateDevice("GONE");
-  Must("unplug --serial GONE");
-
-  std::vector<Listed> got = Parse(ListText());
-  std::sort(got.begin(), got.end());
-  std::vector<Listed> want;
+  Tool("unplug --serial GONE");
+  std::vector<std::string> want;
   for (const char *sn : {"K1", "K2", "K3"}) {
-    want.push_back({std::string("ZA_") + sn, "ZA", ZEPH_SOFTKEY_LIB, 1});
-    want.push_back({std::string("ZT_") + sn, "ZT", ZEPH_SOFTKEY_LIB, 10});
-    want.push_back({std::string("ZN_") + sn, "ZN", ZEPH_SOFTKEY_NOEXT_LIB, 2});
+    for (const auto &[vid, lib, type] : {std::tuple{"ZA", ZEPH_SOFTKEY_LIB, 1}, {"ZT", ZEPH_SOFTKEY_LIB, 10},
+                                         {"ZN", ZEPH_SOFTKEY_NOEXT_LIB, 2}}) {
+      want.push_back(std::string("{\"keySN\":\"") + vid + "_" + sn + "\",\"vid\":\"" + vid + "\",\"skfLib\":\"" + lib +
+                     "\",\"type\":" + std::to_string(type) + "}");
+    }
   }
   std::sort(want.begin(), want.end());
-  EXPECT_EQ(got, want);  // no ZL_ entry, no unplugged key
+  EXPECT_EQ(Entries(ListText()), want);  // no ZL_ entry, no unplugged key
 
-  // The failed vendor is reported; ZL loaded but stays unreachable.
   char err[256] = {0};
   uint32_t len = sizeof err;
   ASSERT_EQ(ZEPH_C_GetDeviceErrStatus(err, &len), 0u);
   EXPECT_EQ(std::string(err, len), "[\"BAD\"]");
-  EXPECT_EQ(getCryptoDeviceHandleWithKeySN("ZL_K1"), nullptr);
-  uint32_t status = 0;
-  {
-    Handle hidden("ZL_K1", &status);
-    EXPECT_EQ(status, ERR_NO_DEVICE_LIBRARY);
-    EXPECT_NE(hidden.get(), nullptr);  // handed out all the same, and finalised
-  }
+  uint32_t short_len = 3;
+  EXPECT_EQ(ZEPH_C_GetDeviceErrStatus(err, &short_len), ERR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(short_len, len);
 
-  // The libraries behind the keySNs.
+  // The library behind a keySN: its prefix before "_" (or all of it) begins a vid.
   void *ext = dlopen(ZEPH_SOFTKEY_LIB, RTLD_LAZY | RTLD_NOLOAD);
   void *noext = dlopen(ZEPH_SOFTKEY_NOEXT_LIB, RTLD_LAZY | RTLD_NOLOAD);
   ASSERT_NE(ext, nullptr);
-  ASSERT_NE(noext, nullptr);
-  EXPECT_NE(ext, noext);
-  EXPECT_EQ(getCryptoDeviceHandleWithKeySN("ZA_K1"), ext);
-  EXPECT_EQ(getCryptoDeviceHandleWithKeySN("ZT_K1"), ext);
-  EXPECT_EQ(getCryptoDeviceHandleWithKeySN("ZN_K2"), noext);
-  EXPECT_EQ(getCryptoDeviceHandleWithKeySN("Z_K2"), ext);  // first vid that begins with "Z"
-  EXPECT_EQ(getCryptoDeviceHandleWithKeySN("ZN"), noext);
+  ASSERT_NE(noext, ext);
+  const struct {
+    const char *key_sn;
+    void *lib;
+  } rows[] = {{"ZA_K1", ext}, {"ZT_K1", ext},   {"ZN_K2", noext},   {"Z_K2", ext},      {"ZN", noext},
+              {"ZL_K1", nullptr}, {"ZAX_K1", nullptr}, {"_K1", nullptr}, {"", nullptr}, {nullptr, nullptr}};
+  for (const auto &r : rows) {
+    SCOPED_TRACE(r.key_sn != nullptr ? r.key_sn : "null");
+    EXPECT_EQ(getCryptoDeviceHandleWithKeySN(r.key_sn), r.lib);
+  }
   dlclose(ext);
   dlclose(noext);
 
@@ -104,72 +86,57 @@ TEST_F(DetectionTest, TwoVendorsThreeKeysAndAFailedLibraryHidingTheLastVendor) {
   EXPECT_EQ(flag, 0u);
 }
 
-TEST_F(DetectionTest, KeySnListIsAMultiStringOfTheListedKeys) {
+TEST_F(DetectionTest, ListsAndTheirBuffers) {
+  char small[16];
+  uint32_t len = sizeof small;
+  EXPECT_EQ(ListText(), "[]");
+  EXPECT_EQ(ZEPH_C_ListKeySNDevice(small, &len), ERR_NO_KEY_FOUND);
+  EXPECT_STREQ(small, "[]");
+
   CreateDevice("A1");
   CreateDevice("B22");
-  uint32_t len = 0;
+  // The keySNs as a multi-string: names, each terminated, then an empty one.
+  len = 0;
   ASSERT_EQ(ZEPH_C_ListKeySNDevice(nullptr, &len), 0u);
-  std::vector<char> buf(len, '\x7f');
-  ASSERT_EQ(ZEPH_C_ListKeySNDevice(buf.data(), &len), 0u);
-  std::set<std::string> names;
-  size_t pos = 0, total = 0;
-  while (buf[pos] != '\0') {
-    const std::string name(&buf[pos]);
-    names.insert(name);
-    total += name.size() + 1;
-    pos += name.size() + 1;
-  }
-  EXPECT_EQ(len, total + 1);
-  EXPECT_EQ(names, (std::set<std::string>{"ZA_A1", "ZA_B22", "ZT_A1", "ZT_B22", "ZN_A1", "ZN_B22"}));
-}
+  std::vector<char> names(len, '\x7f');
+  ASSERT_EQ(ZEPH_C_ListKeySNDevice(names.data(), &len), 0u);
+  std::vector<std::string> got;
+  for (size_t pos = 0; names[pos] != '\0'; pos += got.back().size() + 1) got.emplace_back(&names[pos]);
+  std::sort(got.begin(), got.end());
+  EXPECT_EQ(got, (std::vector<std::string>{"ZA_A1", "ZA_B22", "ZN_A1", "ZN_B22", "ZT_A1", "ZT_B22"}));
+  EXPECT_EQ(len, 40u);
 
-TEST_F(DetectionTest, ListBufferRules) {
-  CreateDevice("L1");
+  // The text's length exactly leaves no room for the terminator; nothing is written.
   const std::string text = ListText();
   const uint32_t need = static_cast<uint32_t>(text.size() + 1);
   std::vector<char> buf(need + 8, '#');
-  // Exactly the text's length leaves no room for the terminator.
-  uint32_t len = need - 1;
+  len = need - 1;
   EXPECT_EQ(ZEPH_C_ListPluginDevice(buf.data(), &len), ERR_BUFFER_TOO_SMALL);
   EXPECT_EQ(len, need);
   EXPECT_EQ(buf[0], '#');
-  len = need;
   ASSERT_EQ(ZEPH_C_ListPluginDevice(buf.data(), &len), 0u);
   EXPECT_EQ(std::string(buf.data()), text);
   EXPECT_EQ(buf[need], '#');
-  len = 0;
+  EXPECT_EQ(ZEPH_C_ListPluginDevice(buf.data(), nullptr), ERR_INVALID_PARAMETER);
+  // The keySN list is built in the caller's buffer, so it needs the text's room.
+  len = need - 1;
   EXPECT_EQ(ZEPH_C_ListKeySNDevice(buf.data(), &len), ERR_BUFFER_TOO_SMALL);
   EXPECT_EQ(len, need);
-  EXPECT_EQ(ZEPH_C_ListPluginDevice(buf.data(), nullptr), ERR_INVALID_PARAMETER);
-}
-
-TEST_F(DetectionTest, NoKeysGiveAnEmptyListAndNoKeySn) {
-  EXPECT_EQ(ListText(), "[]");
-  char buf[16];
-  uint32_t len = sizeof buf;
-  EXPECT_EQ(ZEPH_C_ListKeySNDevice(buf, &len), ERR_NO_KEY_FOUND);
-  EXPECT_STREQ(buf, "[]");
 }
 
 TEST_F(DetectionTest, KeySnsThatReachNoKey) {
   CreateDevice("K1");
-  // 0: some vendor status, passed on unchanged.
+  // 0: whatever the vendor answers, passed on unchanged.
   const struct {
     const char *key_sn;
     uint32_t status;
-  } rows[] = {
-      {"ZA_NOSUCH", 0}, {"ZA_", 0}, {"QQ_K1", ERR_NO_DEVICE_LIBRARY}, {"ZL_K1", ERR_NO_DEVICE_LIBRARY},
-  };
+  } rows[] = {{"ZA_NOSUCH", 0}, {"ZA_", 0}, {"QQ_K1", ERR_NO_DEVICE_LIBRARY}, {"ZL_K1", ERR_NO_DEVICE_LIBRARY}};
   for (const auto &r : rows) {
     SCOPED_TRACE(r.key_sn);
-    uint32_t status = 0;
-    Handle h(r.key_sn, &status);
-    if (r.status == 0) {
-      EXPECT_EQ(status & 0xFFFFFF00u, 0x0A000000u) << std::hex << status;
-    } else {
-      EXPECT_EQ(status, r.status);
-    }
-    uint32_t retry = 0;
+    uint32_t status = 0, retry = 0;
+    Handle h(r.key_sn, &status);  // handed out all the same, and finalised
+    ASSERT_NE(h.get(), nullptr);
+    EXPECT_EQ(r.status == 0 ? status & 0xFFFFFF00u : status, r.status == 0 ? 0x0A000000u : r.status) << std::hex << status;
     EXPECT_NE(ZEPH_C_VerifyUserPin(h.get(), 2, kUserPin, &retry), 0u);
   }
 }

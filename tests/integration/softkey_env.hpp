@@ -1,13 +1,17 @@
-// Software keys for the end-to-end tests: each test gets its own root
-// folder of keys, made with the software key's utility, and the library
-// reaches them through the device configuration exactly as it reaches a
-// vendor's library.
+// Software keys for the end-to-end tests: each test gets its own root folder
+// of keys, made with the software key's utility, which the library reaches
+// through the device configuration exactly as it reaches a vendor's library.
 #pragma once
+#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_NOEXT_LIB) && defined(ZEPH_SOFTKEY_TOOL)
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,86 +22,140 @@
 namespace zeph_it {
 
 using Bytes = std::vector<uint8_t>;
-
-// PINs and keys every test key is made with.
 inline constexpr const char *kAdminPin = "12345678";
 inline constexpr const char *kUserPin = "123456";
-inline constexpr const char *kAuthKeyHex = "31323334353637383132333435363738";
 inline const Bytes kAuthKey = {'1', '2', '3', '4', '5', '6', '7', '8', '1', '2', '3', '4', '5', '6', '7', '8'};
 
-// The configuration every test runs under: vendors ZA (software key, type
-// 1), ZT (the same library as device type 10), ZN (the software key without
-// vendor extensions), a library that does not load, and ZL after it.
-std::string Configuration();
-
-// One call of the software key as its trace records it.
+// One vendor call as the software key's trace records it.
 struct TraceLine {
-  std::string fn;
-  std::string in, out;
+  std::string fn, in, out;
   uint32_t rv = 0;
 };
 
+inline std::string Names(const std::vector<TraceLine> &trace) {
+  std::string s;
+  for (const TraceLine &t : trace) s.append(t.fn).append(t.rv != 0 ? std::to_string(t.rv).insert(0, 1, '=') : "") += ' ';
+  return s;
+}
+
+inline bool Called(const std::vector<TraceLine> &trace, const std::string &fn) {
+  return std::any_of(trace.begin(), trace.end(), [&](const TraceLine &t) { return t.fn == fn; });
+}
+
+// Every application, container, key and device the trace shows opened was closed.
+inline ::testing::AssertionResult AllClosed(const std::vector<TraceLine> &trace) {
+  const std::string opens = " SKF_OpenApplication SKF_CreateApplication SKF_OpenContainer SKF_CreateContainer"
+                            " SKF_SetSymmKey SKF_ConnectDev ";
+  const std::string closes = " SKF_CloseApplication SKF_CloseContainer SKF_CloseHandle SKF_DisConnectDev ";
+  std::map<std::string, std::string> open;  // handle -> what opened it
+  for (const TraceLine &t : trace) {
+    if (opens.find(" " + t.fn + " ") != std::string::npos && t.rv == 0 && !t.out.empty()) open[t.out] = t.fn;
+    if (closes.find(" " + t.fn + " ") != std::string::npos) open.erase(t.in);
+  }
+  if (open.empty()) return ::testing::AssertionSuccess();
+  auto failure = ::testing::AssertionFailure() << "left open:";
+  for (const auto &[handle, fn] : open) failure << " " << fn << "(" << handle << ")";
+  return failure << "\ntrace: " << Names(trace);
+}
+
+// Runs under vendors ZA (software key, type 1), ZT (the same library as device
+// type 10), ZN (the software key without vendor extensions), a library that
+// does not load, and ZL after it.
 class SoftkeyTest : public ::testing::Test {
  protected:
-  void SetUp() override;
-  void TearDown() override;
+  void SetUp() override {
+    setenv("ZEPH_SOFTKEY_ROOT", root_.path().c_str(), 1);
+    TearDown();
+    const std::string config = std::string("[{\"type\":1,\"vid\":\"ZA\",\"skfLib\":\"") + ZEPH_SOFTKEY_LIB +
+                               "\"},{\"type\":10,\"vid\":\"ZT\",\"skfLib\":\"" + ZEPH_SOFTKEY_LIB +
+                               "\"},{\"type\":2,\"vid\":\"ZN\",\"skfLib\":\"" + ZEPH_SOFTKEY_NOEXT_LIB +
+                               "\"},{\"type\":3,\"vid\":\"BAD\",\"skfLib\":\"/nonexistent/libskf-missing.so\"}"
+                               ",{\"type\":4,\"vid\":\"ZL\",\"skfLib\":\"" + ZEPH_SOFTKEY_LIB + "\"}]";
+    ASSERT_EQ(ZEPH_C_SetConfigInfo(config.c_str()), 0u);
+  }
+  void TearDown() override {
+    unsetenv("ZEPH_SOFTKEY_FAULT");
+    unsetenv("ZEPH_SOFTKEY_TRACE");
+  }
 
  public:
-
-  // Runs the utility with this test's root; its standard output in *out.
-  int Tool(const std::string &args, std::string *out = nullptr);
-  void Must(const std::string &args);
-
-  void CreateDevice(const std::string &serial);
-  void CreateApp(const std::string &serial, const std::string &app, uint32_t retry = 10);
-  void GenKey(const std::string &serial, const std::string &app, const std::string &container,
-              const std::string &alg, const std::string &usage = "sign");
-  Bytes ExportCert(const std::string &serial, const std::string &app, const std::string &container,
-                   const std::string &usage = "sign");
-  // A key with the SM2 area (VorliEcc/ECC) and the RSA area (VorliRsa/RSA1
-  // signing, RSA2 encryption) as the library lays them out.
-  void CreateStandardKey(const std::string &serial, bool with_rsa = true);
-
-  // Trace of the calls made while `body` runs.
-  template <class F>
-  std::vector<TraceLine> Traced(F &&body);
-
-  const std::string &root() const { return root_.path().native(); }
+  // Runs the utility on this test's root; unless !check, it must succeed.
+  void Tool(const std::string &args, bool check = true) {
+    const std::string cmd = std::string("'") + ZEPH_SOFTKEY_TOOL + "' --root '" + root_.path().native() + "' " + args;
+    const int status = std::system((cmd + " >/dev/null 2>&1").c_str());
+    EXPECT_TRUE(!check || status == 0) << cmd;
+  }
+  void CreateDevice(const std::string &sn) { Tool("create-device --auth-key 31323334353637383132333435363738 --serial " + sn); }
+  void CreateApp(const std::string &sn, const std::string &app, uint32_t retry = 10, const char *pin = kUserPin) {
+    const std::string r = std::to_string(retry);
+    Tool("create-app --serial " + sn + " --app " + app + " --admin-pin " + kAdminPin + " --user-pin " + pin +
+         " --admin-retry " + r + " --user-retry " + r);
+  }
+  void GenKey(const std::string &sn, const std::string &app, const std::string &con, const std::string &alg,
+              const std::string &usage = "sign") {
+    Tool("gen-key --serial " + sn + " --app " + app + " --container " + con + " --user-pin " + kUserPin + " --alg " +
+         alg + " --usage " + usage);
+  }
+  Bytes ExportCert(const std::string &sn, const std::string &app, const std::string &con,
+                   const std::string &usage = "sign") {
+    const std::string path = scratch_.file("cert-" + std::to_string(++seq_) + ".der");
+    Tool("export-cert --der --serial " + sn + " --app " + app + " --container " + con + " --usage " + usage +
+         " --out '" + path + "'");
+    return zeph_test::ReadBytes(path);
+  }
+  // VorliEcc/ECC (SM2) and, with_rsa, VorliRsa/RSA1 (signing) and RSA2 (encryption).
+  void CreateStandardKey(const std::string &sn, bool with_rsa = true) {
+    CreateDevice(sn);
+    CreateApp(sn, "VorliEcc");
+    GenKey(sn, "VorliEcc", "ECC", "sm2", "both");
+    if (!with_rsa) return;
+    CreateApp(sn, "VorliRsa");
+    GenKey(sn, "VorliRsa", "RSA1", "rsa1024", "sign");
+    GenKey(sn, "VorliRsa", "RSA2", "rsa1024", "both");
+  }
+  // The vendor calls made while `body` runs.
+  std::vector<TraceLine> Traced(const std::function<void()> &body) {
+    const std::string path = scratch_.file("trace-" + std::to_string(++seq_) + ".txt");
+    setenv("ZEPH_SOFTKEY_TRACE", path.c_str(), 1);
+    body();
+    unsetenv("ZEPH_SOFTKEY_TRACE");
+    std::vector<TraceLine> lines;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+      std::istringstream words(line);
+      TraceLine &t = lines.emplace_back();
+      words >> t.fn;
+      for (std::string w; words >> w;) {
+        if (w.rfind("in=", 0) == 0) t.in = w.substr(3);
+        if (w.rfind("out=", 0) == 0) t.out = w.substr(4);
+        if (w.rfind("rv=", 0) == 0) t.rv = static_cast<uint32_t>(std::stoul(w.substr(3), nullptr, 16));
+      }
+    }
+    return lines;
+  }
 
  private:
-  zeph_test::TempDir root_;
-  zeph_test::TempDir scratch_;
-  int trace_seq_ = 0;
-  std::vector<TraceLine> ReadTrace(const std::string &path);
-  std::string NextTracePath();
+  zeph_test::TempDir root_, scratch_;
+  int seq_ = 0;
 };
 
 // An API handle that is finalised and released however the test ends.
-class Handle {
- public:
-  explicit Handle(const std::string &key_sn, uint32_t *status = nullptr);
-  ~Handle();
+struct Handle {
+  explicit Handle(const std::string &key_sn, uint32_t *status = nullptr) {
+    const uint32_t rv = ZEPH_C_Initialize(&h, 0, key_sn.c_str(), 0);
+    EXPECT_TRUE(status != nullptr || rv == 0) << key_sn << ": " << rv;
+    if (status != nullptr) *status = rv;
+  }
+  ~Handle() {
+    EXPECT_EQ(h != nullptr ? ZEPH_C_Finalize(h) : 0u, 0u);
+    ZEPH_C_MALLOC_FREE(h);
+  }
   Handle(const Handle &) = delete;
-  Handle &operator=(const Handle &) = delete;
-  void *get() const { return h_; }
-  GM_SKF_CTX *ctx() const { return h_ != nullptr ? static_cast<GM_SKF_CTX **>(h_)[1] : nullptr; }
-
- private:
-  void *h_ = nullptr;
+  void *get() const { return h; }
+  GM_SKF_CTX *ctx() const { return h != nullptr ? static_cast<GM_SKF_CTX **>(h)[1] : nullptr; }
+  void *h = nullptr;
 };
 
-// Every application and container the trace shows opened was closed.
-::testing::AssertionResult AllClosed(const std::vector<TraceLine> &trace);
-
-std::string Names(const std::vector<TraceLine> &trace);
-
-template <class F>
-std::vector<TraceLine> SoftkeyTest::Traced(F &&body) {
-  const std::string path = NextTracePath();
-  setenv("ZEPH_SOFTKEY_TRACE", path.c_str(), 1);
-  body();
-  unsetenv("ZEPH_SOFTKEY_TRACE");
-  return ReadTrace(path);
-}
-
 }  // namespace zeph_it
+
+#endif

@@ -129,13 +129,13 @@ TEST_F(CiLive, StepsBeyondTheSessionAnswerTheirStatusAndData) {
 
 TEST_F(CiLive, DeviceListsFollowWhatIsPluggedIn) {
   for (const char *serial : {"CI0000", "CI0002"}) CreateDevice(serial);
-  Must("unplug --serial CI0002");
+  Tool("unplug --serial CI0002");
   const auto entry = [](const char *sn) {
     return std::string(R"({"keySN":")") + sn + R"(","vid":"ZS","skfLib":")" + ZEPH_SOFTKEY_LIB + R"(","type":0})";
   };
   EXPECT_EQ(Ci(R"({"type":100})").data, "[" + entry("ZS_CI0000") + "," + entry("ZS_CI0001") + "]");
   EXPECT_EQ(Ci(R"({"type":105})").data, R"(["ZS_CI0000","ZS_CI0001"])");
-  for (const char *serial : {"CI0000", "CI0001"}) Must(std::string("delete-device --serial ") + serial);
+  for (const char *serial : {"CI0000", "CI0001"}) Tool(std::string("delete-device --serial ") + serial);
   EXPECT_EQ(Ci(R"({"type":100})").text, R"({"type":100,"code":0,"data":"[]"})");
   EXPECT_EQ(Ci(R"({"type":105})").code, Signed(ERR_NO_KEY_FOUND));
 }

@@ -1,18 +1,16 @@
-// Base64 and hex texts, buffer joining, whole files, the placeholders.
+// Base64 and hex texts, and the null-pointer sweep.
 #include <gtest/gtest.h>
 
 #include <openssl/evp.h>
 
 #include <cstring>
-#include <string>
 
 #include "foundation/helpers.hpp"
-#include "test_support.hpp"
-#include "zeph_c_utils.h"
+#include "scoped.hpp"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using namespace zeph_test;
 
 TEST(Base64, DecodedLengthFollowsTrailingEquals) {
   const struct {
@@ -30,41 +28,39 @@ TEST(Base64, DecodedLengthFollowsTrailingEquals) {
     const int n = l_base64_decode(c.text, &buf);
     EXPECT_EQ(n, c.expected);
     EXPECT_EQ(buf == nullptr, n <= 0);
-    if (n > 0) {
-      EXPECT_EQ(std::string(reinterpret_cast<char *>(buf), static_cast<size_t>(n)), c.bytes);
-    }
+    EXPECT_EQ(n > 0 ? std::string(reinterpret_cast<char *>(buf), static_cast<size_t>(n)) : "", c.bytes ? c.bytes : "");
     std::free(n > 0 ? buf : nullptr);
-
     uint32_t len = 0;
     EXPECT_EQ(zeph_c_utils_b64tohex2(c.text, nullptr, &len), n > 0 ? 0u : ERR_BASE64_INVALID);
     unsigned char *out = nullptr;
     EXPECT_EQ(zeph_c_utils_b64tohex(c.text, &out, &len), n > 0 ? 0u : 0xFFFFFFFFu);
     std::free(out);
   }
+  // The block decoder keeps the padding zeros.
+  unsigned char out[8];
+  uint32_t len = sizeof out;
+  ASSERT_EQ(File_PEMDecode("QQ==", 4, out, &len), 0u);
+  EXPECT_EQ(Bytes(out, out + len), (Bytes{'A', 0, 0}));
 }
 
 TEST(Base64, EncodersMatchOpenSslAndRoundTrip) {
-  for (size_t n = 1; n <= 40; ++n) {
+  for (size_t n : {1u, 2u, 3u, 4u, 5u, 40u, 1000u, 100000u}) {
     SCOPED_TRACE(n);
-    const auto data = zeph_test::RandomBytes(n, static_cast<uint32_t>(n));
+    const auto data = RandomBytes(n, static_cast<uint32_t>(n));
+    const auto n32 = static_cast<uint32_t>(n);
     std::string ref(4 * ((n + 2) / 3) + 1, '\0');
     ref.resize(static_cast<size_t>(
         EVP_EncodeBlock(reinterpret_cast<unsigned char *>(ref.data()), data.data(), static_cast<int>(n))));
-
-    char *text = nullptr;  // sized for the text: 2n + 1 would be short below two bytes
-    ASSERT_EQ(zeph_c_utils_hex2b64(data.data(), static_cast<uint32_t>(n), &text), 0u);
+    char *text = nullptr;
+    ASSERT_EQ(zeph_c_utils_hex2b64(data.data(), n32, &text), 0u);
     EXPECT_EQ(std::string(text), ref);
-    uint32_t len = 0;
-    ASSERT_EQ(File_PEMEncode(data.data(), static_cast<uint32_t>(n), nullptr, &len), 0u);
-    EXPECT_EQ(len, ref.size() + 1);  // the terminator counts when asking
-    std::string pem(len, 'X');
-    ASSERT_EQ(File_PEMEncode(data.data(), static_cast<uint32_t>(n), pem.data(), &len), 0u);
-    EXPECT_EQ(std::string(pem.c_str(), len), ref);
-
+    std::string pem(ref.size() + 1, 'X');
+    uint32_t len = static_cast<uint32_t>(pem.size());
+    ASSERT_EQ(File_PEMEncode(data.data(), n32, pem.data(), &len), 0u);
+    EXPECT_EQ(pem.substr(0, len), ref);
     Bytes back(n, 0);
-    len = static_cast<uint32_t>(n - 1);
+    len = n32 - 1;
     EXPECT_EQ(zeph_c_utils_b64tohex2(text, back.data(), &len), ERR_BUFFER_TOO_SMALL);
-    len = static_cast<uint32_t>(n);
     ASSERT_EQ(zeph_c_utils_b64tohex2(text, back.data(), &len), 0u);
     EXPECT_EQ(back, data);
     std::free(text);
@@ -73,33 +69,11 @@ TEST(Base64, EncodersMatchOpenSslAndRoundTrip) {
   const unsigned char b = 0xFF;
   EXPECT_EQ(zeph_c_utils_hex2b64(&b, 0, &text), 0xFFFFFFFFu);
   EXPECT_EQ(text, nullptr);
-  uint32_t len = 8;
-  EXPECT_EQ(File_PEMEncode(&b, 0, nullptr, &len), 0xFFFFFFFFu);
-  char small[4];
-  len = sizeof small;
-  EXPECT_EQ(File_PEMEncode(&b, 1, small, &len), ERR_BUFFER_TOO_SMALL);
-}
-
-TEST(Base64, BlockDecoderKeepsPaddingZeros) {
-  unsigned char out[8];
-  uint32_t len = sizeof out;
-  ASSERT_EQ(File_PEMDecode("QQ==", 4, out, &len), 0u);
-  EXPECT_EQ(Bytes(out, out + len), (Bytes{'A', 0, 0}));
-  len = 2;
-  EXPECT_EQ(File_PEMDecode("QQ==", 4, out, &len), ERR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(len, 3u);
-  const char unterminated[4] = {'Q', 'U', 'J', 'D'};  // only `length` characters are read
-  ASSERT_EQ(File_PEMDecode(unterminated, 4, out, &len), 0u);
-  EXPECT_EQ(len, 3u);
-  for (const char *bad : {"", "QQ=", "QQ?="}) {
-    EXPECT_EQ(File_PEMDecode(bad, static_cast<uint32_t>(std::strlen(bad)), out, &len), 0xFFFFFFFFu) << bad;
-  }
 }
 
 TEST(Hex, UpperCaseWithoutTerminator) {
   const unsigned char data[] = {0xAB, 0x01, 0xF0};
-  char out[8];
-  std::memset(out, 'X', sizeof out);
+  char out[8] = "XXXXXXX";
   uint32_t len = 5;
   EXPECT_EQ(zeph_c_utils_hex2ascii(data, 3, out, &len), ERR_BUFFER_TOO_SMALL);
   EXPECT_EQ(len, 6u);
@@ -110,74 +84,39 @@ TEST(Hex, UpperCaseWithoutTerminator) {
   EXPECT_EQ(std::string(out, 7), "AB01F0X");
 }
 
-TEST(Helpers, MergeAndPlaceholders) {
-  const unsigned char a[] = {1, 2}, b[] = {3};
-  unsigned char *out = nullptr;
-  uint32_t len = 0;
-  ASSERT_EQ(zeph_c_utils_mergeBuffer(a, 2, b, 1, &out, &len), 0u);
-  EXPECT_EQ(Bytes(out, out + len), (Bytes{1, 2, 3}));
-  std::free(out);
-  EXPECT_EQ(zeph_c_utils_mergeBuffer(nullptr, 1, b, 1, &out, &len), ERR_INVALID_PARAMETER);
-
-  unsigned char untouched[2] = {7, 7};
-  EXPECT_EQ(zeph_c_utils_ascii2hex("AB", 2, untouched, &len), 0u);
-  EXPECT_EQ(untouched[0], 7);
-  char *converted = reinterpret_cast<char *>(untouched);
-  EXPECT_EQ(zeph_gbk2utf8_malloc("\xC4\xE3", 2, &converted), 0u);
-  EXPECT_EQ(converted, nullptr);
-}
-
-TEST(Files, ReadAndWriteWholeFiles) {
-  zeph_test::TempDir dir;
-  const std::string path = dir.file("data.bin");
-  const auto data = zeph_test::RandomBytes(1000, 9);
-  ASSERT_EQ(zeph_c_utils_writeFile(path.c_str(), data.data(), 1000), 0u);
-  ASSERT_EQ(zeph_c_utils_writeFile(path.c_str(), data.data(), 600), 0u);  // replaces
-  uint32_t len = 0;
-  ASSERT_EQ(zeph_c_utils_readFile(path.c_str(), nullptr, &len), 0u);
-  ASSERT_EQ(len, 600u);
-  Bytes buf(601, 0xEE);
-  len = 599;  // a stale size is refused, not written past
-  EXPECT_EQ(zeph_c_utils_readFile(path.c_str(), buf.data(), &len), ERR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(buf[0], 0xEE);
-  ASSERT_EQ(zeph_c_utils_readFile(path.c_str(), buf.data(), &len), 0u);
-  EXPECT_EQ(Bytes(buf.begin(), buf.begin() + 600), Bytes(data.begin(), data.begin() + 600));
-  EXPECT_EQ(buf[600], 0xEE);
-
-  EXPECT_EQ(zeph_c_utils_readFile(dir.file("missing").c_str(), nullptr, &len), 0xFFFFFFFFu);
-  EXPECT_EQ(zeph_c_utils_readFile(dir.path().c_str(), nullptr, &len), 0xFFFFFFFFu);
-  EXPECT_EQ(zeph_c_utils_writeFile(dir.file("no/dir").c_str(), data.data(), 1), ERR_FILE_OPEN_FAILED);
-  if (std::filesystem::exists("/dev/full")) {
-    EXPECT_EQ(zeph_c_utils_writeFile("/dev/full", data.data(), 64), ERR_FILE_WRITE_FAILED);
-  }
-}
-
 // Every pointer a caller can leave out gets a status, not a crash.
 TEST(NullArguments, GetAStatus) {
   const unsigned char b = 1;
   unsigned char *buf = nullptr;
   char *text = nullptr;
   uint32_t len = 0;
-  EXPECT_EQ(l_base64_decode(nullptr, &buf), -1);
-  EXPECT_EQ(l_base64_decode("QUJD", nullptr), -1);
-  EXPECT_EQ(zeph_c_utils_b64tohex2(nullptr, nullptr, &len), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_b64tohex2("QUI=", nullptr, nullptr), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_b64tohex(nullptr, &buf, &len), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_hex2b64(nullptr, 1, &text), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_hex2b64(&b, 1, nullptr), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(File_PEMEncode(nullptr, 1, nullptr, &len), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(File_PEMDecode(nullptr, 4, nullptr, &len), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_hex2ascii(nullptr, 3, nullptr, &len), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_hex2ascii(&b, 1, nullptr, nullptr), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_mergeBuffer(&b, 1, &b, 1, nullptr, &len), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_readFile(nullptr, nullptr, &len), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_readFile("x", nullptr, nullptr), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_writeFile(nullptr, &b, 1), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_c_utils_writeFile("x", nullptr, 1), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(zeph_gbk2utf8_malloc("x", 1, nullptr), 0u);
-  EXPECT_EQ(zeph_getVorliAlgName(3, nullptr), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(static_cast<uint32_t>(se_getTimeString(nullptr)), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(se_getLogPath(nullptr), 0);
+  const std::pair<uint32_t, uint32_t> statuses[] = {
+      {static_cast<uint32_t>(l_base64_decode(nullptr, &buf)), 0xFFFFFFFFu},
+      {static_cast<uint32_t>(l_base64_decode("QUJD", nullptr)), 0xFFFFFFFFu},
+      {zeph_c_utils_b64tohex2(nullptr, nullptr, &len), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_b64tohex2("QUI=", nullptr, nullptr), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_b64tohex(nullptr, &buf, &len), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_hex2b64(nullptr, 1, &text), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_hex2b64(&b, 1, nullptr), ERR_INVALID_PARAMETER},
+      {File_PEMEncode(nullptr, 1, nullptr, &len), ERR_INVALID_PARAMETER},
+      {File_PEMEncode(&b, 0, nullptr, &len), 0xFFFFFFFFu},
+      {File_PEMDecode(nullptr, 4, nullptr, &len), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_hex2ascii(nullptr, 3, nullptr, &len), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_hex2ascii(&b, 1, nullptr, nullptr), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_mergeBuffer(&b, 1, &b, 1, nullptr, &len), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_mergeBuffer(nullptr, 1, &b, 1, &buf, &len), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_readFile(nullptr, nullptr, &len), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_readFile("x", nullptr, nullptr), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_writeFile(nullptr, &b, 1), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_writeFile("x", nullptr, 1), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_add_P5_padding(nullptr, 4, &buf, &len), ERR_INVALID_PARAMETER},
+      {zeph_c_utils_getPlaintextLengthFromPadding(nullptr, 4), 0u},
+      {zeph_gbk2utf8_malloc("x", 1, nullptr), 0u},
+      {zeph_getVorliAlgName(3, nullptr), ERR_INVALID_PARAMETER},
+      {static_cast<uint32_t>(se_getTimeString(nullptr)), ERR_INVALID_PARAMETER},
+      {static_cast<uint32_t>(se_getLogPath(nullptr)), 0u},
+  };
+  for (size_t i = 0; i < std::size(statuses); ++i) EXPECT_EQ(statuses[i].first, statuses[i].second) << "row " << i;
 }
 
 }  // namespace

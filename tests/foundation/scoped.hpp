@@ -11,61 +11,44 @@
 #include <string>
 #include <vector>
 
+#include "test_support.hpp"
 #include "zeph_c_utils.h"
 
 namespace zeph_test {
 
-class ScopedCwd {
- public:
-  explicit ScopedCwd(const std::filesystem::path &dir) : saved_(std::filesystem::current_path()) {
-    std::filesystem::current_path(dir);
-  }
-  ~ScopedCwd() { std::filesystem::current_path(saved_); }
+using Bytes = std::vector<uint8_t>;
 
- private:
-  std::filesystem::path saved_;
+struct ScopedCwd {
+  std::filesystem::path saved = std::filesystem::current_path();
+  explicit ScopedCwd(const std::filesystem::path &dir) { std::filesystem::current_path(dir); }
+  ~ScopedCwd() { std::filesystem::current_path(saved); }
 };
 
-class ScopedEnv {
- public:
-  ScopedEnv(const char *name, const char *value) : name_(name) {
-    if (const char *old = std::getenv(name)) saved_ = old;
-    if (value != nullptr) {
-      setenv(name, value, 1);
-    } else {
-      unsetenv(name);
-    }
+struct ScopedEnv {
+  std::string name;
+  std::optional<std::string> saved;
+  ScopedEnv(const char *n, const char *value) : name(n) {
+    if (const char *old = std::getenv(n)) saved = old;
+    value != nullptr ? setenv(n, value, 1) : unsetenv(n);
     tzset();
   }
   ~ScopedEnv() {
-    if (saved_) {
-      setenv(name_.c_str(), saved_->c_str(), 1);
-    } else {
-      unsetenv(name_.c_str());
-    }
+    saved ? setenv(name.c_str(), saved->c_str(), 1) : unsetenv(name.c_str());
     tzset();
   }
-
- private:
-  std::string name_;
-  std::optional<std::string> saved_;
 };
 
 // Collects the records handed to the log callback while it lives.
-class LogCapture {
- public:
-  LogCapture() {
-    Records().clear();
-    setLogCallback(&Collect);
-  }
-  ~LogCapture() { setLogCallback(nullptr); }
+struct LogCapture {
   static std::vector<std::string> &Records() {
     static std::vector<std::string> records;
     return records;
   }
-
- private:
-  static void Collect(const char *record) { Records().emplace_back(record); }
+  LogCapture() {
+    Records().clear();
+    setLogCallback([](const char *record) { Records().emplace_back(record); });
+  }
+  ~LogCapture() { setLogCallback(nullptr); }
 };
 
 }  // namespace zeph_test

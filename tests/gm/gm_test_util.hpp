@@ -1,4 +1,4 @@
-// Independent references for the GM tests: OpenSSL's EVP SM3 and SM4.
+// Independent references for the GM tests (OpenSSL's EVP SM3 and SM4) and byte helpers.
 #pragma once
 
 #include <openssl/evp.h>
@@ -8,38 +8,49 @@
 #include <vector>
 
 #include "test_support.hpp"
+#include "zeph_c_gm.h"
+#include "zeph_c_status.h"
 
 namespace gm_test {
 
 using Bytes = std::vector<uint8_t>;
+using namespace zeph_test;
 
 inline Bytes EvpSm3(const std::vector<Bytes> &parts) {
   EVP_MD_CTX *ctx = EVP_MD_CTX_new();
   EVP_DigestInit_ex(ctx, EVP_sm3(), nullptr);
   for (const Bytes &p : parts) EVP_DigestUpdate(ctx, p.data(), p.size());
   Bytes out(32);
-  unsigned int n = 0;
-  EVP_DigestFinal_ex(ctx, out.data(), &n);
+  EVP_DigestFinal_ex(ctx, out.data(), nullptr);
   EVP_MD_CTX_free(ctx);
   return out;
 }
 
-// SM4-ECB or SM4-CBC (iv empty for ECB), with or without PKCS#7 padding,
-// which is the padding rule of the library's padded modes.
-inline Bytes EvpSm4(const Bytes &in, const Bytes &key, const Bytes &iv, bool encrypt, bool pad = false) {
+// SM4-ECB or SM4-CBC (iv empty for ECB), with or without PKCS#7 padding, the library's padding rule.
+inline Bytes EvpSm4(const Bytes &in, const Bytes &key, const Bytes &iv, bool pad = false) {
   EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
-  EVP_CipherInit_ex(ctx, iv.empty() ? EVP_sm4_ecb() : EVP_sm4_cbc(), nullptr, key.data(),
-                    iv.empty() ? nullptr : iv.data(), encrypt ? 1 : 0);
+  EVP_EncryptInit_ex(ctx, iv.empty() ? EVP_sm4_ecb() : EVP_sm4_cbc(), nullptr, key.data(),
+                     iv.empty() ? nullptr : iv.data());
   EVP_CIPHER_CTX_set_padding(ctx, pad ? 1 : 0);
   Bytes out(in.size() + 16);
   int n1 = 0, n2 = 0;
-  EVP_CipherUpdate(ctx, out.data(), &n1, in.data(), static_cast<int>(in.size()));
-  EVP_CipherFinal_ex(ctx, out.data() + n1, &n2);
+  EVP_EncryptUpdate(ctx, out.data(), &n1, in.data(), static_cast<int>(in.size()));
+  EVP_EncryptFinal_ex(ctx, out.data() + n1, &n2);
   EVP_CIPHER_CTX_free(ctx);
   out.resize(static_cast<size_t>(n1 + n2));
   return out;
 }
 
 inline Bytes Text(const std::string &s) { return Bytes(s.begin(), s.end()); }
+inline uint32_t Len(const Bytes &b) { return static_cast<uint32_t>(b.size()); }
+inline Bytes Cat(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
+inline Bytes Xor(Bytes a, const Bytes &b) {
+  for (size_t i = 0; i < a.size() && i < b.size(); ++i) a[i] ^= b[i];
+  return a;
+}
 
 }  // namespace gm_test

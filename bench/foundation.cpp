@@ -1,12 +1,13 @@
 // The foundation helpers against calling OpenSSL's EVP directly, measured
 // alternately in the same loop. "ratio" is zeph's throughput over EVP's
 // (1.0 = as fast; the target is at least 0.95).
-#include <benchmark/benchmark.h>
-#include <openssl/evp.h>
-
 #include <chrono>
 #include <cstdint>
 #include <vector>
+
+#include <openssl/evp.h>
+
+#include <benchmark/benchmark.h>
 
 #include "zeph_c_utils.h"
 
@@ -36,9 +37,15 @@ void Compare(benchmark::State &state, Zeph zeph, Evp evp) {
   bool zeph_first = true;
   for (auto _ : state) {
     const auto t0 = Clock::now();
-    if (zeph_first) zeph(); else evp();
+    if (zeph_first)
+      zeph();
+    else
+      evp();
     const auto t1 = Clock::now();
-    if (zeph_first) evp(); else zeph();
+    if (zeph_first)
+      evp();
+    else
+      zeph();
     const auto t2 = Clock::now();
     const double first = std::chrono::duration<double>(t1 - t0).count();
     const double second = std::chrono::duration<double>(t2 - t1).count();

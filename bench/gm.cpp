@@ -1,13 +1,14 @@
 // Own SM3, SM4 and the SM3 hash DRBG against OpenSSL in the same run. Each
 // pair runs interleaved repetitions; the summary compares the best
 // throughput of each side, which is the least disturbed by other load.
-#include <benchmark/benchmark.h>
-#include <openssl/evp.h>
-
 #include <cstdio>
 #include <map>
 #include <string>
 #include <vector>
+
+#include <openssl/evp.h>
+
+#include <benchmark/benchmark.h>
 
 #include "zeph_c_gm.h"
 
@@ -130,8 +131,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
       const auto a = best_.find(p.mine), b = best_.find(p.theirs);
       if (a == best_.end() || b == best_.end() || b->second == 0) continue;
       const double ratio = a->second / b->second;
-      std::printf("%-48s %12.1f %12.1f %6.2fx %6.2fx %s\n", p.what, a->second / 1e6, b->second / 1e6, ratio,
-                  p.target, ratio >= p.target ? "ok" : "BELOW");
+      std::printf("%-48s %12.1f %12.1f %6.2fx %6.2fx %s\n", p.what, a->second / 1e6, b->second / 1e6, ratio, p.target,
+                  ratio >= p.target ? "ok" : "BELOW");
     }
   }
 

@@ -1,16 +1,16 @@
 // SM2 signatures through the software key against OpenSSL's own SM2 signing,
 // in the same run. The key is set up with zeph-softkey in a temporary root;
 // the library is loaded with dlopen, as the device layer loads it.
-#include <benchmark/benchmark.h>
-#include <dlfcn.h>
-#include <stdlib.h>
-
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <string>
 
+#include <dlfcn.h>
 #include <openssl/evp.h>
+#include <stdlib.h>
+
+#include <benchmark/benchmark.h>
 
 #include "zeph_skf.h"
 
@@ -38,12 +38,12 @@ bool Setup() {
   const std::string tool = std::string(ZEPH_SOFTKEY_TOOL) + " --root " + g_root + " ";
   const std::string dev = " --serial BENCH01 ";
   if (std::system((tool + "create-device" + dev + ">/dev/null").c_str()) != 0 ||
-      std::system((tool + "create-app" + dev + "--app VorliEcc --admin-pin 12345678 --user-pin " + kUserPin +
-                   " >/dev/null")
-                      .c_str()) != 0 ||
-      std::system((tool + "gen-key" + dev + "--app VorliEcc --container ECC --alg sm2 --user-pin " + kUserPin +
-                   " >/dev/null")
-                      .c_str()) != 0)
+      std::system(
+          (tool + "create-app" + dev + "--app VorliEcc --admin-pin 12345678 --user-pin " + kUserPin + " >/dev/null")
+              .c_str()) != 0 ||
+      std::system(
+          (tool + "gen-key" + dev + "--app VorliEcc --container ECC --alg sm2 --user-pin " + kUserPin + " >/dev/null")
+              .c_str()) != 0)
     return false;
   void *lib = dlopen(ZEPH_SOFTKEY_LIB, RTLD_NOW | RTLD_LOCAL);
   if (lib == nullptr) return false;
@@ -155,12 +155,12 @@ int main(int argc, char **argv) {
   const double session = reporter.Seconds("BM_Softkey_SessionAndSign");
   const double openssl = reporter.Seconds("BM_OpenSSL_SM2Sign");
   if (ours > 0 && openssl > 0) {
-    std::printf("softkey SKF_ECCSignData: %.0f signatures/s, OpenSSL SM2: %.0f signatures/s, ratio %.2f\n",
-                1 / ours, 1 / openssl, openssl / ours);
+    std::printf("softkey SKF_ECCSignData: %.0f signatures/s, OpenSSL SM2: %.0f signatures/s, ratio %.2f\n", 1 / ours,
+                1 / openssl, openssl / ours);
   }
   if (session > 0 && openssl > 0)
-    std::printf("softkey whole session (connect, PIN, container, sign): %.0f/s, %.3f of OpenSSL's rate\n",
-                1 / session, openssl / session);
+    std::printf("softkey whole session (connect, PIN, container, sign): %.0f/s, %.3f of OpenSSL's rate\n", 1 / session,
+                openssl / session);
   std::system(("rm -rf '" + g_root + "'").c_str());
   benchmark::Shutdown();
   return 0;

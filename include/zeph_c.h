@@ -2,11 +2,11 @@
 #ifndef ZEPH_C_H
 #define ZEPH_C_H
 
-#include "zeph_c_status.h"
-#include "zeph_c_utils.h"
-#include "zeph_c_gm.h"
-#include "zeph_c_device.h"
 #include "zeph_c_api.h"
 #include "zeph_c_ci.h"
+#include "zeph_c_device.h"
+#include "zeph_c_gm.h"
+#include "zeph_c_status.h"
+#include "zeph_c_utils.h"
 
 #endif

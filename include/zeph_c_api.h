@@ -14,8 +14,8 @@
 ZEPH_BEGIN_DECLS
 
 /* Key-area selectors */
-#define ZEPH_AREA_RSA 1u
-#define ZEPH_AREA_SM2 2u
+#define ZEPH_AREA_RSA  1u
+#define ZEPH_AREA_SM2  2u
 #define ZEPH_AREA_SEAL 4u
 
 /* ---- Handle lifecycle ------------------------------------------------- */
@@ -36,17 +36,15 @@ ZEPH_API uint32_t ZEPH_C_UnLockUserPinByAdminPin(void *handle, uint32_t usage, c
 ZEPH_API uint32_t ZEPH_C_DoDeviceAuth(void *handle, const unsigned char *auth_code, uint32_t auth_code_len);
 ZEPH_API uint32_t ZEPH_C_ChangeDeviceAuthCode(void *handle, const unsigned char *old_code, uint32_t old_len,
                                               const unsigned char *new_code, uint32_t new_len);
-ZEPH_API uint32_t ZEPH_C_DelAllAppWithAuthCode(void *handle, const unsigned char *auth_code,
-                                               uint32_t auth_code_len);
+ZEPH_API uint32_t ZEPH_C_DelAllAppWithAuthCode(void *handle, const unsigned char *auth_code, uint32_t auth_code_len);
 ZEPH_API uint32_t ZEPH_C_InitVorliRsaArea(void *handle, const unsigned char *auth_code, uint32_t auth_code_len,
                                           const char *admin_pin, uint32_t admin_pin_retry, const char *user_pin,
                                           uint32_t user_pin_retry, uint32_t reserved);
 ZEPH_API uint32_t ZEPH_C_InitVorliSm2Area(void *handle, const unsigned char *auth_code, uint32_t auth_code_len,
                                           const char *admin_pin, uint32_t admin_pin_retry, const char *user_pin,
                                           uint32_t user_pin_retry, uint32_t reserved);
-ZEPH_API uint32_t ZEPH_C_InitVorliStampArea(void *handle, const unsigned char *auth_code,
-                                            uint32_t auth_code_len, const char *admin_pin,
-                                            uint32_t admin_pin_retry, const char *user_pin,
+ZEPH_API uint32_t ZEPH_C_InitVorliStampArea(void *handle, const unsigned char *auth_code, uint32_t auth_code_len,
+                                            const char *admin_pin, uint32_t admin_pin_retry, const char *user_pin,
                                             uint32_t user_pin_retry, uint32_t reserved);
 
 /* ---- Version, enumeration, random -------------------------------------- */
@@ -81,12 +79,11 @@ ZEPH_API uint32_t ZEPH_C_DoSm2Sign(void *handle, const char *pin, const unsigned
                                    unsigned char *sig, uint32_t *sig_len);
 ZEPH_API uint32_t ZEPH_C_DoRsaSign(void *handle, const char *pin, const unsigned char *data, uint32_t data_len,
                                    unsigned char *sig, uint32_t *sig_len, uint32_t digest_id);
-ZEPH_API uint32_t ZEPH_C_VerifySm2SignWithCert(const unsigned char *cert, uint32_t cert_len,
-                                               const unsigned char *data, uint32_t data_len,
-                                               const unsigned char *sig, uint32_t sig_len);
-ZEPH_API uint32_t ZEPH_C_VerifyRsaSignWithCert(const unsigned char *cert, uint32_t cert_len,
-                                               const unsigned char *data, uint32_t data_len,
-                                               const unsigned char *sig, uint32_t sig_len, uint32_t digest_id);
+ZEPH_API uint32_t ZEPH_C_VerifySm2SignWithCert(const unsigned char *cert, uint32_t cert_len, const unsigned char *data,
+                                               uint32_t data_len, const unsigned char *sig, uint32_t sig_len);
+ZEPH_API uint32_t ZEPH_C_VerifyRsaSignWithCert(const unsigned char *cert, uint32_t cert_len, const unsigned char *data,
+                                               uint32_t data_len, const unsigned char *sig, uint32_t sig_len,
+                                               uint32_t digest_id);
 ZEPH_API uint32_t ZEPH_C_VerifySignWithCert(const unsigned char *cert, uint32_t cert_len, const unsigned char *data,
                                             uint32_t data_len, const unsigned char *sig, uint32_t sig_len,
                                             uint32_t digest_id);

@@ -19,37 +19,37 @@
 ZEPH_BEGIN_DECLS
 
 /* Buffer sizes of the texts handed across this header. */
-#define ZEPH_DEVICE_CFG_MAX 2048u     /* configuration text, terminator included */
-#define ZEPH_DEVICE_VID_MAX 16u       /* vendor identifier, terminator included */
-#define ZEPH_DEVICE_SKFLIB_MAX 520u   /* vendor library path, terminator included */
-#define ZEPH_DEVICE_NAME_MAX 260u     /* keySN, device name, object names */
-#define ZEPH_DEVICE_FILE_SIZE 4096u   /* size reported for every file location */
+#define ZEPH_DEVICE_CFG_MAX    2048u /* configuration text, terminator included */
+#define ZEPH_DEVICE_VID_MAX    16u   /* vendor identifier, terminator included */
+#define ZEPH_DEVICE_SKFLIB_MAX 520u  /* vendor library path, terminator included */
+#define ZEPH_DEVICE_NAME_MAX   260u  /* keySN, device name, object names */
+#define ZEPH_DEVICE_FILE_SIZE  4096u /* size reported for every file location */
 
 /* Object indexes (rows of the object location table). */
-#define ZEPH_OBJ_RSA_SIGN 1u
-#define ZEPH_OBJ_RSA_ENC 2u
-#define ZEPH_OBJ_SM2_SIGN 3u
-#define ZEPH_OBJ_SM2_ENC 4u
-#define ZEPH_OBJ_RSA_CERTCHAIN 5u
-#define ZEPH_OBJ_RSA_VERSION 6u
-#define ZEPH_OBJ_SM2_CERTCHAIN 7u
-#define ZEPH_OBJ_SM2_VERSION 8u
+#define ZEPH_OBJ_RSA_SIGN        1u
+#define ZEPH_OBJ_RSA_ENC         2u
+#define ZEPH_OBJ_SM2_SIGN        3u
+#define ZEPH_OBJ_SM2_ENC         4u
+#define ZEPH_OBJ_RSA_CERTCHAIN   5u
+#define ZEPH_OBJ_RSA_VERSION     6u
+#define ZEPH_OBJ_SM2_CERTCHAIN   7u
+#define ZEPH_OBJ_SM2_VERSION     8u
 #define ZEPH_OBJ_STAMP_CERTCHAIN 9u
-#define ZEPH_OBJ_STAMP_VERSION 10u
-#define ZEPH_OBJ_STAMP_PICTURE 11u
-#define ZEPH_OBJ_STAMP_CERT 12u
-#define ZEPH_OBJ_RSA_CONTAINER 13u
+#define ZEPH_OBJ_STAMP_VERSION   10u
+#define ZEPH_OBJ_STAMP_PICTURE   11u
+#define ZEPH_OBJ_STAMP_CERT      12u
+#define ZEPH_OBJ_RSA_CONTAINER   13u
 
 /* Layouts: the standard one, and the one of keys whose first application
  * is "SM-Application". */
-#define ZEPH_LAYOUT_STANDARD 0u
+#define ZEPH_LAYOUT_STANDARD       0u
 #define ZEPH_LAYOUT_SM_APPLICATION 1u
 
 /* Key kinds of an open session. */
 #define ZEPH_KEY_RSA_SIGN 1u
 #define ZEPH_KEY_SM2_SIGN 2u
-#define ZEPH_KEY_SM2_ENC 4u
-#define ZEPH_KEY_RSA_ENC 8u
+#define ZEPH_KEY_SM2_ENC  4u
+#define ZEPH_KEY_RSA_ENC  8u
 
 /* ---- Device configuration and detection -------------------------------- */
 
@@ -91,16 +91,15 @@ ZEPH_API uint32_t ZEPH_C_ukey_detection_getDevErrStatus(char *out_text, uint32_t
  * ZEPH_DEVICE_NAME_MAX; both are left untouched when nothing matches (still
  * status 0). A keySN of ZEPH_DEVICE_NAME_MAX characters or more gives
  * ERR_INVALID_PARAMETER. */
-ZEPH_API uint32_t ZEPH_C_ukey_detection_parseInfoWithKSN(const char *key_sn, uint32_t *out_type,
-                                                         char *out_skf_lib, char *out_device_name);
+ZEPH_API uint32_t ZEPH_C_ukey_detection_parseInfoWithKSN(const char *key_sn, uint32_t *out_type, char *out_skf_lib,
+                                                         char *out_device_name);
 
 /* Location of an object index in a layout: application and container, or
  * application, file and ZEPH_DEVICE_FILE_SIZE. Text outputs hold
  * ZEPH_DEVICE_NAME_MAX bytes each and may be NULL when not wanted. */
 ZEPH_API uint32_t getDeviceInfoWithDeviceTypeFromConfig(uint32_t reserved, uint32_t layout, uint32_t index,
-                                                        uint32_t reserved2, char *out_application,
-                                                        char *out_container, char *out_file,
-                                                        uint32_t *out_file_size);
+                                                        uint32_t reserved2, char *out_application, char *out_container,
+                                                        char *out_file, uint32_t *out_file_size);
 
 /* ---- Session context ---------------------------------------------------- */
 
@@ -111,8 +110,7 @@ typedef struct GM_SKF_CTX GM_SKF_CTX;
  * GM_SKF_CTX_Finalize in every case. `reserved` is not used; `layout` is the
  * caller's layout, replaced by ZEPH_LAYOUT_SM_APPLICATION on keys whose first
  * application is "SM-Application". */
-ZEPH_API uint32_t GM_SKF_CTX_Initialize(GM_SKF_CTX **out_ctx, uint32_t reserved, const char *key_sn,
-                                        uint32_t layout);
+ZEPH_API uint32_t GM_SKF_CTX_Initialize(GM_SKF_CTX **out_ctx, uint32_t reserved, const char *key_sn, uint32_t layout);
 /* Deletes and re-creates the object's application (and container) with the
  * given PINs and opens it, the user PIN verified. */
 ZEPH_API uint32_t GM_SKF_CTX_NewSession(GM_SKF_CTX *ctx, uint32_t index, const char *admin_pin,
@@ -125,12 +123,11 @@ ZEPH_API void GM_SKF_CTX_Finalize(GM_SKF_CTX *ctx);
 
 /* PINs need not be terminated: exactly pin_len characters are used. */
 ZEPH_API uint32_t GM_SKF_CTX_VerifyPin(GM_SKF_CTX *ctx, const char *pin, uint32_t pin_len);
-ZEPH_API uint32_t GM_SKF_CTX_VerifyPinRetryCnt(GM_SKF_CTX *ctx, const char *pin, uint32_t pin_len,
-                                               uint32_t *out_retry);
+ZEPH_API uint32_t GM_SKF_CTX_VerifyPinRetryCnt(GM_SKF_CTX *ctx, const char *pin, uint32_t pin_len, uint32_t *out_retry);
 ZEPH_API uint32_t GM_SKF_CTX_VerifyAdminPin(GM_SKF_CTX *ctx, const char *pin, uint32_t pin_len);
-ZEPH_API uint32_t GM_SKF_CTX_UnLockUserPinByAdminPin(GM_SKF_CTX *ctx, const char *admin_pin,
-                                                     uint32_t admin_pin_len, const char *new_user_pin,
-                                                     uint32_t new_user_pin_len, uint32_t *out_retry);
+ZEPH_API uint32_t GM_SKF_CTX_UnLockUserPinByAdminPin(GM_SKF_CTX *ctx, const char *admin_pin, uint32_t admin_pin_len,
+                                                     const char *new_user_pin, uint32_t new_user_pin_len,
+                                                     uint32_t *out_retry);
 ZEPH_API uint32_t GM_SKF_CTX_ChangeUserPin(GM_SKF_CTX *ctx, const char *old_pin, uint32_t old_pin_len,
                                            const char *new_pin, uint32_t new_pin_len);
 /* GM/T 0016 device authentication with the 16-byte authentication key (a
@@ -184,8 +181,7 @@ ZEPH_API uint32_t GM_SKF_CTX_GenRandom(GM_SKF_CTX *ctx, uint32_t length, unsigne
  * room for 117 bytes. NID 114 takes a 32-byte value as it is. Returns 0, or
  * -1 (buffer untouched) for an unknown NID, a wrong length or an encoding
  * over 117 bytes. */
-ZEPH_API int zeph_c_utils_RSAsignpad(unsigned char *buffer, int digest_nid, uint32_t digest_len,
-                                     uint32_t *out_len);
+ZEPH_API int zeph_c_utils_RSAsignpad(unsigned char *buffer, int digest_nid, uint32_t digest_len, uint32_t *out_len);
 
 /* ---- Files and seal areas (inside a session on the application) -------- */
 
@@ -198,13 +194,11 @@ ZEPH_API uint32_t GM_SKF_CTX_GetFileFromCryptoDevice(GM_SKF_CTX *ctx, const char
 ZEPH_API uint32_t GM_SKF_CTX_DeleteFile(GM_SKF_CTX *ctx, const char *name);
 /* Seal areas: 2 "Picture", 3 "CertChain", any other "Cert". Slots of the
  * extended form: "Picture<n>". */
-ZEPH_API uint32_t GM_SKF_CTX_SetSealInfo(GM_SKF_CTX *ctx, uint32_t area, const unsigned char *data,
-                                         uint32_t data_len);
+ZEPH_API uint32_t GM_SKF_CTX_SetSealInfo(GM_SKF_CTX *ctx, uint32_t area, const unsigned char *data, uint32_t data_len);
 ZEPH_API uint32_t GM_SKF_CTX_GetSealInfo(GM_SKF_CTX *ctx, uint32_t area, unsigned char *out, uint32_t *in_out_len);
 ZEPH_API uint32_t GM_SKF_CTX_SetSealInfoEx(GM_SKF_CTX *ctx, uint32_t slot, const unsigned char *data,
                                            uint32_t data_len);
-ZEPH_API uint32_t GM_SKF_CTX_GetSealInfoEx(GM_SKF_CTX *ctx, uint32_t slot, unsigned char *out,
-                                           uint32_t *in_out_len);
+ZEPH_API uint32_t GM_SKF_CTX_GetSealInfoEx(GM_SKF_CTX *ctx, uint32_t slot, unsigned char *out, uint32_t *in_out_len);
 
 /* ---- Certificate helpers ------------------------------------------------ */
 
@@ -217,10 +211,9 @@ ZEPH_API uint32_t zeph_c_cert_VerifySm2SignWithCert(const unsigned char *cert, u
  * ZEPH_CERT_ALG_SM2 or ZEPH_CERT_ALG_OTHER. An undecodable certificate gives
  * ERR_CERT_DECODE_FAILED (and ZEPH_CERT_ALG_OTHER). */
 #define ZEPH_CERT_ALG_OTHER 0u
-#define ZEPH_CERT_ALG_RSA 1u
-#define ZEPH_CERT_ALG_SM2 2u
-ZEPH_API uint32_t zeph_c_cert_getAlgoIDWithCert(const unsigned char *cert, uint32_t cert_len,
-                                                uint32_t *out_algo_id);
+#define ZEPH_CERT_ALG_RSA   1u
+#define ZEPH_CERT_ALG_SM2   2u
+ZEPH_API uint32_t zeph_c_cert_getAlgoIDWithCert(const unsigned char *cert, uint32_t cert_len, uint32_t *out_algo_id);
 
 ZEPH_END_DECLS
 

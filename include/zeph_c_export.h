@@ -10,7 +10,7 @@
 
 #ifdef __cplusplus
 #define ZEPH_BEGIN_DECLS extern "C" {
-#define ZEPH_END_DECLS }
+#define ZEPH_END_DECLS   }
 #else
 #define ZEPH_BEGIN_DECLS
 #define ZEPH_END_DECLS

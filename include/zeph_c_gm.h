@@ -21,30 +21,30 @@
 #ifndef ZEPH_C_GM_H
 #define ZEPH_C_GM_H
 
+#include <openssl/bn.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <openssl/bn.h>
 
 #include "zeph_c_export.h"
 
 ZEPH_BEGIN_DECLS
 
-#define BIVO_ERR_NULL_POINTER      1u
-#define BIVO_ERR_FILE              2u
-#define BIVO_ERR_NO_MEMORY         4u
-#define BIVO_ERR_DIGEST            6u
-#define BIVO_ERR_LENGTH            24u
-#define BIVO_ERR_BUFFER_TOO_SMALL  25u
-#define BIVO_ERR_ZERO              32u
-#define BIVO_ERR_SHORT_ENTROPY     48u
-#define BIVO_ERR_REQUEST_TOO_LONG  49u
-#define BIVO_ERR_RESEED_REQUIRED   50u
-#define BIVO_ERR_HASHGEN           51u
-#define BIVO_ERR_GENERATE          52u
-#define BIVO_ERR_BN_CTX            54u
-#define BIVO_ERR_BN_MOD            55u
-#define BIVO_ERR_BN_COPY           56u
-#define BIVO_ERR_PADDING           58u
+#define BIVO_ERR_NULL_POINTER     1u
+#define BIVO_ERR_FILE             2u
+#define BIVO_ERR_NO_MEMORY        4u
+#define BIVO_ERR_DIGEST           6u
+#define BIVO_ERR_LENGTH           24u
+#define BIVO_ERR_BUFFER_TOO_SMALL 25u
+#define BIVO_ERR_ZERO             32u
+#define BIVO_ERR_SHORT_ENTROPY    48u
+#define BIVO_ERR_REQUEST_TOO_LONG 49u
+#define BIVO_ERR_RESEED_REQUIRED  50u
+#define BIVO_ERR_HASHGEN          51u
+#define BIVO_ERR_GENERATE         52u
+#define BIVO_ERR_BN_CTX           54u
+#define BIVO_ERR_BN_MOD           55u
+#define BIVO_ERR_BN_COPY          56u
+#define BIVO_ERR_PADDING          58u
 
 /* ==== SM3 ============================================================== */
 
@@ -87,19 +87,17 @@ ZEPH_API uint32_t ComputeUserIdSm3Digest_EVP(const char *id, const unsigned char
                                              unsigned char *z_out32);
 
 /* e = SM3(Z || M), library SM3. */
-ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest(const char *id, const unsigned char *pubkey65,
-                                                  uint32_t pubkey_len, const unsigned char *msg, uint32_t msg_len,
-                                                  unsigned char *e_out32);
+ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest(const char *id, const unsigned char *pubkey65, uint32_t pubkey_len,
+                                                  const unsigned char *msg, uint32_t msg_len, unsigned char *e_out32);
 /* e = SM3(Z || M) through OpenSSL's EVP SM3. */
 ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_EVP(const char *id, const unsigned char *pubkey65,
-                                                      uint32_t pubkey_len, const unsigned char *msg,
-                                                      uint32_t msg_len, unsigned char *e_out32);
+                                                      uint32_t pubkey_len, const unsigned char *msg, uint32_t msg_len,
+                                                      unsigned char *e_out32);
 /* Streaming e: init once (computes Z, allocates the context), update any
  * number of times, final once (writes e, frees the context). */
 ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_init(const char *id, const unsigned char *pubkey65,
                                                        uint32_t pubkey_len, BIVO_SM3_CTX **out_ctx);
-ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_update(BIVO_SM3_CTX *ctx, const unsigned char *data,
-                                                         uint32_t len);
+ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_update(BIVO_SM3_CTX *ctx, const unsigned char *data, uint32_t len);
 ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_final(BIVO_SM3_CTX *ctx, unsigned char *e_out32);
 
 /* ==== SM3 hash DRBG ==================================================== */
@@ -113,8 +111,8 @@ ZEPH_API uint32_t BIVO_sm3_hash_drbg_new(BIVO_SM3_HASH_DRBG **out_state);
 ZEPH_API uint32_t BIVO_sm3_hash_drbg_free(BIVO_SM3_HASH_DRBG *state);
 /* nonce and pers are optional (length 0). */
 ZEPH_API uint32_t BIVO_sm3_hash_drbg_instantiate(BIVO_SM3_HASH_DRBG *state, const unsigned char *entropy,
-                                                 uint32_t entropy_len, const unsigned char *nonce,
-                                                 uint32_t nonce_len, const unsigned char *pers, uint32_t pers_len);
+                                                 uint32_t entropy_len, const unsigned char *nonce, uint32_t nonce_len,
+                                                 const unsigned char *pers, uint32_t pers_len);
 ZEPH_API uint32_t BIVO_sm3_hash_drbg_reseed(BIVO_SM3_HASH_DRBG *state, const unsigned char *entropy,
                                             uint32_t entropy_len, const unsigned char *additional,
                                             uint32_t additional_len);
@@ -139,8 +137,8 @@ ZEPH_API uint32_t BIVO_sm3_hash_drbg_set_reseed_counter(BIVO_SM3_HASH_DRBG *stat
 ZEPH_API uint32_t BIVO_sm3_hash_drbg_get_reseed_counter(const BIVO_SM3_HASH_DRBG *state, int64_t *out_value);
 
 /* Hash_df with SM3: out_len bytes (1..8160) derived from input_len bytes (>= 1). */
-ZEPH_API uint32_t ComputeSm3HashDerivationFunction(const unsigned char *input, uint32_t input_len,
-                                                   uint32_t out_len, unsigned char *out);
+ZEPH_API uint32_t ComputeSm3HashDerivationFunction(const unsigned char *input, uint32_t input_len, uint32_t out_len,
+                                                   unsigned char *out);
 /* Hashgen with SM3 from the state's V; does not change the state. */
 ZEPH_API uint32_t IterationSm3HashGen(const BIVO_SM3_HASH_DRBG *state, uint32_t out_len, unsigned char *out);
 /* Overwrites n bytes with a running pattern, then with zeros; returns 0. */

@@ -3,8 +3,8 @@
 #ifndef ZEPH_C_UTILS_H
 #define ZEPH_C_UTILS_H
 
-#include <stdint.h>
 #include <openssl/asn1.h>
+#include <stdint.h>
 
 #include "zeph_c_export.h"
 #include "zeph_c_status.h"
@@ -18,8 +18,7 @@ typedef void (*zeph_log_callback)(const char *record);
  * address of the process-wide callback slot. */
 ZEPH_API zeph_log_callback *setLogCallback(zeph_log_callback callback);
 ZEPH_API void zeph_logger_debug(const char *message, int64_t status, const char *source_file, int line);
-ZEPH_API int zeph_logger_debugHex(const unsigned char *data, uint32_t length, const char *source_file,
-                                  int line);
+ZEPH_API int zeph_logger_debugHex(const unsigned char *data, uint32_t length, const char *source_file, int line);
 ZEPH_API int se_getTimeString(char *out);
 ZEPH_API int se_getLogPath(char *out);
 
@@ -41,8 +40,8 @@ ZEPH_API int get_vorli_cfg_path(char *out);
 ZEPH_API int GetKandelorOstConfigPath(char *out);
 /* INI readers. The text reader returns the value's length, or 0 with the
  * default copied; both are cut to out_size - 1 characters and terminated. */
-ZEPH_API uint32_t GetPrivateProfileString(const char *section, const char *key, const char *default_text,
-                                          char *out, uint32_t out_size, const char *file_name);
+ZEPH_API uint32_t GetPrivateProfileString(const char *section, const char *key, const char *default_text, char *out,
+                                          uint32_t out_size, const char *file_name);
 ZEPH_API int32_t GetPrivateProfileInt(const char *section, const char *key, int32_t default_value,
                                       const char *file_name);
 
@@ -65,8 +64,7 @@ ZEPH_API uint32_t zeph_c_utils_hex2b64(const unsigned char *data, uint32_t lengt
 ZEPH_API uint32_t zeph_c_utils_hex2ascii(const unsigned char *data, uint32_t length, char *out,
                                          uint32_t *in_out_length);
 /* Placeholders that succeed and convert nothing. */
-ZEPH_API uint32_t zeph_c_utils_ascii2hex(const char *text, uint32_t length, unsigned char *out,
-                                         uint32_t *out_length);
+ZEPH_API uint32_t zeph_c_utils_ascii2hex(const char *text, uint32_t length, unsigned char *out, uint32_t *out_length);
 ZEPH_API uint32_t zeph_c_gbk2utf8(char *out, const char *text, uint32_t length);
 ZEPH_API uint32_t zeph_gbk2utf8_malloc(const char *text, uint32_t length, char **out);
 ZEPH_API uint32_t zeph_c_utils_mergeBuffer(const unsigned char *first, uint32_t first_length,
@@ -75,8 +73,7 @@ ZEPH_API uint32_t zeph_c_utils_mergeBuffer(const unsigned char *first, uint32_t 
 /* "YYYYMMDDhhmmss" local time of an ASN.1 time (empty when it does not
  * convert); output texts as for File_PEMEncode. */
 ZEPH_API uint32_t zeph_c_utils_getStandardTime(const ASN1_TIME *asn1_time, char *out, uint32_t *in_out_length);
-ZEPH_API uint32_t zeph_c_utils_GMTgetStandardTime(const ASN1_TIME *asn1_time, char *out,
-                                                  uint32_t *in_out_length);
+ZEPH_API uint32_t zeph_c_utils_GMTgetStandardTime(const ASN1_TIME *asn1_time, char *out, uint32_t *in_out_length);
 /* Writes the name (at most 21 bytes with the terminator) for codes 3..6. */
 ZEPH_API uint32_t zeph_getVorliAlgName(uint32_t code, char *out);
 /* "http[s]://host[:port]": 1 with new host and port texts, or 0 with both
@@ -87,9 +84,8 @@ ZEPH_API int zeph_parse_url(const char *url, char **out_host, char **out_port, i
 /* Digest identifiers: 1 SM3, 2 SHA-1, 4 SHA-256, 8 SHA-384, 16 SHA-512, 128 MD5. */
 ZEPH_API uint32_t zeph_c_utils_digest(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
                                       unsigned char *out_digest, uint32_t *in_out_digest_length, int *out_nid);
-ZEPH_API uint32_t zeph_c_utils_digestWithFilePath(const char *file_name, uint32_t algorithm,
-                                                  unsigned char *out_digest, uint32_t *in_out_digest_length,
-                                                  int *out_nid);
+ZEPH_API uint32_t zeph_c_utils_digestWithFilePath(const char *file_name, uint32_t algorithm, unsigned char *out_digest,
+                                                  uint32_t *in_out_digest_length, int *out_nid);
 /* SM4-ECB with a 16-byte key, whatever the algorithm identifier. Output
  * buffers follow the library convention: NULL out asks for the length;
  * *out_length is the capacity on entry and the result length on exit. */
@@ -99,12 +95,12 @@ ZEPH_API uint32_t zeph_c_utils_encrypt(uint32_t algorithm, const unsigned char *
 ZEPH_API uint32_t zeph_c_utils_decrypt(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
                                        const unsigned char *key, uint32_t key_length, unsigned char *out,
                                        uint32_t *out_length);
-ZEPH_API uint32_t zeph_c_utils_encryptNoPading(uint32_t algorithm, const unsigned char *data,
-                                               uint32_t data_length, const unsigned char *key,
-                                               uint32_t key_length, unsigned char *out, uint32_t *out_length);
-ZEPH_API uint32_t zeph_c_utils_decryptNoPading(uint32_t algorithm, const unsigned char *data,
-                                               uint32_t data_length, const unsigned char *key,
-                                               uint32_t key_length, unsigned char *out, uint32_t *out_length);
+ZEPH_API uint32_t zeph_c_utils_encryptNoPading(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
+                                               const unsigned char *key, uint32_t key_length, unsigned char *out,
+                                               uint32_t *out_length);
+ZEPH_API uint32_t zeph_c_utils_decryptNoPading(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
+                                               const unsigned char *key, uint32_t key_length, unsigned char *out,
+                                               uint32_t *out_length);
 /* FILE -> FILE.enc (FILE.dec), never overwriting an existing output; a
  * failed run leaves no output behind. */
 ZEPH_API uint32_t zeph_c_utils_encryptWithFilePath(const char *file_name, const unsigned char *reserved,
@@ -113,10 +109,10 @@ ZEPH_API uint32_t zeph_c_utils_encryptWithFilePath(const char *file_name, const 
 ZEPH_API uint32_t zeph_c_utils_decryptWithFilePath(const char *file_name, const unsigned char *reserved,
                                                    uint32_t reserved_length, const unsigned char *key,
                                                    uint32_t key_length);
-ZEPH_API uint32_t zeph_c_utils_add_P5_padding(const unsigned char *data, uint32_t length,
-                                              unsigned char **out_buffer, uint32_t *out_length);
-ZEPH_API uint32_t zeph_c_utils_del_P5_padding(const unsigned char *data, uint32_t length,
-                                              unsigned char **out_buffer, uint32_t *out_length);
+ZEPH_API uint32_t zeph_c_utils_add_P5_padding(const unsigned char *data, uint32_t length, unsigned char **out_buffer,
+                                              uint32_t *out_length);
+ZEPH_API uint32_t zeph_c_utils_del_P5_padding(const unsigned char *data, uint32_t length, unsigned char **out_buffer,
+                                              uint32_t *out_length);
 ZEPH_API uint32_t zeph_c_utils_getPlaintextLengthFromPadding(const unsigned char *data, uint32_t length);
 
 ZEPH_END_DECLS

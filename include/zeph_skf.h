@@ -31,104 +31,104 @@ typedef HANDLE HCONTAINER;
 #endif
 
 /* Limits */
-#define MAX_RSA_MODULUS_LEN 256
-#define MAX_RSA_EXPONENT_LEN 4
+#define MAX_RSA_MODULUS_LEN          256
+#define MAX_RSA_EXPONENT_LEN         4
 #define ECC_MAX_XCOORDINATE_BITS_LEN 512
 #define ECC_MAX_YCOORDINATE_BITS_LEN 512
-#define ECC_MAX_MODULUS_BITS_LEN 512
-#define MAX_IV_LEN 32
-#define SKF_MAX_FILE_NAME_LEN 32
-#define SKF_MAX_CONTAINER_NAME_LEN 64
+#define ECC_MAX_MODULUS_BITS_LEN     512
+#define MAX_IV_LEN                   32
+#define SKF_MAX_FILE_NAME_LEN        32
+#define SKF_MAX_CONTAINER_NAME_LEN   64
 #define SKF_MAX_APPLICATION_NAME_LEN 16
 
 /* Algorithm identifiers */
-#define SGD_SM1_ECB 0x00000101u
-#define SGD_SM1_CBC 0x00000102u
-#define SGD_SM1_CFB 0x00000104u
-#define SGD_SM1_OFB 0x00000108u
-#define SGD_SM1_MAC 0x00000110u
+#define SGD_SM1_ECB   0x00000101u
+#define SGD_SM1_CBC   0x00000102u
+#define SGD_SM1_CFB   0x00000104u
+#define SGD_SM1_OFB   0x00000108u
+#define SGD_SM1_MAC   0x00000110u
 #define SGD_SSF33_ECB 0x00000201u
 #define SGD_SSF33_CBC 0x00000202u
-#define SGD_SM4_ECB 0x00000401u
-#define SGD_SM4_CBC 0x00000402u
-#define SGD_SM4_CFB 0x00000404u
-#define SGD_SM4_OFB 0x00000408u
-#define SGD_SM4_MAC 0x00000410u
-#define SGD_RSA 0x00010000u
-#define SGD_SM2_1 0x00020100u /* signature */
-#define SGD_SM2_2 0x00020200u /* key exchange */
-#define SGD_SM2_3 0x00020400u /* encryption */
-#define SGD_SM3 0x00000001u
-#define SGD_SHA1 0x00000002u
-#define SGD_SHA256 0x00000004u
+#define SGD_SM4_ECB   0x00000401u
+#define SGD_SM4_CBC   0x00000402u
+#define SGD_SM4_CFB   0x00000404u
+#define SGD_SM4_OFB   0x00000408u
+#define SGD_SM4_MAC   0x00000410u
+#define SGD_RSA       0x00010000u
+#define SGD_SM2_1     0x00020100u /* signature */
+#define SGD_SM2_2     0x00020200u /* key exchange */
+#define SGD_SM2_3     0x00020400u /* encryption */
+#define SGD_SM3       0x00000001u
+#define SGD_SHA1      0x00000002u
+#define SGD_SHA256    0x00000004u
 
 /* PIN types */
 #define ADMIN_TYPE 0u
-#define USER_TYPE 1u
+#define USER_TYPE  1u
 
 /* Access rights */
-#define SECURE_NEVER_ACCOUNT 0x00u
-#define SECURE_ADM_ACCOUNT 0x01u
-#define SECURE_USER_ACCOUNT 0x10u
-#define SECURE_ANYONE_ACCOUNT 0xFFu
+#define SECURE_NEVER_ACCOUNT    0x00u
+#define SECURE_ADM_ACCOUNT      0x01u
+#define SECURE_USER_ACCOUNT     0x10u
+#define SECURE_ANYONE_ACCOUNT   0xFFu
 #define SECURE_EVERYONE_ACCOUNT 0xFFu
 
 /* Container types reported by SKF_GetConProperty */
 #define CONTAINER_TYPE_EMPTY 0u
-#define CONTAINER_TYPE_RSA 1u
-#define CONTAINER_TYPE_ECC 2u
+#define CONTAINER_TYPE_RSA   1u
+#define CONTAINER_TYPE_ECC   2u
 
 /* Status codes */
-#define SAR_OK 0x00000000u
-#define SAR_FAIL 0x0A000001u
-#define SAR_UNKNOWNERR 0x0A000002u
-#define SAR_NOTSUPPORTYETERR 0x0A000003u
-#define SAR_FILEERR 0x0A000004u
-#define SAR_INVALIDHANDLEERR 0x0A000005u
-#define SAR_INVALIDPARAMERR 0x0A000006u
-#define SAR_READFILEERR 0x0A000007u
-#define SAR_WRITEFILEERR 0x0A000008u
-#define SAR_NAMELENERR 0x0A000009u
-#define SAR_KEYUSAGEERR 0x0A00000Au
-#define SAR_MODULUSLENERR 0x0A00000Bu
-#define SAR_NOTINITIALIZEERR 0x0A00000Cu
-#define SAR_OBJERR 0x0A00000Du
-#define SAR_MEMORYERR 0x0A00000Eu
-#define SAR_TIMEOUTERR 0x0A00000Fu
-#define SAR_INDATALENERR 0x0A000010u
-#define SAR_INDATAERR 0x0A000011u
-#define SAR_GENRANDERR 0x0A000012u
-#define SAR_HASHOBJERR 0x0A000013u
-#define SAR_HASHERR 0x0A000014u
-#define SAR_GENRSAKEYERR 0x0A000015u
-#define SAR_RSAMODULUSLENERR 0x0A000016u
-#define SAR_CSPIMPRTPUBKEYERR 0x0A000017u
-#define SAR_RSAENCERR 0x0A000018u
-#define SAR_RSADECERR 0x0A000019u
-#define SAR_HASHNOTEQUALERR 0x0A00001Au
-#define SAR_KEYNOTFOUNTERR 0x0A00001Bu
-#define SAR_CERTNOTFOUNTERR 0x0A00001Cu
-#define SAR_NOTEXPORTERR 0x0A00001Du
-#define SAR_DECRYPTPADERR 0x0A00001Eu
-#define SAR_MACLENERR 0x0A00001Fu
-#define SAR_BUFFER_TOO_SMALL 0x0A000020u
-#define SAR_KEYINFOTYPEERR 0x0A000021u
-#define SAR_NOT_EVENTERR 0x0A000022u
-#define SAR_DEVICE_REMOVED 0x0A000023u
-#define SAR_PIN_INCORRECT 0x0A000024u
-#define SAR_PIN_LOCKED 0x0A000025u
-#define SAR_PIN_INVALID 0x0A000026u
-#define SAR_PIN_LEN_RANGE 0x0A000027u
-#define SAR_USER_ALREADY_LOGGED_IN 0x0A000028u
-#define SAR_USER_PIN_NOT_INITIALIZED 0x0A000029u
-#define SAR_USER_TYPE_INVALID 0x0A00002Au
-#define SAR_APPLICATION_NAME_INVALID 0x0A00002Bu
-#define SAR_APPLICATION_EXISTS 0x0A00002Cu
-#define SAR_USER_NOT_LOGGED_IN 0x0A00002Du
-#define SAR_APPLICATION_NOT_EXISTS 0x0A00002Eu
-#define SAR_FILE_ALREADY_EXIST 0x0A00002Fu
-#define SAR_NO_ROOM 0x0A000030u
-#define SAR_FILE_NOT_EXIST 0x0A000031u
+#define SAR_OK                        0x00000000u
+#define SAR_FAIL                      0x0A000001u
+#define SAR_UNKNOWNERR                0x0A000002u
+#define SAR_NOTSUPPORTYETERR          0x0A000003u
+#define SAR_FILEERR                   0x0A000004u
+#define SAR_INVALIDHANDLEERR          0x0A000005u
+#define SAR_INVALIDPARAMERR           0x0A000006u
+#define SAR_READFILEERR               0x0A000007u
+#define SAR_WRITEFILEERR              0x0A000008u
+#define SAR_NAMELENERR                0x0A000009u
+#define SAR_KEYUSAGEERR               0x0A00000Au
+#define SAR_MODULUSLENERR             0x0A00000Bu
+#define SAR_NOTINITIALIZEERR          0x0A00000Cu
+#define SAR_OBJERR                    0x0A00000Du
+#define SAR_MEMORYERR                 0x0A00000Eu
+#define SAR_TIMEOUTERR                0x0A00000Fu
+#define SAR_INDATALENERR              0x0A000010u
+#define SAR_INDATAERR                 0x0A000011u
+#define SAR_GENRANDERR                0x0A000012u
+#define SAR_HASHOBJERR                0x0A000013u
+#define SAR_HASHERR                   0x0A000014u
+#define SAR_GENRSAKEYERR              0x0A000015u
+#define SAR_RSAMODULUSLENERR          0x0A000016u
+#define SAR_CSPIMPRTPUBKEYERR         0x0A000017u
+#define SAR_RSAENCERR                 0x0A000018u
+#define SAR_RSADECERR                 0x0A000019u
+#define SAR_HASHNOTEQUALERR           0x0A00001Au
+#define SAR_KEYNOTFOUNTERR            0x0A00001Bu
+#define SAR_CERTNOTFOUNTERR           0x0A00001Cu
+#define SAR_NOTEXPORTERR              0x0A00001Du
+#define SAR_DECRYPTPADERR             0x0A00001Eu
+#define SAR_MACLENERR                 0x0A00001Fu
+#define SAR_BUFFER_TOO_SMALL          0x0A000020u
+#define SAR_KEYINFOTYPEERR            0x0A000021u
+#define SAR_NOT_EVENTERR              0x0A000022u
+#define SAR_DEVICE_REMOVED            0x0A000023u
+#define SAR_PIN_INCORRECT             0x0A000024u
+#define SAR_PIN_LOCKED                0x0A000025u
+#define SAR_PIN_INVALID               0x0A000026u
+#define SAR_PIN_LEN_RANGE             0x0A000027u
+#define SAR_USER_ALREADY_LOGGED_IN    0x0A000028u
+#define SAR_USER_PIN_NOT_INITIALIZED  0x0A000029u
+#define SAR_USER_TYPE_INVALID         0x0A00002Au
+#define SAR_APPLICATION_NAME_INVALID  0x0A00002Bu
+#define SAR_APPLICATION_EXISTS        0x0A00002Cu
+#define SAR_USER_NOT_LOGGED_IN        0x0A00002Du
+#define SAR_APPLICATION_NOT_EXISTS    0x0A00002Eu
+#define SAR_FILE_ALREADY_EXIST        0x0A00002Fu
+#define SAR_NO_ROOM                   0x0A000030u
+#define SAR_FILE_NOT_EXIST            0x0A000031u
 #define SAR_REACH_MAX_CONTAINER_COUNT 0x0A000032u
 
 #pragma pack(push, 1)
@@ -246,6 +246,7 @@ ZEPH_SKF_STATIC_ASSERT(sizeof(ENVELOPEDKEYBLOB) == 373, "ENVELOPEDKEYBLOB size")
 
 /* Entry points. Each X(name, return-args) line yields a prototype and a
  * function-pointer type PFN_<name>; the device layer only uses the types. */
+/* clang-format off */
 #define ZEPH_SKF_FUNCTIONS(X)                                                                     \
   X(SKF_EnumDev, (BOOL bPresent, LPSTR szNameList, ULONG *pulSize))                               \
   X(SKF_ConnectDev, (LPSTR szName, DEVHANDLE *phDev))                                             \
@@ -330,6 +331,7 @@ ZEPH_SKF_STATIC_ASSERT(sizeof(ENVELOPEDKEYBLOB) == 373, "ENVELOPEDKEYBLOB size")
                          BYTE *pbSignature, ULONG *pulSignLen, ULONG *pulExtra))                  \
   X(SKF_Eu_ECCSignData, (HCONTAINER hContainer, BYTE *pbData, ULONG ulDataLen,                    \
                          ECCSIGNATUREBLOB *pSignature))
+/* clang-format on */
 
 /* The software key defines ZEPH_SKF_IMPLEMENTATION to export what it defines. */
 #if defined(ZEPH_SKF_IMPLEMENTATION)
@@ -338,7 +340,9 @@ ZEPH_SKF_STATIC_ASSERT(sizeof(ENVELOPEDKEYBLOB) == 373, "ENVELOPEDKEYBLOB size")
 #define ZEPH_SKF_API
 #endif
 
-#define ZEPH_SKF_DECLARE(name, args) ZEPH_SKF_API ULONG name args; typedef ULONG(*PFN_##name) args;
+#define ZEPH_SKF_DECLARE(name, args) \
+  ZEPH_SKF_API ULONG name args;      \
+  typedef ULONG(*PFN_##name) args;
 ZEPH_SKF_FUNCTIONS(ZEPH_SKF_DECLARE)
 #undef ZEPH_SKF_DECLARE
 

@@ -23,6 +23,7 @@ using EcGroupPtr = zeph::EcGroupPtr;
 using EcPointPtr = zeph::EcPointPtr;
 
 // SM2 recommended curve: a, b, xG, yG (big-endian), the Z digest's middle.
+// clang-format off
 constexpr uint8_t kCurveParams[128] = {
     0xFF, 0xFF, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
     0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFC,
@@ -33,6 +34,7 @@ constexpr uint8_t kCurveParams[128] = {
     0xBC, 0x37, 0x36, 0xA2, 0xF4, 0xF6, 0x77, 0x9C, 0x59, 0xBD, 0xCE, 0xE3, 0x6B, 0x69, 0x21, 0x53,
     0xD0, 0xA9, 0x87, 0x7C, 0xC6, 0x2A, 0x47, 0x40, 0x02, 0xDF, 0x32, 0xE5, 0x21, 0x39, 0xF0, 0xA0,
 };
+// clang-format on
 
 constexpr size_t kIv = 16, kTag = 32;
 
@@ -327,11 +329,10 @@ bool Sm2Z(ByteSpan point65, ByteSpan id, uint8_t z[32]) {
   const uint8_t entl_be[2] = {static_cast<uint8_t>(entl >> 8), static_cast<uint8_t>(entl)};
   EvpMdCtxPtr md(EVP_MD_CTX_new());
   unsigned int n = 0;
-  return md && EVP_DigestInit_ex(md.get(), EVP_sm3(), nullptr) == 1 &&
-         EVP_DigestUpdate(md.get(), entl_be, 2) == 1 && EVP_DigestUpdate(md.get(), id.data(), id.size()) == 1 &&
+  return md && EVP_DigestInit_ex(md.get(), EVP_sm3(), nullptr) == 1 && EVP_DigestUpdate(md.get(), entl_be, 2) == 1 &&
+         EVP_DigestUpdate(md.get(), id.data(), id.size()) == 1 &&
          EVP_DigestUpdate(md.get(), kCurveParams, sizeof kCurveParams) == 1 &&
-         EVP_DigestUpdate(md.get(), point65.data() + 1, 64) == 1 && EVP_DigestFinal_ex(md.get(), z, &n) == 1 &&
-         n == 32;
+         EVP_DigestUpdate(md.get(), point65.data() + 1, 64) == 1 && EVP_DigestFinal_ex(md.get(), z, &n) == 1 && n == 32;
 }
 
 // ---- RSA -------------------------------------------------------------------
@@ -471,8 +472,8 @@ Bytes SelfSignedCert(EVP_PKEY *k, const std::string &subject, int days, bool enc
   X509_NAME *name = X509_get_subject_name(x.get());
   if (!AddNameEntries(name, subject) || X509_set_issuer_name(x.get(), name) != 1 ||
       X509_gmtime_adj(X509_getm_notBefore(x.get()), -3600) == nullptr ||
-      X509_time_adj_ex(X509_getm_notAfter(x.get()), days, 0, nullptr) == nullptr ||
-      X509_set_pubkey(x.get(), k) != 1 || !AddExtension(x.get(), NID_basic_constraints, "critical,CA:FALSE") ||
+      X509_time_adj_ex(X509_getm_notAfter(x.get()), days, 0, nullptr) == nullptr || X509_set_pubkey(x.get(), k) != 1 ||
+      !AddExtension(x.get(), NID_basic_constraints, "critical,CA:FALSE") ||
       !AddExtension(x.get(), NID_key_usage,
                     encryption ? "critical,keyEncipherment,dataEncipherment,keyAgreement"
                                : "critical,digitalSignature,nonRepudiation") ||

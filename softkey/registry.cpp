@@ -1,14 +1,14 @@
 #include "registry.hpp"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace softkey {
 
@@ -51,7 +51,8 @@ class Hooks {
     char line[256];
     int n = std::snprintf(line, sizeof line, "%s", fn);
     if (in.present) n += std::snprintf(line + n, sizeof line - n, " in=0x%lx", reinterpret_cast<unsigned long>(in.h));
-    if (out != nullptr) n += std::snprintf(line + n, sizeof line - n, " out=0x%lx", reinterpret_cast<unsigned long>(out));
+    if (out != nullptr)
+      n += std::snprintf(line + n, sizeof line - n, " out=0x%lx", reinterpret_cast<unsigned long>(out));
     n += std::snprintf(line + n, sizeof line - n, " rv=0x%08X\n", rv);
     // One write per line with O_APPEND: lines of several processes never mix.
     const int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);

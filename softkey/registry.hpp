@@ -119,8 +119,8 @@ ULONG Dispatch(const char *fn, In in, HANDLE *out, Body body, void *ctx);
 // behind an exception barrier, one trace line last.
 template <class F>
 ULONG Call(const char *fn, In in, HANDLE *out, F &&body) {
-  return Dispatch(fn, in, out, [](void *c) -> ULONG { return (*static_cast<std::remove_reference_t<F> *>(c))(); },
-                  &body);
+  return Dispatch(
+      fn, in, out, [](void *c) -> ULONG { return (*static_cast<std::remove_reference_t<F> *>(c))(); }, &body);
 }
 
 // Output buffers: a null buffer asks for the size, a short one gets

@@ -281,7 +281,8 @@ ULONG SKF_GenECCKeyPair(HCONTAINER hContainer, ULONG ulAlgId, ECCPUBLICKEYBLOB *
 }
 
 ULONG SKF_GenRSAKeyPair(HCONTAINER hContainer, ULONG ulBitsLen, RSAPUBLICKEYBLOB *pBlob) {
-  return Call("SKF_GenRSAKeyPair", H(hContainer), nullptr, [&]() -> ULONG { return GenRsa(hContainer, ulBitsLen, pBlob); });
+  return Call("SKF_GenRSAKeyPair", H(hContainer), nullptr,
+              [&]() -> ULONG { return GenRsa(hContainer, ulBitsLen, pBlob); });
 }
 
 ULONG SKF_ImportECCKeyPair(HCONTAINER hContainer, ENVELOPEDKEYBLOB *pEnvelopedKeyBlob) {
@@ -325,8 +326,7 @@ ULONG SKF_ImportRSAKeyPair(HCONTAINER hContainer, ULONG ulSymAlgId, BYTE *pbWrap
     ZEPH_ENSURE(ulEncryptedDataLen != 0 && ulEncryptedDataLen % 16 == 0 && ulEncryptedDataLen <= 4096,
                 SAR_INDATALENERR);
     SecureBytes symm;
-    ZEPH_ENSURE(RsaDecrypt(wrapping, RSA_PKCS1_PADDING, ByteSpan(pbWrappedKey, ulWrappedKeyLen), symm),
-                SAR_RSADECERR);
+    ZEPH_ENSURE(RsaDecrypt(wrapping, RSA_PKCS1_PADDING, ByteSpan(pbWrappedKey, ulWrappedKeyLen), symm), SAR_RSADECERR);
     ZEPH_ENSURE(symm.size() == 16, SAR_INDATAERR);
     // DER RSAPrivateKey, padded (PKCS#5) or not.
     SecureBytes der(ulEncryptedDataLen);
@@ -388,8 +388,7 @@ ULONG SKF_Eu_ECCSignData(HCONTAINER hContainer, BYTE *pbData, ULONG ulDataLen, E
     unsigned int n = 0;
     zeph::EvpMdCtxPtr md(EVP_MD_CTX_new());
     ZEPH_ENSURE(Sm2Z(c.con->sign->pub, ByteSpan(reinterpret_cast<const uint8_t *>(kDefaultId), 16), z) && md &&
-                    EVP_DigestInit_ex(md.get(), EVP_sm3(), nullptr) == 1 &&
-                    EVP_DigestUpdate(md.get(), z, 32) == 1 &&
+                    EVP_DigestInit_ex(md.get(), EVP_sm3(), nullptr) == 1 && EVP_DigestUpdate(md.get(), z, 32) == 1 &&
                     (ulDataLen == 0 || EVP_DigestUpdate(md.get(), pbData, ulDataLen) == 1) &&
                     EVP_DigestFinal_ex(md.get(), e, &n) == 1,
                 SAR_HASHERR);
@@ -435,8 +434,7 @@ ULONG SKF_ECCDecrypt(HCONTAINER hContainer, BOOL bSignFlag, ECCCIPHERBLOB *pCiph
 
 // A session key wrapped for the container: an ECCCIPHERBLOB for SM2, a
 // PKCS#1 v1.5 block for RSA.
-ULONG SKF_ImportSessionKey(HCONTAINER hContainer, ULONG ulAlgId, BYTE *pbWrapedData, ULONG ulWrapedLen,
-                           HANDLE *phKey) {
+ULONG SKF_ImportSessionKey(HCONTAINER hContainer, ULONG ulAlgId, BYTE *pbWrapedData, ULONG ulWrapedLen, HANDLE *phKey) {
   return Call("SKF_ImportSessionKey", H(hContainer), phKey, [&]() -> ULONG {
     ConRef c;
     ZEPH_TRY(ResolveContainer(hContainer, c));

@@ -27,9 +27,7 @@ const EVP_CIPHER *CipherOf(ULONG alg) {
   }
 }
 
-ULONG Present(const Object &o) {
-  return DevicePresence(o.dir) == Presence::kPresent ? SAR_OK : SAR_DEVICE_REMOVED;
-}
+ULONG Present(const Object &o) { return DevicePresence(o.dir) == Presence::kPresent ? SAR_OK : SAR_DEVICE_REMOVED; }
 
 ULONG KeyOf(HANDLE h, KeyObj *&out) {
   out = Handles().Get<KeyObj>(h);
@@ -45,8 +43,9 @@ ULONG Init(HANDLE h, const BLOCKCIPHERPARAM &param, bool encrypt) {
   ZEPH_ENSURE(k->alg == SGD_SM4_ECB || param.IVLen == 16, SAR_INVALIDPARAMERR);
   ZEPH_ENSURE(!(stream && param.PaddingType == 1), SAR_INVALIDPARAMERR);
   zeph::EvpCipherCtxPtr ctx(EVP_CIPHER_CTX_new());
-  ZEPH_ENSURE(ctx && EVP_CipherInit_ex(ctx.get(), CipherOf(k->alg), nullptr, k->key.data(),
-                                       k->alg == SGD_SM4_ECB ? nullptr : param.IV, encrypt ? 1 : 0) == 1 &&
+  ZEPH_ENSURE(ctx &&
+                  EVP_CipherInit_ex(ctx.get(), CipherOf(k->alg), nullptr, k->key.data(),
+                                    k->alg == SGD_SM4_ECB ? nullptr : param.IV, encrypt ? 1 : 0) == 1 &&
                   EVP_CIPHER_CTX_set_padding(ctx.get(), 0) == 1,
               SAR_FAIL);
   k->op = CipherOp{};
@@ -157,21 +156,18 @@ ULONG SKF_EncryptInit(HANDLE hKey, BLOCKCIPHERPARAM EncryptParam) {
 }
 
 ULONG SKF_Encrypt(HANDLE hKey, BYTE *pbData, ULONG ulDataLen, BYTE *pbEncryptedData, ULONG *pulEncryptedLen) {
-  return Call("SKF_Encrypt", H(hKey), nullptr, [&]() -> ULONG {
-    return Step(hKey, true, true, pbData, ulDataLen, pbEncryptedData, pulEncryptedLen);
-  });
+  return Call("SKF_Encrypt", H(hKey), nullptr,
+              [&]() -> ULONG { return Step(hKey, true, true, pbData, ulDataLen, pbEncryptedData, pulEncryptedLen); });
 }
 
 ULONG SKF_EncryptUpdate(HANDLE hKey, BYTE *pbData, ULONG ulDataLen, BYTE *pbEncryptedData, ULONG *pulEncryptedLen) {
-  return Call("SKF_EncryptUpdate", H(hKey), nullptr, [&]() -> ULONG {
-    return Step(hKey, true, false, pbData, ulDataLen, pbEncryptedData, pulEncryptedLen);
-  });
+  return Call("SKF_EncryptUpdate", H(hKey), nullptr,
+              [&]() -> ULONG { return Step(hKey, true, false, pbData, ulDataLen, pbEncryptedData, pulEncryptedLen); });
 }
 
 ULONG SKF_EncryptFinal(HANDLE hKey, BYTE *pbEncryptedData, ULONG *pulEncryptedDataLen) {
-  return Call("SKF_EncryptFinal", H(hKey), nullptr, [&]() -> ULONG {
-    return Step(hKey, true, true, nullptr, 0, pbEncryptedData, pulEncryptedDataLen);
-  });
+  return Call("SKF_EncryptFinal", H(hKey), nullptr,
+              [&]() -> ULONG { return Step(hKey, true, true, nullptr, 0, pbEncryptedData, pulEncryptedDataLen); });
 }
 
 ULONG SKF_DecryptInit(HANDLE hKey, BLOCKCIPHERPARAM DecryptParam) {
@@ -179,21 +175,18 @@ ULONG SKF_DecryptInit(HANDLE hKey, BLOCKCIPHERPARAM DecryptParam) {
 }
 
 ULONG SKF_Decrypt(HANDLE hKey, BYTE *pbEncryptedData, ULONG ulEncryptedLen, BYTE *pbData, ULONG *pulDataLen) {
-  return Call("SKF_Decrypt", H(hKey), nullptr, [&]() -> ULONG {
-    return Step(hKey, false, true, pbEncryptedData, ulEncryptedLen, pbData, pulDataLen);
-  });
+  return Call("SKF_Decrypt", H(hKey), nullptr,
+              [&]() -> ULONG { return Step(hKey, false, true, pbEncryptedData, ulEncryptedLen, pbData, pulDataLen); });
 }
 
 ULONG SKF_DecryptUpdate(HANDLE hKey, BYTE *pbEncryptedData, ULONG ulEncryptedLen, BYTE *pbData, ULONG *pulDataLen) {
-  return Call("SKF_DecryptUpdate", H(hKey), nullptr, [&]() -> ULONG {
-    return Step(hKey, false, false, pbEncryptedData, ulEncryptedLen, pbData, pulDataLen);
-  });
+  return Call("SKF_DecryptUpdate", H(hKey), nullptr,
+              [&]() -> ULONG { return Step(hKey, false, false, pbEncryptedData, ulEncryptedLen, pbData, pulDataLen); });
 }
 
 ULONG SKF_DecryptFinal(HANDLE hKey, BYTE *pbDecryptedData, ULONG *pulDecryptedDataLen) {
-  return Call("SKF_DecryptFinal", H(hKey), nullptr, [&]() -> ULONG {
-    return Step(hKey, false, true, nullptr, 0, pbDecryptedData, pulDecryptedDataLen);
-  });
+  return Call("SKF_DecryptFinal", H(hKey), nullptr,
+              [&]() -> ULONG { return Step(hKey, false, true, nullptr, 0, pbDecryptedData, pulDecryptedDataLen); });
 }
 
 ULONG SKF_DigestInit(DEVHANDLE hDev, ULONG ulAlgID, ECCPUBLICKEYBLOB *pPubKey, BYTE *pbID, ULONG ulIDLen,
@@ -216,8 +209,8 @@ ULONG SKF_DigestInit(DEVHANDLE hDev, ULONG ulAlgID, ECCPUBLICKEYBLOB *pPubKey, B
       ZEPH_ENSURE(ulAlgID == SGD_SM3 && (pbID != nullptr || ulIDLen == 0) && ulIDLen <= 8191, SAR_INVALIDPARAMERR);
       Bytes point;
       ZEPH_ENSURE(FromEccBlob(*pPubKey, point), SAR_INVALIDPARAMERR);
-      const ByteSpan id = ulIDLen != 0 ? ByteSpan(pbID, ulIDLen)
-                                       : ByteSpan(reinterpret_cast<const uint8_t *>(kDefaultId), 16);
+      const ByteSpan id =
+          ulIDLen != 0 ? ByteSpan(pbID, ulIDLen) : ByteSpan(reinterpret_cast<const uint8_t *>(kDefaultId), 16);
       uint8_t z[32];
       ZEPH_ENSURE(Sm2Z(point, id, z) && EVP_DigestUpdate(obj->md.get(), z, sizeof z) == 1, SAR_HASHERR);
     }

@@ -1,9 +1,9 @@
 // Devices: listing, connecting, device information, random bytes and device
 // authentication.
-#include <openssl/rand.h>
-
 #include <climits>
 #include <cstring>
+
+#include <openssl/rand.h>
 
 #include "registry.hpp"
 

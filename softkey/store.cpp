@@ -1,12 +1,5 @@
 #include "store.hpp"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <time.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -15,8 +8,14 @@
 #include <mutex>
 
 #include <cjson/cJSON.h>
+#include <dirent.h>
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
 #include "foundation/internal.hpp"
 
@@ -44,8 +43,8 @@ bool Unbase64(std::string_view text, Bytes &out) {
   if (text.empty()) return true;
   if (text.size() % 4 != 0 || text.size() > INT32_MAX) return false;
   Bytes buf(text.size() / 4 * 3);
-  const int n = EVP_DecodeBlock(buf.data(), reinterpret_cast<const unsigned char *>(text.data()),
-                                static_cast<int>(text.size()));
+  const int n =
+      EVP_DecodeBlock(buf.data(), reinterpret_cast<const unsigned char *>(text.data()), static_cast<int>(text.size()));
   if (n < 0) return false;
   size_t pad = 0;
   if (text.back() == '=') ++pad;
@@ -184,7 +183,7 @@ Identity IdentityOf(const struct stat &st) { return {st.st_dev, st.st_ino, st.st
 bool ReadAll(const std::string &path, std::string &out, Identity &id) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
-  struct stat st{};
+  struct stat st {};
   bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
   if (ok) {
     id = IdentityOf(st);
@@ -193,8 +192,10 @@ bool ReadAll(const std::string &path, std::string &out, Identity &id) {
     while (ok && got < out.size()) {
       const ssize_t n = ::read(fd, out.data() + got, out.size() - got);
       if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) ok = false;
-      else got += static_cast<size_t>(n);
+      if (n <= 0)
+        ok = false;
+      else
+        got += static_cast<size_t>(n);
     }
   }
   ::close(fd);
@@ -214,10 +215,12 @@ bool WriteAtomically(const std::string &path, const std::string &text, Identity 
   while (ok && put < text.size()) {
     const ssize_t n = ::write(fd, text.data() + put, text.size() - put);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) ok = false;
-    else put += static_cast<size_t>(n);
+    if (n <= 0)
+      ok = false;
+    else
+      put += static_cast<size_t>(n);
   }
-  struct stat st{};
+  struct stat st {};
   ok = ok && ::fsync(fd) == 0 && ::fstat(fd, &st) == 0;
   ::close(fd);
   if (ok && ::rename(tmp.c_str(), path.c_str()) == 0) {
@@ -287,7 +290,7 @@ ULONG Fresh(const std::string &dir, std::shared_ptr<const Device> &out, bool tru
   std::lock_guard<std::mutex> guard(cache.mu);
   auto it = cache.entries.find(path);
   if (trust_identity && it != cache.entries.end()) {
-    struct stat st{};
+    struct stat st {};
     if (::stat(path.c_str(), &st) != 0) return SAR_DEVICE_REMOVED;
     const Identity now = IdentityOf(st);
     if (now == it->second.id && !RecentlyModified(now)) {
@@ -322,7 +325,7 @@ ULONG Store(const std::string &dir, const Device &d) {
 }
 
 bool IsFile(const std::string &p) {
-  struct stat st{};
+  struct stat st {};
   return ::stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
@@ -344,9 +347,7 @@ const Container *Application::FindContainer(std::string_view n) const {
   return FindIn(containers, &Container::name, n);
 }
 Container *Application::ContainerById(std::string_view i) { return FindIn(containers, &Container::id, i); }
-const Container *Application::ContainerById(std::string_view i) const {
-  return FindIn(containers, &Container::id, i);
-}
+const Container *Application::ContainerById(std::string_view i) const { return FindIn(containers, &Container::id, i); }
 Application *Device::FindApp(std::string_view n) { return FindIn(apps, &Application::name, n); }
 const Application *Device::FindApp(std::string_view n) const { return FindIn(apps, &Application::name, n); }
 Application *Device::AppById(std::string_view i) { return FindIn(apps, &Application::id, i); }

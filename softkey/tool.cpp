@@ -165,7 +165,6 @@ struct Context {
     if (!failure.empty()) Fail(failure);
     if (rv != SAR_OK) Fail("device " + Serial() + ": " + StatusText(rv));
   }
-
 };
 
 Application &AppIn(Device &d, const std::string &name, const std::string &serial) {
@@ -345,9 +344,9 @@ void GenKeyCmd(const Context &c) {
     Made m{sign, {}, {}};
     if (!SealKeyPair(k.get(), master.span(), m.kp)) Fail("cannot store the key");
     if (!no_cert) {
-      const std::string dn = !subject.empty() ? subject
-                                               : "CN=" + c.Serial() + " " + con_name + (sign ? " sign" : " enc") +
-                                                     ",O=zeph softkey";
+      const std::string dn = !subject.empty()
+                                 ? subject
+                                 : "CN=" + c.Serial() + " " + con_name + (sign ? " sign" : " enc") + ",O=zeph softkey";
       m.cert = SelfSignedCert(k.get(), dn, days, !sign);
       if (m.cert.empty()) Fail("cannot make a certificate for subject \"" + dn + "\" (use CN=...,O=...)");
     }
@@ -373,9 +372,8 @@ void GenKeyCmd(const Context &c) {
     }
   });
   for (const auto &m : made)
-    std::cout << "generated " << KeyText(m.kp) << (m.sign ? " signing" : " encryption") << " key pair in "
-              << app_name << "/" << con_name << (m.cert.empty() ? "" : ", certificate " + CertSubject(m.cert))
-              << "\n";
+    std::cout << "generated " << KeyText(m.kp) << (m.sign ? " signing" : " encryption") << " key pair in " << app_name
+              << "/" << con_name << (m.cert.empty() ? "" : ", certificate " + CertSubject(m.cert)) << "\n";
 }
 
 Bytes CertificateFrom(const Bytes &file) {
@@ -544,8 +542,10 @@ int Run(int argc, char **argv) {
         continue;
       }
       if (i + 1 >= argc) Fail("option " + a + " needs a value", 2);
-      if (name == "root") root = argv[++i];
-      else if (!values.emplace(name, argv[++i]).second) Fail("option " + a + " given twice", 2);
+      if (name == "root")
+        root = argv[++i];
+      else if (!values.emplace(name, argv[++i]).second)
+        Fail("option " + a + " given twice", 2);
       continue;
     }
     if (!command.empty()) Fail("unexpected argument \"" + a + "\"", 2);

@@ -28,7 +28,7 @@ struct SessionGuard {
 }  // namespace zeph::api
 
 // NULL handle, then NULL context word: the missing-handle status.
-#define ZEPH_API_CONTEXT(handle, ctx)                                  \
-  if ((handle) == nullptr) return ZEPH_ERR_MISSING_HANDLE;            \
-  GM_SKF_CTX *const ctx = zeph::api::ContextWord(handle);              \
+#define ZEPH_API_CONTEXT(handle, ctx)                      \
+  if ((handle) == nullptr) return ZEPH_ERR_MISSING_HANDLE; \
+  GM_SKF_CTX *const ctx = zeph::api::ContextWord(handle);  \
   if (ctx == nullptr) return ZEPH_ERR_MISSING_HANDLE

@@ -2,14 +2,15 @@
 // authentication and areas, version, enumeration, random bytes and files on
 // the device. Every device-bound call opens its own session and closes it on
 // every path; nothing stays open between calls.
-#include <openssl/rand.h>
+#include "zeph_c_api.h"
 
 #include <climits>
 #include <string>
 
+#include <openssl/rand.h>
+
 #include "api/handle.hpp"
 #include "foundation/internal.hpp"
-#include "zeph_c_api.h"
 #include "zeph_c_device.h"
 
 using zeph::api::SessionGuard;
@@ -22,27 +23,38 @@ constexpr uint32_t kLibraryVersion = 611680;  // printed as 95560 in hex
 // RSA area; unlock and version writing refuse an unknown selector (0).
 uint32_t PinRow(uint32_t usage) {
   switch (usage) {
-    case ZEPH_AREA_SM2: return ZEPH_OBJ_SM2_SIGN;
-    case ZEPH_AREA_SEAL: return ZEPH_OBJ_STAMP_PICTURE;
-    default: return ZEPH_OBJ_RSA_SIGN;
+    case ZEPH_AREA_SM2:
+      return ZEPH_OBJ_SM2_SIGN;
+    case ZEPH_AREA_SEAL:
+      return ZEPH_OBJ_STAMP_PICTURE;
+    default:
+      return ZEPH_OBJ_RSA_SIGN;
   }
 }
 
 uint32_t StrictPinRow(uint32_t usage) {
   switch (usage) {
-    case ZEPH_AREA_RSA: return ZEPH_OBJ_RSA_SIGN;
-    case ZEPH_AREA_SM2: return ZEPH_OBJ_SM2_SIGN;
-    case ZEPH_AREA_SEAL: return ZEPH_OBJ_STAMP_PICTURE;
-    default: return 0;
+    case ZEPH_AREA_RSA:
+      return ZEPH_OBJ_RSA_SIGN;
+    case ZEPH_AREA_SM2:
+      return ZEPH_OBJ_SM2_SIGN;
+    case ZEPH_AREA_SEAL:
+      return ZEPH_OBJ_STAMP_PICTURE;
+    default:
+      return 0;
   }
 }
 
 uint32_t VersionRow(uint32_t usage) {
   switch (usage) {
-    case ZEPH_AREA_RSA: return ZEPH_OBJ_RSA_VERSION;
-    case ZEPH_AREA_SM2: return ZEPH_OBJ_SM2_VERSION;
-    case ZEPH_AREA_SEAL: return ZEPH_OBJ_STAMP_VERSION;
-    default: return 0;
+    case ZEPH_AREA_RSA:
+      return ZEPH_OBJ_RSA_VERSION;
+    case ZEPH_AREA_SM2:
+      return ZEPH_OBJ_SM2_VERSION;
+    case ZEPH_AREA_SEAL:
+      return ZEPH_OBJ_STAMP_VERSION;
+    default:
+      return 0;
   }
 }
 
@@ -154,8 +166,7 @@ ZEPH_API uint32_t ZEPH_C_ChangeDeviceAuthCode(void *handle, const unsigned char 
   return GM_SKF_CTX_ChangeDevAuthKey(ctx, new_code, new_len);
 }
 
-ZEPH_API uint32_t ZEPH_C_DelAllAppWithAuthCode(void *handle, const unsigned char *auth_code,
-                                               uint32_t auth_code_len) {
+ZEPH_API uint32_t ZEPH_C_DelAllAppWithAuthCode(void *handle, const unsigned char *auth_code, uint32_t auth_code_len) {
   ZEPH_API_CONTEXT(handle, ctx);
   ZEPH_TRY(GM_SKF_CTX_DoDeviceAuth(ctx, auth_code, auth_code_len));
   return GM_SKF_CTX_DelAllApp(ctx);
@@ -175,9 +186,8 @@ ZEPH_API uint32_t ZEPH_C_InitVorliSm2Area(void *handle, const unsigned char *aut
                   user_pin_retry);
 }
 
-ZEPH_API uint32_t ZEPH_C_InitVorliStampArea(void *handle, const unsigned char *auth_code,
-                                            uint32_t auth_code_len, const char *admin_pin,
-                                            uint32_t admin_pin_retry, const char *user_pin,
+ZEPH_API uint32_t ZEPH_C_InitVorliStampArea(void *handle, const unsigned char *auth_code, uint32_t auth_code_len,
+                                            const char *admin_pin, uint32_t admin_pin_retry, const char *user_pin,
                                             uint32_t user_pin_retry, uint32_t reserved) {
   return InitArea(handle, ZEPH_OBJ_STAMP_PICTURE, auth_code, auth_code_len, admin_pin, admin_pin_retry, user_pin,
                   user_pin_retry);

@@ -35,10 +35,14 @@ uint32_t EncodeSm2Signature(const uint8_t *raw, unsigned char *sig, uint32_t *si
 
 const EVP_MD *RsaVerifyDigest(uint32_t digest_id) {
   switch (digest_id & 0xFFFFu) {
-    case 4: return EVP_sha256();
-    case 8: return EVP_sha384();
-    case 16: return EVP_sha512();
-    default: return EVP_sha1();
+    case 4:
+      return EVP_sha256();
+    case 8:
+      return EVP_sha384();
+    case 16:
+      return EVP_sha512();
+    default:
+      return EVP_sha1();
   }
 }
 
@@ -91,15 +95,14 @@ ZEPH_API uint32_t ZEPH_C_DoRsaSign(void *handle, const char *pin, const unsigned
   return GM_SKF_CTX_SignHash(ctx, value, value_len, sig, sig_len);
 }
 
-ZEPH_API uint32_t ZEPH_C_VerifySm2SignWithCert(const unsigned char *cert, uint32_t cert_len,
-                                               const unsigned char *data, uint32_t data_len,
-                                               const unsigned char *sig, uint32_t sig_len) {
+ZEPH_API uint32_t ZEPH_C_VerifySm2SignWithCert(const unsigned char *cert, uint32_t cert_len, const unsigned char *data,
+                                               uint32_t data_len, const unsigned char *sig, uint32_t sig_len) {
   return zeph_c_cert_VerifySm2SignWithCert(cert, cert_len, data, data_len, sig, sig_len);
 }
 
-ZEPH_API uint32_t ZEPH_C_VerifyRsaSignWithCert(const unsigned char *cert, uint32_t cert_len,
-                                               const unsigned char *data, uint32_t data_len,
-                                               const unsigned char *sig, uint32_t sig_len, uint32_t digest_id) {
+ZEPH_API uint32_t ZEPH_C_VerifyRsaSignWithCert(const unsigned char *cert, uint32_t cert_len, const unsigned char *data,
+                                               uint32_t data_len, const unsigned char *sig, uint32_t sig_len,
+                                               uint32_t digest_id) {
   return zeph::Guarded(
       [&]() -> uint32_t {
         if (sig == nullptr || (data == nullptr && data_len != 0)) return ERR_SIGNATURE_INVALID;

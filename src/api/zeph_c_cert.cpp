@@ -34,8 +34,7 @@ ZEPH_API uint32_t zeph_c_cert_VerifySm2SignWithCert(const unsigned char *cert, u
       ERR_SIGNATURE_INVALID);
 }
 
-ZEPH_API uint32_t zeph_c_cert_getAlgoIDWithCert(const unsigned char *cert, uint32_t cert_len,
-                                                uint32_t *out_algo_id) {
+ZEPH_API uint32_t zeph_c_cert_getAlgoIDWithCert(const unsigned char *cert, uint32_t cert_len, uint32_t *out_algo_id) {
   if (out_algo_id == nullptr) return ERR_INVALID_PARAMETER;
   *out_algo_id = ZEPH_CERT_ALG_OTHER;
   zeph::X509Ptr x509 = zeph::api::DecodeCert(cert, cert_len);

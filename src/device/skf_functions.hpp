@@ -10,6 +10,7 @@
 namespace zeph::device {
 
 // The 57 names in the order they are looked up.
+// clang-format off
 #define ZEPH_SKF_LOOKUP_ORDER(X)                                                                          \
   X(SKF_ConnectDev) X(SKF_OpenApplication) X(SKF_CloseApplication) X(SKF_OpenContainer)                 \
   X(SKF_CloseContainer) X(SKF_VerifyPIN) X(SKF_GetPINInfo) X(SKF_RSASignData) X(SKF_ECCSignData)        \
@@ -24,6 +25,7 @@ namespace zeph::device {
   X(SKF_CreateFile) X(SKF_DeleteFile) X(SKF_WriteFile) X(SKF_CreateApplication)                         \
   X(SKF_DeleteApplication) X(SKF_CreateContainer) X(SKF_DeleteContainer) X(SKF_GetConProperty)          \
   X(SKF_DisConnectDev) X(SKF_Eu_ECCSignData) X(SKF_Eu_RSASignData)
+// clang-format on
 
 // One member per entry point; null where the library lacks it.
 struct SkfFunctions {

@@ -1,12 +1,13 @@
 // The session context over one connected key: connecting, sessions on
 // applications and containers, PINs, device authentication, enumeration.
+#include "device/vorli_gm_skf.hpp"
+
 #include <algorithm>
 #include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "device/vorli_gm_skf.hpp"
 #include "foundation/internal.hpp"
 #include "zeph_c_device.h"
 #include "zeph_c_utils.h"
@@ -26,10 +27,14 @@ constexpr uint32_t kAuthKeyMin = 16;
 
 uint32_t KindForIndex(uint32_t index, bool encryption_container_counts) {
   switch (index) {
-    case ZEPH_OBJ_SM2_SIGN: return ZEPH_KEY_SM2_SIGN;
-    case ZEPH_OBJ_SM2_ENC: return ZEPH_KEY_SM2_ENC;
-    case ZEPH_OBJ_RSA_ENC: return encryption_container_counts ? ZEPH_KEY_RSA_ENC : ZEPH_KEY_RSA_SIGN;
-    default: return ZEPH_KEY_RSA_SIGN;
+    case ZEPH_OBJ_SM2_SIGN:
+      return ZEPH_KEY_SM2_SIGN;
+    case ZEPH_OBJ_SM2_ENC:
+      return ZEPH_KEY_SM2_ENC;
+    case ZEPH_OBJ_RSA_ENC:
+      return encryption_container_counts ? ZEPH_KEY_RSA_ENC : ZEPH_KEY_RSA_SIGN;
+    default:
+      return ZEPH_KEY_RSA_SIGN;
   }
 }
 
@@ -65,9 +70,12 @@ bool HasDevice(const GM_SKF_CTX *ctx) { return ctx != nullptr && ctx->module != 
 
 const char *KindName(ULONG type) {
   switch (type) {
-    case CONTAINER_TYPE_RSA: return "RSA";
-    case CONTAINER_TYPE_ECC: return "SM2";
-    default: return "empty";
+    case CONTAINER_TYPE_RSA:
+      return "RSA";
+    case CONTAINER_TYPE_ECC:
+      return "SM2";
+    default:
+      return "empty";
   }
 }
 
@@ -88,8 +96,8 @@ uint32_t ContainerKinds(GM_SKF_CTX *ctx, HAPPLICATION app, std::vector<std::pair
 }
 
 // Counts the containers of one type in an application that the key holds.
-uint32_t CountContainers(GM_SKF_CTX *ctx, const std::vector<std::string> &apps, const char *app_name,
-                         ULONG wanted, uint32_t *out_count) {
+uint32_t CountContainers(GM_SKF_CTX *ctx, const std::vector<std::string> &apps, const char *app_name, ULONG wanted,
+                         uint32_t *out_count) {
   *out_count = 0;
   if (std::find(apps.begin(), apps.end(), app_name) == apps.end()) return 0;
   const auto &skf = ctx->skf;
@@ -130,8 +138,7 @@ uint32_t CountSeals(GM_SKF_CTX *ctx, const std::vector<std::string> &apps, uint3
 
 extern "C" {
 
-ZEPH_API uint32_t GM_SKF_CTX_Initialize(GM_SKF_CTX **out_ctx, uint32_t reserved, const char *key_sn,
-                                        uint32_t layout) {
+ZEPH_API uint32_t GM_SKF_CTX_Initialize(GM_SKF_CTX **out_ctx, uint32_t reserved, const char *key_sn, uint32_t layout) {
   if (out_ctx == nullptr || key_sn == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
     uint32_t device_type = 0;
@@ -162,8 +169,7 @@ ZEPH_API uint32_t GM_SKF_CTX_Initialize(GM_SKF_CTX **out_ctx, uint32_t reserved,
     const uint32_t enum_rv =
         CallSkf(ctx->skf.SKF_EnumApplication, ERR_NO_DEVICE_LIBRARY, ctx->device, apps.data(), &size);
     ZEPH_LOG("SKF_EnumApplicationProc", enum_rv);
-    ctx->layout = (enum_rv == 0 && std::strcmp(apps.data(), kSmApplication) == 0) ? ZEPH_LAYOUT_SM_APPLICATION
-                                                                                    : layout;
+    ctx->layout = (enum_rv == 0 && std::strcmp(apps.data(), kSmApplication) == 0) ? ZEPH_LAYOUT_SM_APPLICATION : layout;
     ctx->device_type = device_type;
     return rv;
   });
@@ -177,8 +183,8 @@ ZEPH_API uint32_t GM_SKF_CTX_OpenSession(GM_SKF_CTX *ctx, uint32_t index) {
   GM_SKF_CTX_CloseSession(ctx);
 
   ZEPH_LOG("SKF_OpenApplicationProc start:", 0);
-  uint32_t rv = CallSkf(ctx->skf.SKF_OpenApplication, ERR_OPEN_SESSION_FAILED, ctx->device, loc.application,
-                        &ctx->application);
+  uint32_t rv =
+      CallSkf(ctx->skf.SKF_OpenApplication, ERR_OPEN_SESSION_FAILED, ctx->device, loc.application, &ctx->application);
   ZEPH_LOG("SKF_OpenApplicationProc end:", rv);
   if (rv != 0) {
     ctx->application = nullptr;
@@ -186,8 +192,7 @@ ZEPH_API uint32_t GM_SKF_CTX_OpenSession(GM_SKF_CTX *ctx, uint32_t index) {
   }
   if (loc.container[0] != '\0') {
     ZEPH_LOG("SKF_OpenContainerProc start:", 0);
-    rv = CallSkf(ctx->skf.SKF_OpenContainer, ERR_OPEN_SESSION_FAILED, ctx->application, loc.container,
-                 &ctx->container);
+    rv = CallSkf(ctx->skf.SKF_OpenContainer, ERR_OPEN_SESSION_FAILED, ctx->application, loc.container, &ctx->container);
     ZEPH_LOG("SKF_OpenContainerProc end:", rv);
     if (rv != 0) ctx->container = nullptr;
   }
@@ -306,9 +311,9 @@ ZEPH_API uint32_t GM_SKF_CTX_VerifyAdminPin(GM_SKF_CTX *ctx, const char *pin, ui
       ERR_PIN_VERIFY_FAILED);
 }
 
-ZEPH_API uint32_t GM_SKF_CTX_UnLockUserPinByAdminPin(GM_SKF_CTX *ctx, const char *admin_pin,
-                                                     uint32_t admin_pin_len, const char *new_user_pin,
-                                                     uint32_t new_user_pin_len, uint32_t *out_retry) {
+ZEPH_API uint32_t GM_SKF_CTX_UnLockUserPinByAdminPin(GM_SKF_CTX *ctx, const char *admin_pin, uint32_t admin_pin_len,
+                                                     const char *new_user_pin, uint32_t new_user_pin_len,
+                                                     uint32_t *out_retry) {
   if (!HasSession(ctx)) return ERR_UNLOCK_PIN_FAILED;
   if (admin_pin == nullptr || new_user_pin == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded(
@@ -333,8 +338,7 @@ ZEPH_API uint32_t GM_SKF_CTX_ChangeUserPin(GM_SKF_CTX *ctx, const char *old_pin,
         zeph::SecureBytes new_copy = zeph::TerminatedCopy(new_pin, new_pin_len);
         ULONG retry = 0;
         return CallSkf(ctx->skf.SKF_ChangePIN, ERR_PIN_VERIFY_FAILED, ctx->application, USER_TYPE,
-                       reinterpret_cast<char *>(old_copy.data()), reinterpret_cast<char *>(new_copy.data()),
-                       &retry);
+                       reinterpret_cast<char *>(old_copy.data()), reinterpret_cast<char *>(new_copy.data()), &retry);
       },
       ERR_PIN_VERIFY_FAILED);
 }
@@ -358,14 +362,13 @@ ZEPH_API uint32_t GM_SKF_CTX_DoDeviceAuth(GM_SKF_CTX *ctx, const unsigned char *
         BYTE block[kAuthBlockLen] = {0};
         ZEPH_TRY(CallSkf(skf.SKF_GenRandom, ERR_DEVICE_AUTH_FAILED, ctx->device, block, kAuthChallengeLen));
         zeph::device::DropKey(ctx);
-        ZEPH_TRY(CallSkf(skf.SKF_SetSymmKey, ERR_DEVICE_AUTH_FAILED, ctx->device, key_copy.data(),
-                         info.DevAuthAlgId, &ctx->key));
+        ZEPH_TRY(CallSkf(skf.SKF_SetSymmKey, ERR_DEVICE_AUTH_FAILED, ctx->device, key_copy.data(), info.DevAuthAlgId,
+                         &ctx->key));
         BLOCKCIPHERPARAM ecb{};  // no IV, no padding, no feedback: ECB
         ZEPH_TRY(CallSkf(skf.SKF_EncryptInit, ERR_DEVICE_AUTH_FAILED, ctx->key, ecb));
         BYTE cipher[2 * kAuthBlockLen] = {0};
         ULONG cipher_len = sizeof cipher;
-        ZEPH_TRY(CallSkf(skf.SKF_Encrypt, ERR_DEVICE_AUTH_FAILED, ctx->key, block, kAuthBlockLen, cipher,
-                         &cipher_len));
+        ZEPH_TRY(CallSkf(skf.SKF_Encrypt, ERR_DEVICE_AUTH_FAILED, ctx->key, block, kAuthBlockLen, cipher, &cipher_len));
         return CallSkf(skf.SKF_DevAuth, ERR_DEVICE_AUTH_FAILED, ctx->device, cipher, kAuthBlockLen);
       },
       ERR_DEVICE_AUTH_FAILED);

@@ -18,9 +18,12 @@ std::vector<char> NameCopy(const char *name) { return std::vector<char>(name, na
 
 const char *SealAreaFile(uint32_t area) {
   switch (area) {
-    case 2: return "Picture";
-    case 3: return "CertChain";
-    default: return "Cert";
+    case 2:
+      return "Picture";
+    case 3:
+      return "CertChain";
+    default:
+      return "Cert";
   }
 }
 
@@ -75,8 +78,8 @@ ZEPH_API uint32_t GM_SKF_CTX_GetFileFromCryptoDevice(GM_SKF_CTX *ctx, const char
     }
     ULONG len = *in_out_len;
     ZEPH_LOG("SKF_ReadFileProc start:", 0);
-    rv = CallSkf(skf.SKF_ReadFile, ERR_DEVICE_FILE_READ_FAILED, ctx->application, file.data(), 0u, attr.FileSize,
-                 out, &len);
+    rv = CallSkf(skf.SKF_ReadFile, ERR_DEVICE_FILE_READ_FAILED, ctx->application, file.data(), 0u, attr.FileSize, out,
+                 &len);
     ZEPH_LOG("SKF_ReadFileProc end:", rv);
     if (rv == 0) *in_out_len = len;
     return rv;
@@ -95,8 +98,7 @@ ZEPH_API uint32_t GM_SKF_CTX_DeleteFile(GM_SKF_CTX *ctx, const char *name) {
   });
 }
 
-ZEPH_API uint32_t GM_SKF_CTX_SetSealInfo(GM_SKF_CTX *ctx, uint32_t area, const unsigned char *data,
-                                         uint32_t data_len) {
+ZEPH_API uint32_t GM_SKF_CTX_SetSealInfo(GM_SKF_CTX *ctx, uint32_t area, const unsigned char *data, uint32_t data_len) {
   return GM_SKF_CTX_SetFileIntoCryptoDevice(ctx, SealAreaFile(area), data, data_len);
 }
 
@@ -109,8 +111,7 @@ ZEPH_API uint32_t GM_SKF_CTX_SetSealInfoEx(GM_SKF_CTX *ctx, uint32_t slot, const
   return GM_SKF_CTX_SetFileIntoCryptoDevice(ctx, SlotName(slot).text, data, data_len);
 }
 
-ZEPH_API uint32_t GM_SKF_CTX_GetSealInfoEx(GM_SKF_CTX *ctx, uint32_t slot, unsigned char *out,
-                                           uint32_t *in_out_len) {
+ZEPH_API uint32_t GM_SKF_CTX_GetSealInfoEx(GM_SKF_CTX *ctx, uint32_t slot, unsigned char *out, uint32_t *in_out_len) {
   return GM_SKF_CTX_GetFileFromCryptoDevice(ctx, SlotName(slot).text, out, in_out_len);
 }
 

@@ -1,10 +1,10 @@
 // Operations with the private keys of a key, inside a session that the
 // caller opened on the container (and verified the PIN for): the value to be
 // signed, signing, decryption, public key export, device random.
+#include <vector>
+
 #include <openssl/core_names.h>
 #include <openssl/param_build.h>
-
-#include <vector>
 
 #include "device/vorli_gm_skf.hpp"
 #include "foundation/internal.hpp"
@@ -102,8 +102,7 @@ uint32_t SignSm2(PFN_SKF_ECCSignData sign, GM_SKF_CTX *ctx, const unsigned char 
 
 extern "C" {
 
-ZEPH_API int zeph_c_utils_RSAsignpad(unsigned char *buffer, int digest_nid, uint32_t digest_len,
-                                     uint32_t *out_len) {
+ZEPH_API int zeph_c_utils_RSAsignpad(unsigned char *buffer, int digest_nid, uint32_t digest_len, uint32_t *out_len) {
   constexpr uint32_t kMaxEncoding = 117;  // fits a 1024-bit PKCS#1 v1.5 block
   if (buffer == nullptr || out_len == nullptr) return -1;
   if (digest_nid == NID_md5_sha1) {
@@ -157,8 +156,8 @@ ZEPH_API uint32_t GM_SKF_CTX_DataOnPretreatment(GM_SKF_CTX *ctx, const unsigned 
     PointFromBlob(blob, point);
     uint8_t e[32];
     const unsigned char empty = 0;
-    if (BIVO_ComputePreprocessSm3Digest_EVP(kDefaultSm2Id, point, sizeof point, msg != nullptr ? msg : &empty,
-                                            msg_len, e) != 0) {
+    if (BIVO_ComputePreprocessSm3Digest_EVP(kDefaultSm2Id, point, sizeof point, msg != nullptr ? msg : &empty, msg_len,
+                                            e) != 0) {
       return ERR_PRETREATMENT_FAILED;
     }
     return zeph::PutOutput({e, sizeof e}, out, in_out_len);
@@ -245,8 +244,7 @@ ZEPH_API uint32_t GM_SKF_CTX_SM2Decrypt(GM_SKF_CTX *ctx, const unsigned char *ci
     std::memcpy(blob.data(), cipher, cipher_len);
     ULONG len = *in_out_len;
     const uint32_t rv = CallSkf(ctx->skf.SKF_ECCDecrypt, ERR_UNSUPPORTED_VALUE, ctx->container,
-                                static_cast<BOOL>(key_flag), reinterpret_cast<ECCCIPHERBLOB *>(blob.data()), out,
-                                &len);
+                                static_cast<BOOL>(key_flag), reinterpret_cast<ECCCIPHERBLOB *>(blob.data()), out, &len);
     if (rv == 0) *in_out_len = len;
     return rv;
   });
@@ -260,8 +258,7 @@ ZEPH_API uint32_t GM_SKF_CTX_ExportPublicKey(GM_SKF_CTX *ctx, unsigned char *out
     // The caller's capacity is what the vendor is told; a short one gets the
     // vendor's own buffer status.
     ULONG blob_len = std::min<uint32_t>(*in_out_len, sizeof blob);
-    ZEPH_TRY(CallSkf(ctx->skf.SKF_ExportPublicKey, ERR_EXPORT_PUBKEY_FAILED, ctx->container, TRUE, blob,
-                     &blob_len));
+    ZEPH_TRY(CallSkf(ctx->skf.SKF_ExportPublicKey, ERR_EXPORT_PUBKEY_FAILED, ctx->container, TRUE, blob, &blob_len));
     blob_len = std::min<ULONG>(blob_len, sizeof blob);
     if (ctx->key_kind == ZEPH_KEY_SM2_SIGN) {
       if (out == nullptr) return ERR_INVALID_PARAMETER;

@@ -329,7 +329,8 @@ ZEPH_API uint32_t ZEPH_C_ukey_detection_getDevErrStatus(char *out_text, uint32_t
     if (table != nullptr) {
       const size_t n = std::min(table->count(), vendors.size());
       for (size_t i = 0; i < n; ++i) {
-        if (table->entries[i].module == nullptr) cJSON_AddItemToArray(list.get(), cJSON_CreateString(table->entries[i].vid));
+        if (table->entries[i].module == nullptr)
+          cJSON_AddItemToArray(list.get(), cJSON_CreateString(table->entries[i].vid));
       }
     }
     zeph::JsonTextPtr printed(cJSON_Print(list.get()));
@@ -350,8 +351,8 @@ ZEPH_API uint32_t ZEPH_C_ukey_detection_getDevErrStatus(char *out_text, uint32_t
   });
 }
 
-ZEPH_API uint32_t ZEPH_C_ukey_detection_parseInfoWithKSN(const char *key_sn, uint32_t *out_type,
-                                                         char *out_skf_lib, char *out_device_name) {
+ZEPH_API uint32_t ZEPH_C_ukey_detection_parseInfoWithKSN(const char *key_sn, uint32_t *out_type, char *out_skf_lib,
+                                                         char *out_device_name) {
   if (key_sn == nullptr || out_type == nullptr || out_skf_lib == nullptr || out_device_name == nullptr) {
     return ERR_INVALID_PARAMETER;
   }
@@ -376,9 +377,8 @@ ZEPH_API uint32_t ZEPH_C_ukey_detection_parseInfoWithKSN(const char *key_sn, uin
 }
 
 ZEPH_API uint32_t getDeviceInfoWithDeviceTypeFromConfig(uint32_t reserved, uint32_t layout, uint32_t index,
-                                                        uint32_t reserved2, char *out_application,
-                                                        char *out_container, char *out_file,
-                                                        uint32_t *out_file_size) {
+                                                        uint32_t reserved2, char *out_application, char *out_container,
+                                                        char *out_file, uint32_t *out_file_size) {
   uint32_t row = 0;
   if (layout == ZEPH_LAYOUT_STANDARD) {
     if (index < 1 || index > kLastIndex) return 0;

@@ -11,8 +11,8 @@ namespace {
 // "%04d%02d%02d%02d%02d%02d"; an unnormalised hour may take a sign or a third
 // digit, so the buffer leaves room.
 size_t FormatLocal(const std::tm &t, char (&text)[32]) {
-  const int n = std::snprintf(text, sizeof text, "%04d%02d%02d%02d%02d%02d", t.tm_year + 1900, t.tm_mon + 1,
-                              t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+  const int n = std::snprintf(text, sizeof text, "%04d%02d%02d%02d%02d%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
+                              t.tm_hour, t.tm_min, t.tm_sec);
   return n > 0 ? std::min(static_cast<size_t>(n), sizeof text - 1) : 0;
 }
 
@@ -57,8 +57,7 @@ ZEPH_API uint32_t zeph_c_utils_getStandardTime(const ASN1_TIME *asn1_time, char 
   return zeph::PutText(text, n, out, in_out_length);
 }
 
-ZEPH_API uint32_t zeph_c_utils_GMTgetStandardTime(const ASN1_TIME *asn1_time, char *out,
-                                                  uint32_t *in_out_length) {
+ZEPH_API uint32_t zeph_c_utils_GMTgetStandardTime(const ASN1_TIME *asn1_time, char *out, uint32_t *in_out_length) {
   if (asn1_time == nullptr || in_out_length == nullptr) return ERR_INVALID_PARAMETER;
   char text[32] = {0};
   size_t n = 0;

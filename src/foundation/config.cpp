@@ -1,11 +1,11 @@
 // Where the configuration files are: the settable configuration directory,
 // the device configuration file and the deployment INI file.
-#include <unistd.h>
-
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include <unistd.h>
 
 #include "foundation/internal.hpp"
 #include "zeph_c_utils.h"
@@ -46,8 +46,7 @@ ZEPH_API int get_vorli_cfg_path(char *out) {
   char path[kPathBuffer] = {0};
   char cwd[PATH_MAX];
   // Unset, the directory is empty and the first candidate is the root's file.
-  if (!ExistingCandidate(ConfigPath, path) &&
-      !(getcwd(cwd, sizeof cwd) != nullptr && ExistingCandidate(cwd, path))) {
+  if (!ExistingCandidate(ConfigPath, path) && !(getcwd(cwd, sizeof cwd) != nullptr && ExistingCandidate(cwd, path))) {
     std::memcpy(path, kDeviceConfigName, sizeof kDeviceConfigName);
   }
   std::memcpy(out, path, std::strlen(path) + 1);

@@ -11,13 +11,20 @@ constexpr size_t kFileChunk = 4u * 1024u * 1024u;
 // Identifier -> OpenSSL digest; null for an identifier the library does not know.
 const EVP_MD *DigestFor(uint32_t algorithm) {
   switch (algorithm) {
-    case 1: return EVP_sm3();
-    case 2: return EVP_sha1();
-    case 4: return EVP_sha256();
-    case 8: return EVP_sha384();
-    case 16: return EVP_sha512();
-    case 128: return EVP_md5();
-    default: return nullptr;
+    case 1:
+      return EVP_sm3();
+    case 2:
+      return EVP_sha1();
+    case 4:
+      return EVP_sha256();
+    case 8:
+      return EVP_sha384();
+    case 16:
+      return EVP_sha512();
+    case 128:
+      return EVP_md5();
+    default:
+      return nullptr;
   }
 }
 
@@ -53,9 +60,8 @@ ZEPH_API uint32_t zeph_c_utils_digest(uint32_t algorithm, const unsigned char *d
   return DeliverDigest(md, digest, n, out_digest, in_out_digest_length, out_nid);
 }
 
-ZEPH_API uint32_t zeph_c_utils_digestWithFilePath(const char *file_name, uint32_t algorithm,
-                                                  unsigned char *out_digest, uint32_t *in_out_digest_length,
-                                                  int *out_nid) {
+ZEPH_API uint32_t zeph_c_utils_digestWithFilePath(const char *file_name, uint32_t algorithm, unsigned char *out_digest,
+                                                  uint32_t *in_out_digest_length, int *out_nid) {
   const EVP_MD *md = DigestFor(algorithm);
   if (md == nullptr) return ERR_DIGEST_FAILED;
   if (file_name == nullptr || in_out_digest_length == nullptr) return ERR_INVALID_PARAMETER;

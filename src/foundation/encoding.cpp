@@ -102,8 +102,8 @@ ZEPH_API uint32_t File_PEMDecode(const char *text, uint32_t length, unsigned cha
   return zeph::Guarded([&]() -> uint32_t {
     // The block decoder keeps the zero bytes that "=" padding stands for.
     std::vector<unsigned char> scratch(length / 4 * 3 + 3);
-    const int n = EVP_DecodeBlock(scratch.data(), reinterpret_cast<const unsigned char *>(text),
-                                  static_cast<int>(length));
+    const int n =
+        EVP_DecodeBlock(scratch.data(), reinterpret_cast<const unsigned char *>(text), static_cast<int>(length));
     if (n <= 0) return kFailed;
     const uint32_t rv = zeph::PutOutput({scratch.data(), static_cast<size_t>(n)}, out, out_length);
     OPENSSL_cleanse(scratch.data(), scratch.size());
@@ -169,8 +169,7 @@ ZEPH_API uint32_t zeph_c_utils_hex2ascii(const unsigned char *data, uint32_t len
 }
 
 // Kept for callers of the older interface; converts nothing.
-ZEPH_API uint32_t zeph_c_utils_ascii2hex(const char *text, uint32_t length, unsigned char *out,
-                                         uint32_t *out_length) {
+ZEPH_API uint32_t zeph_c_utils_ascii2hex(const char *text, uint32_t length, unsigned char *out, uint32_t *out_length) {
   return 0;
 }
 

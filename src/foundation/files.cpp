@@ -1,7 +1,7 @@
 // Whole-file reading and writing.
-#include <sys/stat.h>
-
 #include <cstdio>
+
+#include <sys/stat.h>
 
 #include "foundation/internal.hpp"
 #include "zeph_c_utils.h"

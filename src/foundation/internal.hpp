@@ -3,13 +3,13 @@
 // protocol, wiped buffers and the exception barrier of exported functions.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <algorithm>
-#include <cstdlib>
 #include <span>
 #include <vector>
 
@@ -141,9 +141,9 @@ uint32_t Guarded(F &&body, uint32_t on_oom = ERR_OUT_OF_MEMORY) noexcept {
 }  // namespace zeph
 
 // The status flow: the first non-zero step ends the operation.
-#define ZEPH_TRY(expr)                         \
-  do {                                         \
-    const uint32_t zeph_try_rv_ = (expr);      \
+#define ZEPH_TRY(expr)                          \
+  do {                                          \
+    const uint32_t zeph_try_rv_ = (expr);       \
     if (zeph_try_rv_ != 0) return zeph_try_rv_; \
   } while (0)
 
@@ -153,5 +153,4 @@ uint32_t Guarded(F &&body, uint32_t on_oom = ERR_OUT_OF_MEMORY) noexcept {
   } while (0)
 
 // Debug record with this source file's name and line.
-#define ZEPH_LOG(message, status) \
-  zeph_logger_debug((message), static_cast<int64_t>(status), __FILE_NAME__, __LINE__)
+#define ZEPH_LOG(message, status) zeph_logger_debug((message), static_cast<int64_t>(status), __FILE_NAME__, __LINE__)

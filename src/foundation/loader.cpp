@@ -1,8 +1,8 @@
 // LoadLibraryA / GetProcAddress / FreeLibrary over the POSIX loader, so that
 // the device layer loads vendor SKF libraries by file name.
-#include <dlfcn.h>
-
 #include <cstdio>
+
+#include <dlfcn.h>
 
 #include "zeph_c_utils.h"
 

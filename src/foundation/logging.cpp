@@ -14,9 +14,7 @@ namespace {
 // callback installed while the device monitor logs is no data race.
 zeph_log_callback gLogCb = nullptr;
 
-zeph_log_callback LoadCallback() {
-  return std::atomic_ref<zeph_log_callback>(gLogCb).load(std::memory_order_acquire);
-}
+zeph_log_callback LoadCallback() { return std::atomic_ref<zeph_log_callback>(gLogCb).load(std::memory_order_acquire); }
 
 std::tm LocalNow() {
   const std::time_t now = std::time(nullptr);
@@ -41,8 +39,8 @@ ZEPH_API void zeph_logger_debug(const char *message, int64_t status, const char 
     const std::tm t = LocalNow();
     char head[260];
     std::snprintf(head, sizeof head, "file:'%s',line:%d,time:'%04d-%02d-%02d %02d:%02d:%02d'",
-                  source_file != nullptr ? source_file : "", line, t.tm_year + 1900, t.tm_mon + 1,
-                  t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+                  source_file != nullptr ? source_file : "", line, t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour,
+                  t.tm_min, t.tm_sec);
     char res[260];
     std::snprintf(res, sizeof res, ",res:%" PRId64, status);
 
@@ -82,17 +80,15 @@ ZEPH_API int se_getLogPath(char *out) {
   return 1;
 }
 
-ZEPH_API int zeph_logger_debugHex(const unsigned char *data, uint32_t length, const char *source_file,
-                                  int line) {
+ZEPH_API int zeph_logger_debugHex(const unsigned char *data, uint32_t length, const char *source_file, int line) {
   char path[260] = {0};
   if (se_getLogPath(path) != 1 || path[0] == '\0') return 0;
   if (data == nullptr) length = 0;
   std::FILE *f = std::fopen(path, "a+");
   if (f == nullptr) return 0;
   const std::tm t = LocalNow();
-  std::fprintf(f, "$$$File: %s, Line:%d.[%04d-%02d-%02d %02d:%02d:%02d]\n",
-               source_file != nullptr ? source_file : "", line, t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
-               t.tm_hour, t.tm_min, t.tm_sec);
+  std::fprintf(f, "$$$File: %s, Line:%d.[%04d-%02d-%02d %02d:%02d:%02d]\n", source_file != nullptr ? source_file : "",
+               line, t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
   for (uint32_t i = 0; i < length; ++i) {
     std::fprintf(f, "%02X ", data[i]);
     if ((i + 1) % 16 == 0) std::fputc('\n', f);

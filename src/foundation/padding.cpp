@@ -39,8 +39,7 @@ uint32_t l_P5padding_check(const unsigned char *data, size_t length, int front) 
   return 0;
 }
 
-uint32_t l_P5unpad(const unsigned char *data, size_t length, unsigned char *out, size_t *out_length,
-                   int front) {
+uint32_t l_P5unpad(const unsigned char *data, size_t length, unsigned char *out, size_t *out_length, int front) {
   if (out == nullptr || out_length == nullptr) return ERR_PADDING_INVALID;
   ZEPH_TRY(l_P5padding_check(data, length, front));
   const size_t value = front != 0 ? data[0] : data[length - 1];
@@ -53,8 +52,8 @@ uint32_t l_P5unpad(const unsigned char *data, size_t length, unsigned char *out,
 
 extern "C" {
 
-ZEPH_API uint32_t zeph_c_utils_add_P5_padding(const unsigned char *data, uint32_t length,
-                                              unsigned char **out_buffer, uint32_t *out_length) {
+ZEPH_API uint32_t zeph_c_utils_add_P5_padding(const unsigned char *data, uint32_t length, unsigned char **out_buffer,
+                                              uint32_t *out_length) {
   if (out_buffer == nullptr || out_length == nullptr || (data == nullptr && length != 0)) {
     return ERR_INVALID_PARAMETER;
   }
@@ -69,8 +68,8 @@ ZEPH_API uint32_t zeph_c_utils_add_P5_padding(const unsigned char *data, uint32_
   return 0;
 }
 
-ZEPH_API uint32_t zeph_c_utils_del_P5_padding(const unsigned char *data, uint32_t length,
-                                              unsigned char **out_buffer, uint32_t *out_length) {
+ZEPH_API uint32_t zeph_c_utils_del_P5_padding(const unsigned char *data, uint32_t length, unsigned char **out_buffer,
+                                              uint32_t *out_length) {
   if (out_buffer == nullptr || out_length == nullptr || data == nullptr || length == 0) {
     return ERR_INVALID_PARAMETER;
   }

@@ -97,8 +97,8 @@ uint32_t CopyOut(const char *text, size_t n, char *out, uint32_t out_size) {
 
 extern "C" {
 
-ZEPH_API uint32_t GetPrivateProfileString(const char *section, const char *key, const char *default_text,
-                                          char *out, uint32_t out_size, const char *file_name) {
+ZEPH_API uint32_t GetPrivateProfileString(const char *section, const char *key, const char *default_text, char *out,
+                                          uint32_t out_size, const char *file_name) {
   if (default_text == nullptr) default_text = "";
   try {
     const auto raw = FindRawValue(section, key, file_name, kTextLine);

@@ -17,7 +17,7 @@ bool KeyOk(const unsigned char *key, uint32_t key_length) { return key != nullpt
 
 struct Segment {
   const unsigned char *in;
-  size_t n;  // a multiple of 16
+  size_t n;            // a multiple of 16
   unsigned char *out;  // n bytes; may be `in`
 };
 
@@ -131,15 +131,15 @@ ZEPH_API uint32_t zeph_c_utils_decrypt(uint32_t algorithm, const unsigned char *
   });
 }
 
-ZEPH_API uint32_t zeph_c_utils_encryptNoPading(uint32_t algorithm, const unsigned char *data,
-                                               uint32_t data_length, const unsigned char *key,
-                                               uint32_t key_length, unsigned char *out, uint32_t *out_length) {
+ZEPH_API uint32_t zeph_c_utils_encryptNoPading(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
+                                               const unsigned char *key, uint32_t key_length, unsigned char *out,
+                                               uint32_t *out_length) {
   return EcbNoPadding(1, data, data_length, key, key_length, out, out_length);
 }
 
-ZEPH_API uint32_t zeph_c_utils_decryptNoPading(uint32_t algorithm, const unsigned char *data,
-                                               uint32_t data_length, const unsigned char *key,
-                                               uint32_t key_length, unsigned char *out, uint32_t *out_length) {
+ZEPH_API uint32_t zeph_c_utils_decryptNoPading(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
+                                               const unsigned char *key, uint32_t key_length, unsigned char *out,
+                                               uint32_t *out_length) {
   return EcbNoPadding(0, data, data_length, key, key_length, out, out_length);
 }
 

@@ -73,8 +73,10 @@ ZEPH_API uint32_t InitializeBivoHandle(BIVO_HANDLE *out_handle, const unsigned c
 ZEPH_API uint32_t UninitializeBivoHandle(BIVO_HANDLE handle) {
   if (handle == nullptr) return BIVO_ERR_NULL_POINTER;
   uint32_t status = BIVO_sm3_hash_drbg_uninstantiate(handle->drbg);
-  if (status == 0) status = BIVO_sm3_hash_drbg_free(handle->drbg);
-  else if (handle->drbg != nullptr) BIVO_sm3_hash_drbg_free(handle->drbg);
+  if (status == 0)
+    status = BIVO_sm3_hash_drbg_free(handle->drbg);
+  else if (handle->drbg != nullptr)
+    BIVO_sm3_hash_drbg_free(handle->drbg);
   std::free(handle);
   return status;
 }

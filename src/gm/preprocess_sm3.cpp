@@ -12,6 +12,7 @@ constexpr uint32_t kDigestFailed = BIVO_ERR_DIGEST;
 constexpr size_t kMaxIdLength = 8191;  // ENTL is a 16-bit bit count
 
 // SM2 recommended curve: a, b, xG, yG (big-endian).
+// clang-format off
 constexpr uint8_t kCurveParams[128] = {
     0xFF, 0xFF, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
     0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFC,
@@ -22,6 +23,7 @@ constexpr uint8_t kCurveParams[128] = {
     0xBC, 0x37, 0x36, 0xA2, 0xF4, 0xF6, 0x77, 0x9C, 0x59, 0xBD, 0xCE, 0xE3, 0x6B, 0x69, 0x21, 0x53,
     0xD0, 0xA9, 0x87, 0x7C, 0xC6, 0x2A, 0x47, 0x40, 0x02, 0xDF, 0x32, 0xE5, 0x21, 0x39, 0xF0, 0xA0,
 };
+// clang-format on
 
 void FreeDigestBuffer(void *p) noexcept { CRYPTO_free(p, "preprocess_sm3", __LINE__); }
 
@@ -67,17 +69,15 @@ ZEPH_API uint32_t ComputeUserIdSm3Digest_EVP(const char *id, const unsigned char
   if (std::strlen(id) > kMaxIdLength) return kDigestFailed;
   zeph::EvpMdCtxPtr ctx(EVP_MD_CTX_new());
   if (!ctx || EVP_DigestInit(ctx.get(), EVP_sm3()) != 1) return kDigestFailed;
-  const bool absorbed = AbsorbZInput(id, pubkey65, [&](const void *p, size_t n) {
-    return EVP_DigestUpdate(ctx.get(), p, n) == 1;
-  });
+  const bool absorbed =
+      AbsorbZInput(id, pubkey65, [&](const void *p, size_t n) { return EVP_DigestUpdate(ctx.get(), p, n) == 1; });
   unsigned int n = 0;
   if (!absorbed || EVP_DigestFinal(ctx.get(), z_out32, &n) != 1) return kDigestFailed;
   return 0;
 }
 
-ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest(const char *id, const unsigned char *pubkey65,
-                                                  uint32_t pubkey_len, const unsigned char *msg, uint32_t msg_len,
-                                                  unsigned char *e_out32) {
+ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest(const char *id, const unsigned char *pubkey65, uint32_t pubkey_len,
+                                                  const unsigned char *msg, uint32_t msg_len, unsigned char *e_out32) {
   if (ArgumentsMissing(id, pubkey65, e_out32) || (msg == nullptr && msg_len != 0)) return ERR_INVALID_PARAMETER;
   std::unique_ptr<uint8_t, zeph::Free<FreeDigestBuffer>> e(
       static_cast<uint8_t *>(CRYPTO_malloc(32, "preprocess_sm3", __LINE__)));
@@ -94,8 +94,8 @@ ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest(const char *id, const unsigned
 }
 
 ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_EVP(const char *id, const unsigned char *pubkey65,
-                                                      uint32_t pubkey_len, const unsigned char *msg,
-                                                      uint32_t msg_len, unsigned char *e_out32) {
+                                                      uint32_t pubkey_len, const unsigned char *msg, uint32_t msg_len,
+                                                      unsigned char *e_out32) {
   if (ArgumentsMissing(id, pubkey65, e_out32) || (msg == nullptr && msg_len != 0)) return ERR_INVALID_PARAMETER;
   uint8_t z[32];
   ZEPH_TRY(ComputeUserIdSm3Digest_EVP(id, pubkey65, pubkey_len, z));
@@ -122,8 +122,7 @@ ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_init(const char *id, const uns
   return 0;
 }
 
-ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_update(BIVO_SM3_CTX *ctx, const unsigned char *data,
-                                                         uint32_t len) {
+ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_update(BIVO_SM3_CTX *ctx, const unsigned char *data, uint32_t len) {
   return BIVO_sm3_digest_update(ctx, data, len);
 }
 

@@ -1,8 +1,8 @@
 // The library's own SM3 (GM/T 0004): compression, streaming context and the
 // one-shot and heap-context digests.
-#include <openssl/crypto.h>
-
 #include <cstdlib>
+
+#include <openssl/crypto.h>
 
 #include "foundation/internal.hpp"
 #include "gm/gm_internal.hpp"
@@ -13,6 +13,7 @@ namespace {
 // Round constants T(j) <<< (j mod 32).
 constexpr uint32_t MakeK(int j) { return rotl(j < 16 ? 0x79CC4519u : 0x7A879D8Au, static_cast<unsigned>(j % 32)); }
 
+// clang-format off
 constexpr uint32_t kK[64] = {
     MakeK(0),  MakeK(1),  MakeK(2),  MakeK(3),  MakeK(4),  MakeK(5),  MakeK(6),  MakeK(7),
     MakeK(8),  MakeK(9),  MakeK(10), MakeK(11), MakeK(12), MakeK(13), MakeK(14), MakeK(15),
@@ -23,6 +24,7 @@ constexpr uint32_t kK[64] = {
     MakeK(48), MakeK(49), MakeK(50), MakeK(51), MakeK(52), MakeK(53), MakeK(54), MakeK(55),
     MakeK(56), MakeK(57), MakeK(58), MakeK(59), MakeK(60), MakeK(61), MakeK(62), MakeK(63),
 };
+// clang-format on
 
 inline uint32_t P0(uint32_t x) { return x ^ rotl(x, 9) ^ rotl(x, 17); }
 inline uint32_t P1(uint32_t x) { return x ^ rotl(x, 15) ^ rotl(x, 23); }
@@ -41,28 +43,27 @@ inline uint32_t Early(uint32_t x) {
 // The message schedule lives in a 16-word window: W[j & 15] holds W(j) once
 // computed. Each round needs W(j) and W(j + 4); W(j + 4) is expanded in the
 // round that first needs it.
-#define SM3_W(j) w[(j) & 15]
-#define SM3_EXPAND(j)                                                                                   \
-  SM3_W(j) = P1(SM3_W((j) - 16) ^ SM3_W((j) - 9) ^ rotl(SM3_W((j) - 3), 15)) ^ rotl(SM3_W((j) - 13), 7) ^ \
-             SM3_W((j) - 6)
+#define SM3_W(j) w[(j)&15]
+#define SM3_EXPAND(j) \
+  SM3_W(j) = P1(SM3_W((j)-16) ^ SM3_W((j)-9) ^ rotl(SM3_W((j)-3), 15)) ^ rotl(SM3_W((j)-13), 7) ^ SM3_W((j)-6)
 
 // One round on renamed registers: instead of shifting the eight words, the
 // caller rotates the names (A'..D' = D, A, B, C and E'..H' = H, E, F, G).
 //
 // The sums are grouped so that the words of the previous round (A and E)
 // enter as late as possible: the round is bound by that dependency chain.
-#define SM3_ROUND(A, B, C, D, E, F, G, H, j, FF, GG)                       \
-  do {                                                                     \
-    const uint32_t a12 = rotl(A, 12);                                      \
-    const uint32_t ss1 = rotl(Early(a12 + kK[j]) + E, 7);                  \
-    const uint32_t ss2 = ss1 ^ a12;                                        \
-    const uint32_t wj = SM3_W(j);                                          \
+#define SM3_ROUND(A, B, C, D, E, F, G, H, j, FF, GG)                             \
+  do {                                                                           \
+    const uint32_t a12 = rotl(A, 12);                                            \
+    const uint32_t ss1 = rotl(Early(a12 + kK[j]) + E, 7);                        \
+    const uint32_t ss2 = ss1 ^ a12;                                              \
+    const uint32_t wj = SM3_W(j);                                                \
     const uint32_t tt1 = Early(FF(A, B, C) + (D + (wj ^ SM3_W((j) + 4)))) + ss2; \
-    const uint32_t tt2 = Early(GG(E, F, G) + (H + wj)) + ss1;              \
-    B = rotl(B, 9);                                                        \
-    F = rotl(F, 19);                                                       \
-    D = tt1;                                                               \
-    H = P0(tt2);                                                           \
+    const uint32_t tt2 = Early(GG(E, F, G) + (H + wj)) + ss1;                    \
+    B = rotl(B, 9);                                                              \
+    F = rotl(F, 19);                                                             \
+    D = tt1;                                                                     \
+    H = P0(tt2);                                                                 \
   } while (0)
 
 #define SM3_R0(A, B, C, D, E, F, G, H, j) SM3_ROUND(A, B, C, D, E, F, G, H, j, FF0, GG0)
@@ -74,10 +75,10 @@ inline uint32_t Early(uint32_t x) {
   SM3_ROUND(A, B, C, D, E, F, G, H, j, FF0, GG0)
 
 // Four rounds bring the names back to their starting order.
-#define SM3_QUAD(R, j)                    \
-  R(A, B, C, D, E, F, G, H, (j));         \
-  R(D, A, B, C, H, E, F, G, (j) + 1);     \
-  R(C, D, A, B, G, H, E, F, (j) + 2);     \
+#define SM3_QUAD(R, j)                \
+  R(A, B, C, D, E, F, G, H, (j));     \
+  R(D, A, B, C, H, E, F, G, (j) + 1); \
+  R(C, D, A, B, G, H, E, F, (j) + 2); \
   R(B, C, D, A, F, G, H, E, (j) + 3)
 
 [[gnu::always_inline]] inline void CompressOne(uint32_t s[8], const uint8_t *p) {

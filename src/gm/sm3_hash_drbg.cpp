@@ -1,12 +1,13 @@
 // Hash_DRBG with SM3 and a 440-bit seed: Hash_df, instantiate, reseed,
 // generate (Hashgen and the state update), long and file outputs.
+#include "gm/sm3_hash_drbg.hpp"
+
 #include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
 
 #include "foundation/internal.hpp"
 #include "gm/gm_internal.hpp"
-#include "gm/sm3_hash_drbg.hpp"
 
 namespace zeph::gm {
 namespace {
@@ -131,8 +132,8 @@ ZEPH_API uint32_t BIVO_cleanse_memory(void *buf, size_t n) {
   return 0;
 }
 
-ZEPH_API uint32_t ComputeSm3HashDerivationFunction(const unsigned char *input, uint32_t input_len,
-                                                   uint32_t out_len, unsigned char *out) {
+ZEPH_API uint32_t ComputeSm3HashDerivationFunction(const unsigned char *input, uint32_t input_len, uint32_t out_len,
+                                                   unsigned char *out) {
   if (input == nullptr || out == nullptr) return BIVO_ERR_NULL_POINTER;
   if (input_len == 0 || out_len == 0 || out_len > kMaxDfOutput) return BIVO_ERR_LENGTH;
   HashDf({Bytes(input, input_len)}, out_len, out);
@@ -162,8 +163,8 @@ ZEPH_API uint32_t BIVO_sm3_hash_drbg_free(BIVO_SM3_HASH_DRBG *state) {
 }
 
 ZEPH_API uint32_t BIVO_sm3_hash_drbg_instantiate(BIVO_SM3_HASH_DRBG *state, const unsigned char *entropy,
-                                                 uint32_t entropy_len, const unsigned char *nonce,
-                                                 uint32_t nonce_len, const unsigned char *pers, uint32_t pers_len) {
+                                                 uint32_t entropy_len, const unsigned char *nonce, uint32_t nonce_len,
+                                                 const unsigned char *pers, uint32_t pers_len) {
   ZEPH_TRY(CheckEntropy(state, entropy, entropy_len));
   if ((nonce == nullptr && nonce_len != 0) || (pers == nullptr && pers_len != 0)) return BIVO_ERR_NULL_POINTER;
   Reseed(state, {Bytes(entropy, entropy_len), Optional(nonce, nonce_len), Optional(pers, pers_len)});

@@ -9,6 +9,7 @@
 namespace zeph::gm {
 namespace {
 
+// clang-format off
 constexpr uint8_t SM4_S[256] = {
     0xD6, 0x90, 0xE9, 0xFE, 0xCC, 0xE1, 0x3D, 0xB7, 0x16, 0xB6, 0x14, 0xC2, 0x28, 0xFB, 0x2C, 0x05,
     0x2B, 0x67, 0x9A, 0x76, 0x2A, 0xBE, 0x04, 0xC3, 0xAA, 0x44, 0x13, 0x26, 0x49, 0x86, 0x06, 0x99,
@@ -27,6 +28,7 @@ constexpr uint8_t SM4_S[256] = {
     0x89, 0x69, 0x97, 0x4A, 0x0C, 0x96, 0x77, 0x7E, 0x65, 0xB9, 0xF1, 0x09, 0xC5, 0x6E, 0xC6, 0x84,
     0x18, 0xF0, 0x7D, 0xEC, 0x3A, 0xDC, 0x4D, 0x20, 0x79, 0xEE, 0x5F, 0x3E, 0xD7, 0xCB, 0x39, 0x48,
 };
+// clang-format on
 
 constexpr uint32_t L(uint32_t b) { return b ^ rotl(b, 2) ^ rotl(b, 10) ^ rotl(b, 18) ^ rotl(b, 24); }
 constexpr uint32_t LKey(uint32_t b) { return b ^ rotl(b, 13) ^ rotl(b, 23); }
@@ -80,10 +82,10 @@ void KeySchedule(const uint8_t key[16], uint32_t rk[32]) {
 }
 
 // Four rounds on renamed words: X(i+4) = X(i) ^ T(X(i+1) ^ X(i+2) ^ X(i+3) ^ rk[i]).
-#define SM4_ROUNDS4(T, k)                  \
-  b0 ^= T(b1 ^ b2 ^ b3 ^ rk[(k)]);         \
-  b1 ^= T(b2 ^ b3 ^ b0 ^ rk[(k) + 1]);     \
-  b2 ^= T(b3 ^ b0 ^ b1 ^ rk[(k) + 2]);     \
+#define SM4_ROUNDS4(T, k)              \
+  b0 ^= T(b1 ^ b2 ^ b3 ^ rk[(k)]);     \
+  b1 ^= T(b2 ^ b3 ^ b0 ^ rk[(k) + 1]); \
+  b2 ^= T(b3 ^ b0 ^ b1 ^ rk[(k) + 2]); \
   b3 ^= T(b0 ^ b1 ^ b2 ^ rk[(k) + 3])
 
 // The first and last four rounds, where the state is closest to known

@@ -1,8 +1,8 @@
 // Whole-file helpers: a file's size, and the file read into one buffer.
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <cstdlib>
+
+#include <sys/stat.h>
 
 #include "foundation/internal.hpp"
 #include "zeph_c_gm.h"

@@ -1,10 +1,10 @@
 // The handle API without a key: missing handles and contexts, host random,
 // hashing by identifier.
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <functional>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "test_support.hpp"
 #include "zeph_c_api.h"

@@ -1,14 +1,15 @@
 // The JSON command interface inside: dispatch table, request parser, response
 // document and the bounded entry.
-#include <cjson/cJSON.h>
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <cstring>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
+
+#include <cjson/cJSON.h>
+
+#include <gtest/gtest.h>
 
 #include "ci/ci_internal.hpp"
 #include "zeph_c_ci.h"

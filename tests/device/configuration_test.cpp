@@ -1,13 +1,13 @@
 // Device configuration: parsing, keySN splitting and the once-built library
 // table (system libraries stand in for vendor libraries). The text and the
 // table are process-wide, so scenarios that build a table run in a fresh process.
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "test_support.hpp"
 #include "zeph_c_device.h"
@@ -45,7 +45,8 @@ TEST(Configuration, MalformedTextsAreRefused) {
   uint32_t len = 0;
   EXPECT_EQ(ZEPH_C_ukey_detection_getList(nullptr, &len), 0u);
   EXPECT_EQ(len, 3u);
-  for (const char *text : {"not json", "{\"type\":1,\"vid\":\"A\",\"skfLib\":\"x\"}", "42", "\"[]\"", "[{\"type\":1,"}) {
+  for (const char *text :
+       {"not json", "{\"type\":1,\"vid\":\"A\",\"skfLib\":\"x\"}", "42", "\"[]\"", "[{\"type\":1,"}) {
     SCOPED_TRACE(text);
     ASSERT_EQ(ZEPH_C_SetConfigInfo(text), 0u);
     EXPECT_EQ(ZEPH_C_ukey_detection_getList(nullptr, &len), ERR_DEVICE_CONFIG_INVALID);
@@ -70,9 +71,9 @@ TEST(Configuration, KeySnSplittingAndMembersOfTheWrongType) {
       {"ES_", "- - -"},                // one character or none after the vid: nothing copied
       {"ES", "- - -"},
       {"", "- - -"},
-      {"OLD_1", "9 /b.so LD_1"},                    // only the entry without a vid, found at the start
-      {"Q9_dev", "0  dev"},                         // members of the wrong type take their defaults
-      {"LONGER_THAN_FIF_dev", "2 /c.so dev"},       // the vid is kept to 15 characters
+      {"OLD_1", "9 /b.so LD_1"},               // only the entry without a vid, found at the start
+      {"Q9_dev", "0  dev"},                    // members of the wrong type take their defaults
+      {"LONGER_THAN_FIF_dev", "2 /c.so dev"},  // the vid is kept to 15 characters
       {nullptr, "status " + std::to_string(ERR_INVALID_PARAMETER)},
   };
   for (const auto &[key_sn, want] : rows) EXPECT_EQ(Parse(key_sn), want) << (key_sn != nullptr ? key_sn : "null");
@@ -84,8 +85,8 @@ TEST(LibraryTable, FirstBuildRacesSafelyAndHappensOnce) {
     // An empty configuration builds nothing: the vendors of a later one are still loaded.
     ASSERT_EQ(ZEPH_C_SetConfigInfo("[]"), 0u);
     EXPECT_EQ(loadAllOfCryptoDeviceHandle(), 0u);
-    ASSERT_EQ(ZEPH_C_SetConfigInfo(("[" + Entry(7, "LC", "libc.so.6") + "," + Entry(1, "NOPE", "/no/libnope.so") +
-                                    "," + Entry(8, "ES", "libm.so.6") + "]")
+    ASSERT_EQ(ZEPH_C_SetConfigInfo(("[" + Entry(7, "LC", "libc.so.6") + "," + Entry(1, "NOPE", "/no/libnope.so") + "," +
+                                    Entry(8, "ES", "libm.so.6") + "]")
                                        .c_str()),
               0u);
     std::vector<void *> seen(8, nullptr);

@@ -1,11 +1,11 @@
 // Every session-context operation on a missing context, on a connected
 // context without a session, and on a session over a vendor library lacking
 // every entry point; vendor name lists.
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "device/skf_functions.hpp"
 #include "device/vorli_gm_skf.hpp"
@@ -33,7 +33,10 @@ struct Op {
   std::function<uint32_t(GM_SKF_CTX *)> call;
   uint32_t no_context, connected, lacking_entries;
 };
-#define OP(expr, ...) {#expr, [](GM_SKF_CTX *c) -> uint32_t { return expr; }, __VA_ARGS__}
+#define OP(expr, ...)                                                   \
+  {                                                                     \
+#expr, [](GM_SKF_CTX * c) -> uint32_t { return expr; }, __VA_ARGS__ \
+  }
 #define OP3(expr, status) OP(expr, status, status, status)
 
 const Op kOps[] = {

@@ -1,12 +1,13 @@
 // Object locations of both key layouts, and the DigestInfo encoder checked
 // against OpenSSL's own RSA signing.
-#include <gtest/gtest.h>
-#include <openssl/evp.h>
-#include <openssl/rsa.h>
-
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+
+#include <gtest/gtest.h>
 
 #include "test_support.hpp"
 #include "zeph_c_device.h"

@@ -1,9 +1,9 @@
 // Digests by identifier, SM4-ECB buffers and files, PKCS#5 padding.
-#include <gtest/gtest.h>
+#include <cstring>
 
 #include <openssl/evp.h>
 
-#include <cstring>
+#include <gtest/gtest.h>
 
 #include "foundation/helpers.hpp"
 #include "scoped.hpp"
@@ -52,7 +52,9 @@ TEST(Digest, KnownAnswersNidsSizesAndFiles) {
       {2, 64, "A9993E364706816ABA3E25717850C26C9CD0D89D"},
       {4, 672, "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD"},
       {8, 673, "CB00753F45A35E8BB5A03D699AC65007272C32AB0EDED1631A8B605A43FF5BED8086072BA1E7CC2358BAECA134C825A7"},
-      {16, 674, "DDAF35A193617ABACC417349AE20413112E6FA4E89A97EA20A9EEEE64B55D39A2192992A274FC1A836BA3C23A3FEEBBD454D4423643CE80E2A9AC94FA54CA49F"},
+      {16, 674,
+       "DDAF35A193617ABACC417349AE20413112E6FA4E89A97EA20A9EEEE64B55D39A2192992A274FC1A836BA3C23A3FEEBBD454D4423643CE80"
+       "E2A9AC94FA54CA49F"},
       {128, 4, "900150983CD24FB0D6963F7D28E17F72"},
   };
   TempDir dir;
@@ -131,8 +133,10 @@ TEST(Sm4Ecb, PaddingRulesAndRefusedInputs) {
   const struct {
     uint8_t before, last;  // the last two plaintext bytes; the rest are 0x41
     uint32_t status, plain_len;
-  } cases[] = {{0x41, 0x00, 0, 16} /* pad value 0 passes and removes nothing */, {0x41, 0x01, 0, 15},
-               {0x10, 0x10, ERR_PADDING_INVALID, 0}, {0x11, 0x11, ERR_PADDING_INVALID, 0},
+  } cases[] = {{0x41, 0x00, 0, 16} /* pad value 0 passes and removes nothing */,
+               {0x41, 0x01, 0, 15},
+               {0x10, 0x10, ERR_PADDING_INVALID, 0},
+               {0x11, 0x11, ERR_PADDING_INVALID, 0},
                {0x03, 0x02, ERR_PADDING_INVALID, 0}};
   for (const auto &c : cases) {
     Bytes block(16, 0x41), out(16, 0xEE);
@@ -147,8 +151,8 @@ TEST(Sm4Ecb, PaddingRulesAndRefusedInputs) {
   const Bytes data(32, 1);
   Bytes out(64);
   uint32_t len = 64;
-  for (auto fn : {zeph_c_utils_encrypt, zeph_c_utils_decrypt, zeph_c_utils_encryptNoPading,
-                  zeph_c_utils_decryptNoPading}) {
+  for (auto fn :
+       {zeph_c_utils_encrypt, zeph_c_utils_decrypt, zeph_c_utils_encryptNoPading, zeph_c_utils_decryptNoPading}) {
     EXPECT_EQ(fn(0, nullptr, 16, K, 16, out.data(), &len), ERR_INVALID_PARAMETER);
     EXPECT_EQ(fn(0, data.data(), 0, K, 16, out.data(), &len), ERR_INVALID_PARAMETER);
     EXPECT_EQ(fn(0, data.data(), 16, nullptr, 16, out.data(), &len), ERR_INVALID_PARAMETER);
@@ -172,11 +176,13 @@ TEST(Padding, TrailingAndFrontForms) {
     int front;
     const char *kept;  // nullptr: ERR_PADDING_INVALID
   } checks[] = {
-      {"6162630505050505", 0, "616263"}, {"0505050505616263", 1, "616263"},
+      {"6162630505050505", 0, "616263"},
+      {"0505050505616263", 1, "616263"},
       {"6162630505050505", 1, nullptr},  // first byte 'a' is above 16
-      {"6162630505050405", 0, nullptr},  {"0505050405616263", 1, nullptr},
-      {"61626300", 0, "61626300"},       // zero passes, nothing removed
-      {"0606060606", 0, nullptr},        // more padding than data
+      {"6162630505050405", 0, nullptr},
+      {"0505050405616263", 1, nullptr},
+      {"61626300", 0, "61626300"},  // zero passes, nothing removed
+      {"0606060606", 0, nullptr},   // more padding than data
       {"", 0, nullptr},
   };
   for (const auto &c : checks) {

@@ -1,7 +1,7 @@
 // Configuration file paths.
-#include <gtest/gtest.h>
-
 #include <cstring>
+
+#include <gtest/gtest.h>
 
 #include "scoped.hpp"
 

@@ -1,9 +1,9 @@
 // Base64 and hex texts, and the null-pointer sweep.
-#include <gtest/gtest.h>
+#include <cstring>
 
 #include <openssl/evp.h>
 
-#include <cstring>
+#include <gtest/gtest.h>
 
 #include "foundation/helpers.hpp"
 #include "scoped.hpp"

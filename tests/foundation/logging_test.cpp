@@ -1,7 +1,7 @@
 // Debug records and hex dumps into the daily log file.
-#include <gtest/gtest.h>
-
 #include <regex>
+
+#include <gtest/gtest.h>
 
 #include "scoped.hpp"
 

@@ -1,8 +1,8 @@
 // The INI readers: section and key rules, comments, blanks, line bounds.
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <cstring>
+
+#include <gtest/gtest.h>
 
 #include "scoped.hpp"
 
@@ -63,9 +63,12 @@ TEST_F(Profile, DefaultsCutsNullsAndLongLines) {
     const std::string &file;
     uint32_t n;
     const char *out;
-  } cases[] = {{"s", "k", "", 4, path, 3, "abc"},          {"s", "x", "defaults", 4, path, 0, "def"},
-               {"s", "k", "d0", 16, none, 0, "d0"},        {nullptr, "k", "d1", 16, path, 0, "d1"},
-               {"s", nullptr, "d2", 16, path, 0, "d2"},    {"s", "x", nullptr, 16, path, 0, ""},
+  } cases[] = {{"s", "k", "", 4, path, 3, "abc"},
+               {"s", "x", "defaults", 4, path, 0, "def"},
+               {"s", "k", "d0", 16, none, 0, "d0"},
+               {nullptr, "k", "d1", 16, path, 0, "d1"},
+               {"s", nullptr, "d2", 16, path, 0, "d2"},
+               {"s", "x", nullptr, 16, path, 0, ""},
                {"s", "k", "", 0, path, 0, "XXXXXXXXXXXXXXXX"}};
   for (const auto &c : cases) {
     std::string out(16, 'X');
@@ -90,10 +93,16 @@ TEST_F(Profile, Integers) {
     std::string line;
     int32_t expected;
   } cases[] = {
-      {"n=42", 42},       {"n =  -17 # c", -17},          {"n=12abc", 12},
-      {"n=0x10", 0},      {"n=abc", -99},                 {"n=", -99},
-      {"nn=1", -99},      {"n=99999999999", INT32_MAX},   {"n=-99999999999", INT32_MIN},
-      {"n=" + std::string(300, '0') + "5", 0},  // the number is read from the first 255 characters
+      {"n=42", 42},
+      {"n =  -17 # c", -17},
+      {"n=12abc", 12},
+      {"n=0x10", 0},
+      {"n=abc", -99},
+      {"n=", -99},
+      {"nn=1", -99},
+      {"n=99999999999", INT32_MAX},
+      {"n=-99999999999", INT32_MIN},
+      {"n=" + std::string(300, '0') + "5", 0},    // the number is read from the first 255 characters
       {"n=" + std::string(509, ' ') + "7", -99},  // lines are 511 characters for the integer reader
       {"n=" + std::string(508, ' ') + "7", 7},
   };

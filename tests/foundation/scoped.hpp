@@ -2,14 +2,14 @@
 // environment variables (TZ re-read), the log callback.
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 #include "test_support.hpp"
 #include "zeph_c_utils.h"

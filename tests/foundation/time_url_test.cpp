@@ -1,9 +1,9 @@
 // ASN.1 times as local time texts, URL splitting, algorithm names.
-#include <gtest/gtest.h>
+#include <cstring>
 
 #include <openssl/asn1.h>
 
-#include <cstring>
+#include <gtest/gtest.h>
 
 #include "foundation/helpers.hpp"
 #include "scoped.hpp"
@@ -54,10 +54,14 @@ TEST(ParseUrl, SplitsSchemeHostAndPort) {
       // No path is split off: it stays with the port, or with the host.
       {"http://h:81/tsa", "h", "81/tsa", 0},
       {"http://h/tsa", "h/tsa", "80", 0},
-      {"ftp://h", nullptr, nullptr, 0},     {"HTTP://h", nullptr, nullptr, 0},
-      {"http:h", nullptr, nullptr, 0},      {"http:/h", nullptr, nullptr, 0},
-      {"no-colon", nullptr, nullptr, 0},    {"https://[::1", nullptr, nullptr, 0},
-      {"http://", nullptr, nullptr, 0},     {"http://:80", nullptr, nullptr, 0},
+      {"ftp://h", nullptr, nullptr, 0},
+      {"HTTP://h", nullptr, nullptr, 0},
+      {"http:h", nullptr, nullptr, 0},
+      {"http:/h", nullptr, nullptr, 0},
+      {"no-colon", nullptr, nullptr, 0},
+      {"https://[::1", nullptr, nullptr, 0},
+      {"http://", nullptr, nullptr, 0},
+      {"http://:80", nullptr, nullptr, 0},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.url);
@@ -77,8 +81,8 @@ TEST(ParseUrl, SplitsSchemeHostAndPort) {
 }
 
 TEST(AlgName, SignatureAlgorithmNames) {
-  const std::pair<uint32_t, const char *> cases[] = {{3, "SHA1withRSA"},   {4, "SHA256withRSA"},
-                                                     {5, "SHA384withRSA"}, {6, "SHA512withRSA"},
+  const std::pair<uint32_t, const char *> cases[] = {{3, "SHA1withRSA"},          {4, "SHA256withRSA"},
+                                                     {5, "SHA384withRSA"},        {6, "SHA512withRSA"},
                                                      {7, "unknown signAlgoName"}, {0, "unknown signAlgoName"}};
   for (const auto &[code, name] : cases) {
     char out[21];

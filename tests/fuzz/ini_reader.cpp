@@ -1,10 +1,10 @@
 // GetPrivateProfileString / GetPrivateProfileInt over arbitrary file bytes.
 // The first line names the section and key to ask for ("section|key").
-#include <unistd.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include <unistd.h>
 
 #include "zeph_c_utils.h"
 

@@ -16,7 +16,8 @@ Bytes ReferenceDf(const Bytes &input, size_t out_len) {
   Bytes out;
   const auto bits = static_cast<uint32_t>(out_len * 8);
   for (uint8_t i = 1; out.size() < out_len; ++i) {
-    const Bytes block = EvpSm3({{i, uint8_t(bits >> 24), uint8_t(bits >> 16), uint8_t(bits >> 8), uint8_t(bits)}, input});
+    const Bytes block =
+        EvpSm3({{i, uint8_t(bits >> 24), uint8_t(bits >> 16), uint8_t(bits >> 8), uint8_t(bits)}, input});
     out.insert(out.end(), block.begin(), block.end());
   }
   out.resize(out_len);
@@ -145,9 +146,8 @@ TEST(Drbg, EntropyLimits) {
     const unsigned char *entropy;
     uint32_t len, status;
   } cases[] = {
-      {entropy.data(), 0, BIVO_ERR_ZERO}, {entropy.data(), 255, BIVO_ERR_SHORT_ENTROPY},
-      {entropy.data(), 256, 0},           {entropy.data(), 512, 0},
-      {nullptr, 256, BIVO_ERR_NULL_POINTER},
+      {entropy.data(), 0, BIVO_ERR_ZERO}, {entropy.data(), 255, BIVO_ERR_SHORT_ENTROPY}, {entropy.data(), 256, 0},
+      {entropy.data(), 512, 0},           {nullptr, 256, BIVO_ERR_NULL_POINTER},
   };
   for (const auto &c : cases) {
     Drbg d, r(entropy);

@@ -1,11 +1,11 @@
 // Independent references for the GM tests (OpenSSL's EVP SM3 and SM4) and byte helpers.
 #pragma once
 
-#include <openssl/evp.h>
-
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include <openssl/evp.h>
 
 #include "test_support.hpp"
 #include "zeph_c_gm.h"

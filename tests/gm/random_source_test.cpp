@@ -1,8 +1,8 @@
 // The module handle and its random sources: lifecycle, agreement with the
 // bare generator, mixed sources, and sampling in [2, range - 1].
-#include <gtest/gtest.h>
-
 #include <openssl/bn.h>
+
+#include <gtest/gtest.h>
 
 #include "gm_test_util.hpp"
 
@@ -41,8 +41,10 @@ TEST(BivoHandle, LifecycleAndBytesFromTheGenerator) {
   const struct {
     const unsigned char *entropy;
     uint32_t len, status;
-  } cases[] = {{entropy.data(), 255, BIVO_ERR_SHORT_ENTROPY}, {entropy.data(), 0, BIVO_ERR_ZERO},
-               {nullptr, 256, BIVO_ERR_NULL_POINTER},          {entropy.data(), 256, 0},
+  } cases[] = {{entropy.data(), 255, BIVO_ERR_SHORT_ENTROPY},
+               {entropy.data(), 0, BIVO_ERR_ZERO},
+               {nullptr, 256, BIVO_ERR_NULL_POINTER},
+               {entropy.data(), 256, 0},
                {entropy.data(), 300, 0}};
   for (const auto &c : cases) {
     BIVO_HANDLE_CELL stale{};
@@ -91,7 +93,8 @@ TEST(BivoHandle, MixedSourcesXorTheExternalBytes) {
   EXPECT_EQ(ReadBytes(path), Xor(plain.Draw(5000), external));
   ASSERT_EQ(BIVO_generate_random_bytes_file(mixed.h, 300, plain_path.c_str()), 0u);
   EXPECT_EQ(ReadBytes(plain_path), plain.Draw(300));
-  EXPECT_EQ(BIVO_generate_random_bytes_file_with_mixed_source(mixed.h, 10, external.data(), bad.c_str()), BIVO_ERR_FILE);
+  EXPECT_EQ(BIVO_generate_random_bytes_file_with_mixed_source(mixed.h, 10, external.data(), bad.c_str()),
+            BIVO_ERR_FILE);
   EXPECT_EQ(BIVO_generate_random_bytes_file(mixed.h, 10, bad.c_str()), BIVO_ERR_FILE);
   EXPECT_EQ(BIVO_generate_random_bytes_with_mixed_source(mixed.h, 10, nullptr, out.data()), BIVO_ERR_NULL_POINTER);
   EXPECT_EQ(BIVO_generate_random_bytes_with_mixed_source(nullptr, 10, external.data(), out.data()),

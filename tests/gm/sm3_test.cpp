@@ -1,8 +1,8 @@
 // SM3: standard vectors, incremental splits, agreement with OpenSSL's SM3.
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <random>
+
+#include <gtest/gtest.h>
 
 #include "gm/gm_internal.hpp"
 #include "gm_test_util.hpp"

@@ -1,8 +1,8 @@
 // SM4: the standard examples, agreement with OpenSSL's SM4 in ECB and CBC
 // (with and without padding), padding and length statuses, files.
-#include <gtest/gtest.h>
-
 #include <random>
+
+#include <gtest/gtest.h>
 
 #include "gm_test_util.hpp"
 
@@ -151,7 +151,8 @@ TEST(Sm4, NullArgumentsGiveStatuses) {
   uint32_t n = 32;
   EXPECT_EQ(SM4_set_key(nullptr, nullptr), 0);
   EXPECT_EQ(BIVO_sm4_encrypt(kKey.data(), 16, nullptr, out.data()), ERR_INVALID_PARAMETER);
-  EXPECT_EQ(BIVO_Sm4CbcEncryptWithAutoPadding(kKey.data(), 16, nullptr, kKey.data(), out.data()), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(BIVO_Sm4CbcEncryptWithAutoPadding(kKey.data(), 16, nullptr, kKey.data(), out.data()),
+            ERR_INVALID_PARAMETER);
   EXPECT_EQ(BIVO_Sm4DecryptWithAutoRemovePadding(kKey.data(), 16, kKey.data(), out.data(), nullptr),
             ERR_INVALID_PARAMETER);
   EXPECT_EQ(BIVO_Sm4DecryptFileWithAutoRemovePadding(nullptr, kKey.data(), out.data(), &n), ERR_INVALID_PARAMETER);

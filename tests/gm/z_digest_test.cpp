@@ -1,8 +1,8 @@
 // The SM2 Z digest and e = SM3(Z || M): the GM/T 0003 example, the identity
 // length bound, and agreement of the library, EVP and streaming variants.
-#include <gtest/gtest.h>
-
 #include <random>
+
+#include <gtest/gtest.h>
 
 #include "gm_test_util.hpp"
 
@@ -84,7 +84,7 @@ TEST(ZDigest, StandardExampleAndIdentityBound) {
 TEST(ZDigest, VariantsAgreeOnRandomInputs) {
   std::mt19937 gen(11);
   for (int round = 0; round < 100; ++round) {
-    std::string id(round == 0 ? 0 : gen() % 300, '\0');  // ENTL 0x0000 first
+    std::string id(round == 0 ? 0 : gen() % 300, '\0');         // ENTL 0x0000 first
     for (char &c : id) c = static_cast<char>(1 + gen() % 255);  // no terminator inside
     Bytes key = RandomBytes(65, gen());
     key[0] = 0x04;

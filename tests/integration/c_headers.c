@@ -1,4 +1,7 @@
 /* Compiled as C: every public header must stay valid C. */
+#include <stdlib.h>
+#include <string.h>
+
 #include "zeph_c.h"
 #include "zeph_c_api.h"
 #include "zeph_c_ci.h"
@@ -7,9 +10,6 @@
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 #include "zeph_skf.h"
-
-#include <stdlib.h>
-#include <string.h>
 
 int zeph_c_header_check(void) {
   char path[260];

@@ -2,12 +2,12 @@
 // through its own device configuration, and ZEPH_C_CI replies taken apart.
 #pragma once
 
-#include <cjson/cJSON.h>
-#include <openssl/evp.h>
-
 #include <map>
 #include <string>
 #include <vector>
+
+#include <cjson/cJSON.h>
+#include <openssl/evp.h>
 
 #include "softkey_env.hpp"
 #include "zeph_c_ci.h"

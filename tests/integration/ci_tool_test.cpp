@@ -1,8 +1,8 @@
 // The zeph groups that speak ZEPH_C_CI, run as a user would against a
 // software key: output, files and exit status (0 only when the code is 0).
-#include <sys/wait.h>
-
 #include <cstdio>
+
+#include <sys/wait.h>
 
 #include "ci_support.hpp"
 

@@ -2,10 +2,10 @@
 // load hiding the vendor after it, the list buffers, and keySN matching.
 #if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_NOEXT_LIB) && defined(ZEPH_SOFTKEY_TOOL)
 
+#include <algorithm>
+
 #include <cjson/cJSON.h>
 #include <dlfcn.h>
-
-#include <algorithm>
 
 #include "softkey_env.hpp"
 
@@ -44,8 +44,8 @@ TEST_F(DetectionTest, TwoVendorsThreeKeysAndAFailedLibraryHidingTheLastVendor) {
   Tool("unplug --serial GONE");
   std::vector<std::string> want;
   for (const char *sn : {"K1", "K2", "K3"}) {
-    for (const auto &[vid, lib, type] : {std::tuple{"ZA", ZEPH_SOFTKEY_LIB, 1}, {"ZT", ZEPH_SOFTKEY_LIB, 10},
-                                         {"ZN", ZEPH_SOFTKEY_NOEXT_LIB, 2}}) {
+    for (const auto &[vid, lib, type] :
+         {std::tuple{"ZA", ZEPH_SOFTKEY_LIB, 1}, {"ZT", ZEPH_SOFTKEY_LIB, 10}, {"ZN", ZEPH_SOFTKEY_NOEXT_LIB, 2}}) {
       want.push_back(std::string("{\"keySN\":\"") + vid + "_" + sn + "\",\"vid\":\"" + vid + "\",\"skfLib\":\"" + lib +
                      "\",\"type\":" + std::to_string(type) + "}");
     }
@@ -69,7 +69,7 @@ TEST_F(DetectionTest, TwoVendorsThreeKeysAndAFailedLibraryHidingTheLastVendor) {
   const struct {
     const char *key_sn;
     void *lib;
-  } rows[] = {{"ZA_K1", ext}, {"ZT_K1", ext},   {"ZN_K2", noext},   {"Z_K2", ext},      {"ZN", noext},
+  } rows[] = {{"ZA_K1", ext},     {"ZT_K1", ext},      {"ZN_K2", noext}, {"Z_K2", ext}, {"ZN", noext},
               {"ZL_K1", nullptr}, {"ZAX_K1", nullptr}, {"_K1", nullptr}, {"", nullptr}, {nullptr, nullptr}};
   for (const auto &r : rows) {
     SCOPED_TRACE(r.key_sn != nullptr ? r.key_sn : "null");
@@ -136,7 +136,8 @@ TEST_F(DetectionTest, KeySnsThatReachNoKey) {
     uint32_t status = 0, retry = 0;
     Handle h(r.key_sn, &status);  // handed out all the same, and finalised
     ASSERT_NE(h.get(), nullptr);
-    EXPECT_EQ(r.status == 0 ? status & 0xFFFFFF00u : status, r.status == 0 ? 0x0A000000u : r.status) << std::hex << status;
+    EXPECT_EQ(r.status == 0 ? status & 0xFFFFFF00u : status, r.status == 0 ? 0x0A000000u : r.status)
+        << std::hex << status;
     EXPECT_NE(ZEPH_C_VerifyUserPin(h.get(), 2, kUserPin, &retry), 0u);
   }
 }

@@ -64,7 +64,8 @@ TEST_F(FilesTest, SealAreasSlotsAndCounts) {
     uint32_t area;
     const char *file;
     bool slot = false;
-  } rows[] = {{1, "Cert"}, {2, "Picture"}, {3, "CertChain"}, {9, "Cert"}, {5, "Picture5", true}, {11, "Picture11", true}};
+  } rows[] = {{1, "Cert"}, {2, "Picture"},        {3, "CertChain"},
+              {9, "Cert"}, {5, "Picture5", true}, {11, "Picture11", true}};
   for (const auto &r : rows) {
     SCOPED_TRACE(r.file);
     const Bytes data = zeph_test::RandomBytes(20 + r.area, r.area);

@@ -25,8 +25,11 @@ TEST_F(PinTest, RetryCountsLockUnblockAndChange) {
   const struct {
     const char *pin;
     uint32_t status, retry;
-  } rows[] = {{kUserPin, 0, 3}, {"000000", SAR_PIN_INCORRECT, 2}, {"000000", SAR_PIN_INCORRECT, 1},
-              {"000000", SAR_PIN_LOCKED, 0}, {kUserPin, SAR_PIN_LOCKED, 0}};
+  } rows[] = {{kUserPin, 0, 3},
+              {"000000", SAR_PIN_INCORRECT, 2},
+              {"000000", SAR_PIN_INCORRECT, 1},
+              {"000000", SAR_PIN_LOCKED, 0},
+              {kUserPin, SAR_PIN_LOCKED, 0}};
   for (const auto &r : rows) {
     uint32_t retry = 99;
     EXPECT_EQ(ZEPH_C_VerifyUserPin(h.get(), ZEPH_AREA_SM2, r.pin, &retry), r.status);
@@ -73,8 +76,8 @@ TEST_F(PinTest, SelectorsPickTheirAreaAndUnknownOnesCallNothing) {
     uint32_t usage;
     const char *pin;
     uint32_t status;
-  } rows[] = {{1, "111111", 0}, {2, "222222", 0}, {4, "444444", 0}, {7, "111111", 0}, {0, "111111", 0},
-              {7, "222222", SAR_PIN_INCORRECT}};
+  } rows[] = {{1, "111111", 0}, {2, "222222", 0}, {4, "444444", 0},
+              {7, "111111", 0}, {0, "111111", 0}, {7, "222222", SAR_PIN_INCORRECT}};
   for (const auto &r : rows) {
     SCOPED_TRACE(r.usage);
     EXPECT_EQ(ZEPH_C_VerifyUserPin(h.get(), r.usage, r.pin, &retry), r.status);
@@ -84,7 +87,6 @@ TEST_F(PinTest, SelectorsPickTheirAreaAndUnknownOnesCallNothing) {
     EXPECT_EQ(ZEPH_C_SetVersion(h.get(), "111111", 3, kAuthKey.data(), 2), ERR_UNSUPPORTED_VALUE);
   });
   EXPECT_TRUE(trace.empty()) << Names(trace);
-
 }
 
 TEST_F(PinTest, DeviceAuthenticationAreasAndTheirReport) {
@@ -111,8 +113,9 @@ TEST_F(PinTest, DeviceAuthenticationAreasAndTheirReport) {
   uint32_t retry = 0;
   EXPECT_EQ(ZEPH_C_VerifyUserPin(h.get(), ZEPH_AREA_SEAL, "135791", &retry), 0u);
   EXPECT_EQ(retry, 5u);
-  EXPECT_EQ(Report(h.get()), "application VorliRsa\n  container RSA2: empty\n  container RSA1: empty\n"
-                             "application VorliEcc\n  container ECC: empty\napplication VorliStamp\n");
+  EXPECT_EQ(Report(h.get()),
+            "application VorliRsa\n  container RSA2: empty\n  container RSA1: empty\n"
+            "application VorliEcc\n  container ECC: empty\napplication VorliStamp\n");
   // Re-creating an area wipes what it held.
   ASSERT_EQ(ZEPH_C_WriteUkeyFile(h.get(), "135791", ZEPH_OBJ_SM2_CERTCHAIN, "CertChain", next.data(), 5), 0u);
   ASSERT_EQ(ZEPH_C_InitVorliSm2Area(h.get(), next.data(), 16, "87654321", 5, "246802", 5, 0), 0u);
@@ -139,12 +142,11 @@ TEST_F(PinTest, LogRecordsOfAPinCheckAndAFileWrite) {
   setLogCallback(nullptr);
   const std::string pin =
       "{\"SKF_VerifyPIN: maxretryCnt\":\"10\",\"retryCnt\":\"10\",\"IsDefaultPin\":\"1\",\"UserPin\":\"123456\"}";
-  EXPECT_EQ(g_messages, (std::vector<std::string>{
-                            "SKF_OpenApplicationProc start:", "SKF_OpenApplicationProc end:",
-                            "SKF_OpenContainerProc start:", "SKF_OpenContainerProc end:", pin,
-                            "SKF_OpenApplicationProc start:", "SKF_OpenApplicationProc end:", pin,
-                            "GM_SKF_CTX_SetFileIntoCryptoDevice:", "SKF_DeleteFileProc end:",
-                            "SKF_CreateFileProc end:", "SKF_WriteFileProc end:"}));
+  EXPECT_EQ(g_messages, (std::vector<std::string>{"SKF_OpenApplicationProc start:", "SKF_OpenApplicationProc end:",
+                                                  "SKF_OpenContainerProc start:", "SKF_OpenContainerProc end:", pin,
+                                                  "SKF_OpenApplicationProc start:", "SKF_OpenApplicationProc end:", pin,
+                                                  "GM_SKF_CTX_SetFileIntoCryptoDevice:", "SKF_DeleteFileProc end:",
+                                                  "SKF_CreateFileProc end:", "SKF_WriteFileProc end:"}));
 }
 
 TEST_F(PinTest, SmApplicationKeysUseTheirOwnLayout) {

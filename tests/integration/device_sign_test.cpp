@@ -36,7 +36,8 @@ bool OpenSslVerifies(const Bytes &cert_der, const EVP_MD *md, const Bytes &data,
 
 uint32_t Verify(const Bytes &cert, const Bytes &data, const Bytes &sig, uint32_t id) {
   return ZEPH_C_VerifySignWithCert(cert.data(), static_cast<uint32_t>(cert.size()), data.data(),
-                                   static_cast<uint32_t>(data.size()), sig.data(), static_cast<uint32_t>(sig.size()), id);
+                                   static_cast<uint32_t>(data.size()), sig.data(), static_cast<uint32_t>(sig.size()),
+                                   id);
 }
 
 TEST_F(SignTest, Sm2AndRsaSignaturesVerifyWithTheKeysCertificates) {
@@ -50,9 +51,12 @@ TEST_F(SignTest, Sm2AndRsaSignaturesVerifyWithTheKeysCertificates) {
     uint32_t id;
     const EVP_MD *md;
     const char *call;
-  } rows[] = {{"ZA_G1", 0, EVP_sm3(), "SKF_ECCSignData"},        {"ZT_G1", 0, EVP_sm3(), "SKF_Eu_ECCSignData"},
-              {"ZA_G1", 0x10004, EVP_sha256(), "SKF_Ex_RSASignData"}, {"ZN_G1", 4, EVP_sha256(), "SKF_RSASignData"},
-              {"ZA_G1", 8, EVP_sha384(), "SKF_Ex_RSASignData"},   {"ZN_G1", 16, EVP_sha512(), "SKF_RSASignData"},
+  } rows[] = {{"ZA_G1", 0, EVP_sm3(), "SKF_ECCSignData"},
+              {"ZT_G1", 0, EVP_sm3(), "SKF_Eu_ECCSignData"},
+              {"ZA_G1", 0x10004, EVP_sha256(), "SKF_Ex_RSASignData"},
+              {"ZN_G1", 4, EVP_sha256(), "SKF_RSASignData"},
+              {"ZA_G1", 8, EVP_sha384(), "SKF_Ex_RSASignData"},
+              {"ZN_G1", 16, EVP_sha512(), "SKF_RSASignData"},
               {"ZA_G1", 2, EVP_sha1(), "SKF_Ex_RSASignData"}};
   for (const auto &r : rows) {
     SCOPED_TRACE(std::string(r.key_sn) + " " + std::to_string(r.id));
@@ -91,7 +95,8 @@ TEST_F(SignTest, Sm2AndRsaSignaturesVerifyWithTheKeysCertificates) {
   ASSERT_EQ(ZEPH_C_DoRsaSign(h.get(), kUserPin, data.data(), 1000, sig.data(), &len, 4), 0u);
   EXPECT_EQ(Verify(rsa_cert, data, Bytes(sig.begin(), sig.begin() + len), 2), ERR_SIGNATURE_INVALID);
   EXPECT_EQ(ZEPH_C_VerifySm2SignWithCert(rsa_cert.data(), static_cast<uint32_t>(rsa_cert.size()), data.data(), 1000,
-                                         sig.data(), 72), ERR_SIGNATURE_INVALID);
+                                         sig.data(), 72),
+            ERR_SIGNATURE_INVALID);
   EXPECT_EQ(ZEPH_C_DoRsaSign(h.get(), kUserPin, data.data(), 1000, sig.data(), &len, 3), ERR_PRETREATMENT_FAILED);
   // A wrong PIN signs nothing and closes the session.
   len = 77;
@@ -102,7 +107,6 @@ TEST_F(SignTest, Sm2AndRsaSignaturesVerifyWithTheKeysCertificates) {
   EXPECT_EQ(len, 77u);
   EXPECT_FALSE(Called(trace, "SKF_ECCSignData") || Called(trace, "SKF_Ex_RSASignData")) << Names(trace);
   EXPECT_TRUE(AllClosed(trace));
-
 }
 
 Bytes RsaEncrypt(const Bytes &cert_der, const Bytes &plain, int padding) {

@@ -1,12 +1,12 @@
 // The shared library exports exactly the documented names: no mangled C++
 // symbol, nothing unlisted, and every listed name present.
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
+
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -4,8 +4,6 @@
 #pragma once
 #if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_NOEXT_LIB) && defined(ZEPH_SOFTKEY_TOOL)
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
@@ -14,6 +12,8 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "test_support.hpp"
 #include "zeph_c.h"
@@ -34,7 +34,8 @@ struct TraceLine {
 
 inline std::string Names(const std::vector<TraceLine> &trace) {
   std::string s;
-  for (const TraceLine &t : trace) s.append(t.fn).append(t.rv != 0 ? std::to_string(t.rv).insert(0, 1, '=') : "") += ' ';
+  for (const TraceLine &t : trace)
+    s.append(t.fn).append(t.rv != 0 ? std::to_string(t.rv).insert(0, 1, '=') : "") += ' ';
   return s;
 }
 
@@ -44,8 +45,9 @@ inline bool Called(const std::vector<TraceLine> &trace, const std::string &fn) {
 
 // Every application, container, key and device the trace shows opened was closed.
 inline ::testing::AssertionResult AllClosed(const std::vector<TraceLine> &trace) {
-  const std::string opens = " SKF_OpenApplication SKF_CreateApplication SKF_OpenContainer SKF_CreateContainer"
-                            " SKF_SetSymmKey SKF_ConnectDev ";
+  const std::string opens =
+      " SKF_OpenApplication SKF_CreateApplication SKF_OpenContainer SKF_CreateContainer"
+      " SKF_SetSymmKey SKF_ConnectDev ";
   const std::string closes = " SKF_CloseApplication SKF_CloseContainer SKF_CloseHandle SKF_DisConnectDev ";
   std::map<std::string, std::string> open;  // handle -> what opened it
   for (const TraceLine &t : trace) {
@@ -70,7 +72,8 @@ class SoftkeyTest : public ::testing::Test {
                                "\"},{\"type\":10,\"vid\":\"ZT\",\"skfLib\":\"" + ZEPH_SOFTKEY_LIB +
                                "\"},{\"type\":2,\"vid\":\"ZN\",\"skfLib\":\"" + ZEPH_SOFTKEY_NOEXT_LIB +
                                "\"},{\"type\":3,\"vid\":\"BAD\",\"skfLib\":\"/nonexistent/libskf-missing.so\"}"
-                               ",{\"type\":4,\"vid\":\"ZL\",\"skfLib\":\"" + ZEPH_SOFTKEY_LIB + "\"}]";
+                               ",{\"type\":4,\"vid\":\"ZL\",\"skfLib\":\"" +
+                               ZEPH_SOFTKEY_LIB + "\"}]";
     ASSERT_EQ(ZEPH_C_SetConfigInfo(config.c_str()), 0u);
   }
   void TearDown() override {
@@ -85,7 +88,9 @@ class SoftkeyTest : public ::testing::Test {
     const int status = std::system((cmd + " >/dev/null 2>&1").c_str());
     EXPECT_TRUE(!check || status == 0) << cmd;
   }
-  void CreateDevice(const std::string &sn) { Tool("create-device --auth-key 31323334353637383132333435363738 --serial " + sn); }
+  void CreateDevice(const std::string &sn) {
+    Tool("create-device --auth-key 31323334353637383132333435363738 --serial " + sn);
+  }
   void CreateApp(const std::string &sn, const std::string &app, uint32_t retry = 10, const char *pin = kUserPin) {
     const std::string r = std::to_string(retry);
     Tool("create-app --serial " + sn + " --app " + app + " --admin-pin " + kAdminPin + " --user-pin " + pin +

@@ -1,7 +1,7 @@
 // The zeph command-line host, run as a user would: output, files, exit codes.
-#include <gtest/gtest.h>
-
 #include <sys/wait.h>
+
+#include <gtest/gtest.h>
 
 #include "test_support.hpp"
 
@@ -38,11 +38,17 @@ TEST_F(ZephTool, HashPrintsLikeSha256sumAndExitCodesTellUsageFromFailure) {
   EXPECT_EQ(Zeph("hash --alg=md5 - < " + Q("abc")).out, "900150983cd24fb0d6963f7d28e17f72  -\n");
   EXPECT_NE(Zeph("").out.find("usage: zeph"), std::string::npos);
   // 2 for usage errors, 1 for failures (a 3-byte file is not whole blocks).
-  const std::pair<std::string, int> codes[] = {
-      {"", 2},          {"help sm4", 0},     {"base64 squash", 2},   {"frobnicate", 2},
-      {"hash --alg", 2}, {"hash --alg sha3 " + Q("abc"), 2},         {"hash --alg sha256 " + Q("empty"), 1},
-      {"hash --alg sha256 " + Q("missing"), 1},                      {"sm4 encrypt --key 0011 " + Q("abc"), 2},
-      {"sm4 encrypt " + Q("abc"), 2},    {"sm4 decrypt --key " + std::string(32, '0') + " " + Q("abc"), 1}};
+  const std::pair<std::string, int> codes[] = {{"", 2},
+                                               {"help sm4", 0},
+                                               {"base64 squash", 2},
+                                               {"frobnicate", 2},
+                                               {"hash --alg", 2},
+                                               {"hash --alg sha3 " + Q("abc"), 2},
+                                               {"hash --alg sha256 " + Q("empty"), 1},
+                                               {"hash --alg sha256 " + Q("missing"), 1},
+                                               {"sm4 encrypt --key 0011 " + Q("abc"), 2},
+                                               {"sm4 encrypt " + Q("abc"), 2},
+                                               {"sm4 decrypt --key " + std::string(32, '0') + " " + Q("abc"), 1}};
   for (const auto &[args, code] : codes) EXPECT_EQ(Zeph(args).code, code) << args;
 }
 

@@ -1,11 +1,11 @@
 // Abuse: handles that are not what they claim, damaged device files, several
 // processes at once, a writer killed mid-way.
-#include <signal.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <fstream>
 #include <type_traits>
+
+#include <signal.h>
+#include <unistd.h>
 
 #include "softkey_test.hpp"
 
@@ -18,8 +18,11 @@ enum HKind { kNone = -1, kDev, kApp, kCon, kKey, kHash };
 
 // The kind of handle an entry point takes, from its declared parameters.
 HKind KindOf(const std::string &params) {
-  for (auto [prefix, kind] : {std::pair{"(DEVHANDLE", kDev}, {"(HAPPLICATION", kApp}, {"(HCONTAINER", kCon},
-                              {"(HANDLE hKey", kKey}, {"(HANDLE", kHash}})
+  for (auto [prefix, kind] : {std::pair{"(DEVHANDLE", kDev},
+                              {"(HAPPLICATION", kApp},
+                              {"(HCONTAINER", kCon},
+                              {"(HANDLE hKey", kKey},
+                              {"(HANDLE", kHash}})
     if (params.rfind(prefix, 0) == 0) return kind;
   return kNone;
 }
@@ -32,9 +35,12 @@ template <typename First, typename... A>
 ULONG CallWith(ULONG (*f)(First, A...), HANDLE h) {
   auto arg = [](auto tag) {
     using T = typename decltype(tag)::type;
-    if constexpr (std::is_pointer_v<T>) return reinterpret_cast<T>(g_buf);
-    else if constexpr (std::is_integral_v<T>) return T(16);
-    else return T{};
+    if constexpr (std::is_pointer_v<T>)
+      return reinterpret_cast<T>(g_buf);
+    else if constexpr (std::is_integral_v<T>)
+      return T(16);
+    else
+      return T{};
   };
   if constexpr (std::is_same_v<First, HANDLE>) return f(h, arg(std::type_identity<A>{})...);
   return SAR_FAIL;
@@ -71,8 +77,8 @@ TEST_F(AbuseTest, EveryHandleIsCheckedBeforeUse) {
 
   // A deleted application's handles stay stale even when a namesake appears.
   MustTool(std::string("delete-app --serial ") + kSerial + " --app VorliEcc");
-  MustTool(std::string("create-app --serial ") + kSerial + " --app VorliEcc --admin-pin " + kAdminPin +
-           " --user-pin " + kUserPin);
+  MustTool(std::string("create-app --serial ") + kSerial + " --app VorliEcc --admin-pin " + kAdminPin + " --user-pin " +
+           kUserPin);
   ULONG size = 0;
   EXPECT_EQ(skf.SKF_EnumContainer(live[kApp], nullptr, &size), SAR_INVALIDHANDLEERR);
   EXPECT_EQ(skf.SKF_CloseApplication(live[kApp]), SAR_OK);

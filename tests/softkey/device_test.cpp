@@ -46,7 +46,11 @@ TEST_F(DeviceTest, DeviceInfoComesFromTheRecordAtTheStandardOffsets) {
   std::memset(raw, 0xEE, sizeof raw);
   ASSERT_EQ(skf.SKF_GetDevInfo(Connect(), reinterpret_cast<DEVINFO *>(raw)), SAR_OK);
   EXPECT_EQ(raw[sizeof(DEVINFO)], 0xEE) << "wrote past the 294-byte structure";
-  auto u32 = [&](size_t off) { uint32_t v; std::memcpy(&v, raw + off, 4); return v; };
+  auto u32 = [&](size_t off) {
+    uint32_t v;
+    std::memcpy(&v, raw + off, 4);
+    return v;
+  };
   EXPECT_STREQ(reinterpret_cast<char *>(raw + 2), "Maker");
   EXPECT_STREQ(reinterpret_cast<char *>(raw + 130), "Label-1");
   EXPECT_STREQ(reinterpret_cast<char *>(raw + 162), "0123ABCD");
@@ -218,8 +222,10 @@ TEST_F(FileTest, OffsetsSizesAndTheBufferProtocol) {
     ULONG rv, len;
     const char *hex;
   } const reads[] = {
-      {0, 100, 100, SAR_OK, 10, "00000000616263000000"}, {4, 3, 3, SAR_OK, 3, "616263"},
-      {10, 5, 5, SAR_OK, 0, ""},                          {11, 1, 1, SAR_INDATALENERR, 1, ""},
+      {0, 100, 100, SAR_OK, 10, "00000000616263000000"},
+      {4, 3, 3, SAR_OK, 3, "616263"},
+      {10, 5, 5, SAR_OK, 0, ""},
+      {11, 1, 1, SAR_INDATALENERR, 1, ""},
       {0, 10, 9, SAR_BUFFER_TOO_SMALL, 10, ""},
   };
   for (const auto &r : reads) {

@@ -210,8 +210,8 @@ TEST_F(KeyTest, Sm2DecryptsOpenSslCiphertexts) {
       {"C3 altered", [](ECCCIPHERBLOB *b) { b->HASH[0] ^= 1; }, FALSE, SAR_HASHNOTEQUALERR},
       {"C2 altered", [](ECCCIPHERBLOB *b) { b->Cipher[0] ^= 1; }, FALSE, SAR_HASHNOTEQUALERR},
       {"x upper half set", [](ECCCIPHERBLOB *b) { b->XCoordinate[0] = 1; }, FALSE, SAR_INDATAERR},
-      {"x read from offset 0", [](ECCCIPHERBLOB *b) { std::memmove(b->XCoordinate, b->XCoordinate + 32, 32); },
-       FALSE, SAR_INDATAERR},
+      {"x read from offset 0", [](ECCCIPHERBLOB *b) { std::memmove(b->XCoordinate, b->XCoordinate + 32, 32); }, FALSE,
+       SAR_INDATAERR},
       {"not on the curve", [](ECCCIPHERBLOB *b) { b->YCoordinate[63] ^= 1; }, FALSE, SAR_INDATAERR},
       {"no cipher", [](ECCCIPHERBLOB *b) { b->CipherLen = 0; }, FALSE, SAR_INDATALENERR},
       {"absurd length", [](ECCCIPHERBLOB *b) { b->CipherLen = 0xFFFFFFF0; }, FALSE, SAR_INDATALENERR},
@@ -310,7 +310,7 @@ TEST_F(CryptTest, EveryModeAndSplitMatchesOpenSsl) {
     bool padding;
     size_t len;
   } const modes[] = {
-      {SGD_SM4_ECB, false, 48}, {SGD_SM4_ECB, true, 37}, {SGD_SM4_ECB, true, 32}, {SGD_SM4_CBC, false, 64},
+      {SGD_SM4_ECB, false, 48}, {SGD_SM4_ECB, true, 37}, {SGD_SM4_ECB, true, 32},  {SGD_SM4_CBC, false, 64},
       {SGD_SM4_CBC, true, 45},  {SGD_SM4_CBC, true, 0},  {SGD_SM4_CFB, false, 29}, {SGD_SM4_OFB, false, 33},
   };
   for (const auto &m : modes) {
@@ -336,7 +336,10 @@ TEST_F(CryptTest, DigestsMatchOpenSslAtEverySplit) {
     uint8_t expected[32], out[32];
     unsigned int n = 0;
     EVP_Digest(msg.data(), msg.size(), expected, &n,
-               alg == SGD_SM3 ? EVP_sm3() : alg == SGD_SHA1 ? EVP_sha1() : EVP_sha256(), nullptr);
+               alg == SGD_SM3    ? EVP_sm3()
+               : alg == SGD_SHA1 ? EVP_sha1()
+                                 : EVP_sha256(),
+               nullptr);
     for (ULONG split = 0; split <= msg.size(); split += 7) {
       HANDLE h = nullptr;
       ULONG len = 0;

@@ -3,16 +3,16 @@
 // devices are set up with the zeph-softkey utility in a private root folder.
 #pragma once
 
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/wait.h>
-
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include <dlfcn.h>
 #include <openssl/evp.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
 
 #include "test_support.hpp"
 #include "zeph_skf.h"
@@ -61,8 +61,10 @@ std::vector<std::string> List(F call) {
 
 // SM4 in the given mode, independently of the library.
 inline Bytes Sm4(ULONG alg, bool padding, const void *key, const Bytes &iv, const Bytes &in) {
-  const EVP_CIPHER *c = alg == SGD_SM4_ECB ? EVP_sm4_ecb() : alg == SGD_SM4_CBC ? EVP_sm4_cbc()
-                        : alg == SGD_SM4_CFB ? EVP_sm4_cfb128() : EVP_sm4_ofb();
+  const EVP_CIPHER *c = alg == SGD_SM4_ECB   ? EVP_sm4_ecb()
+                        : alg == SGD_SM4_CBC ? EVP_sm4_cbc()
+                        : alg == SGD_SM4_CFB ? EVP_sm4_cfb128()
+                                             : EVP_sm4_ofb();
   EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
   EVP_EncryptInit_ex(ctx, c, nullptr, static_cast<const uint8_t *>(key), iv.data());
   EVP_CIPHER_CTX_set_padding(ctx, padding ? 1 : 0);

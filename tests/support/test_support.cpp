@@ -1,11 +1,11 @@
 #include "test_support.hpp"
 
-#include <stdlib.h>
-
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <stdexcept>
+
+#include <stdlib.h>
 
 namespace zeph_test {
 
@@ -35,10 +35,14 @@ std::vector<uint8_t> FromHex(const std::string &hex) {
   int hi = -1;
   for (char c : hex) {
     int v;
-    if (c >= '0' && c <= '9') v = c - '0';
-    else if (c >= 'a' && c <= 'f') v = c - 'a' + 10;
-    else if (c >= 'A' && c <= 'F') v = c - 'A' + 10;
-    else continue;  // blanks and separators are ignored
+    if (c >= '0' && c <= '9')
+      v = c - '0';
+    else if (c >= 'a' && c <= 'f')
+      v = c - 'a' + 10;
+    else if (c >= 'A' && c <= 'F')
+      v = c - 'A' + 10;
+    else
+      continue;  // blanks and separators are ignored
     if (hi < 0) {
       hi = v;
     } else {

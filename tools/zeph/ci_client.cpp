@@ -1,11 +1,11 @@
 // Shared plumbing of the command groups that speak ZEPH_C_CI.
 #include "ci_client.hpp"
 
-#include <cjson/cJSON.h>
-#include <sys/stat.h>
-
 #include <cstring>
 #include <memory>
+
+#include <cjson/cJSON.h>
+#include <sys/stat.h>
 
 #include "zeph_c_api.h"
 #include "zeph_c_ci.h"

@@ -65,7 +65,7 @@ std::string ToLowerHex(const uint8_t *data, size_t n);
 }  // namespace zeph_cli
 
 #define ZEPH_CLI_CONCAT2(a, b) a##b
-#define ZEPH_CLI_CONCAT(a, b) ZEPH_CLI_CONCAT2(a, b)
-#define ZEPH_CLI_GROUP(name, summary, usage, run, ...)                                              \
-  static const bool ZEPH_CLI_CONCAT(zeph_cli_registered_, name) =                                 \
+#define ZEPH_CLI_CONCAT(a, b)  ZEPH_CLI_CONCAT2(a, b)
+#define ZEPH_CLI_GROUP(name, summary, usage, run, ...)            \
+  static const bool ZEPH_CLI_CONCAT(zeph_cli_registered_, name) = \
       ::zeph_cli::RegisterGroup(::zeph_cli::Group{#name, summary, usage, run, __VA_ARGS__})

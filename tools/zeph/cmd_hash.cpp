@@ -1,8 +1,8 @@
 // zeph hash: software digests of files (or standard input) by name.
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <cstring>
+
+#include <sys/stat.h>
 
 #include "cli.hpp"
 #include "zeph_c_utils.h"

@@ -1,8 +1,8 @@
 // zeph keys: the keys plugged in now, one per line.
-#include <cjson/cJSON.h>
-
 #include <cstdio>
 #include <string>
+
+#include <cjson/cJSON.h>
 
 #include "ci_client.hpp"
 

@@ -1,8 +1,8 @@
 // zeph pin verify|change|unlock: the user PIN of one key area.
-#include <cjson/cJSON.h>
-
 #include <cstdio>
 #include <string>
+
+#include <cjson/cJSON.h>
 
 #include "ci_client.hpp"
 

@@ -1,7 +1,7 @@
 // zeph sm4: SM4-ECB file encryption to FILE.enc and decryption to FILE.dec.
-#include <unistd.h>
-
 #include <cstring>
+
+#include <unistd.h>
 
 #include "cli.hpp"
 #include "zeph_c_utils.h"
@@ -34,8 +34,8 @@ int RunSm4(const zeph_cli::Args &args) {
   std::memset(key.data(), 0, key.size());
   if (rv == ERR_FILE_OPEN_FAILED) return zeph_cli::Fail(Self(), "cannot read " + path + " or create " + output);
   if (rv == ERR_ALG_UNSUPPORTED && !encrypt) {
-    return zeph_cli::Fail(Self(), "cannot decrypt " + path + ": wrong key or not an SM4-ECB file (" +
-                                      zeph_cli::StatusText(rv) + ")");
+    return zeph_cli::Fail(
+        Self(), "cannot decrypt " + path + ": wrong key or not an SM4-ECB file (" + zeph_cli::StatusText(rv) + ")");
   }
   if (rv != 0) return zeph_cli::Fail(Self(), path + ": " + zeph_cli::StatusText(rv));
   std::printf("%s\n", output.c_str());

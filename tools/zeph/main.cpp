@@ -13,9 +13,7 @@ void PrintOverview(FILE *to) {
   for (const auto &g : zeph_cli::Groups()) std::fprintf(to, "  %-10s %s\n", g.name, g.summary);
 }
 
-void PrintGroupUsage(const zeph_cli::Group &g, FILE *to) {
-  std::fprintf(to, "usage: zeph %s\n", g.usage);
-}
+void PrintGroupUsage(const zeph_cli::Group &g, FILE *to) { std::fprintf(to, "usage: zeph %s\n", g.usage); }
 
 }  // namespace
 

@@ -7,7 +7,8 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/secure_bytes.hpp"
 #include "store.hpp"
 
 namespace softkey {

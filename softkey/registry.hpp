@@ -14,8 +14,10 @@
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "crypto.hpp"
+#include "foundation/status_flow.hpp"
 #include "store.hpp"
 
 namespace softkey {

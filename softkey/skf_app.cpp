@@ -2,6 +2,7 @@
 // device authenticated on the calling handle; a PIN verified on an
 // application handle logs in that handle only.
 #include <algorithm>
+#include <vector>
 
 #include "registry.hpp"
 

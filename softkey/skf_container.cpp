@@ -3,6 +3,7 @@
 // Private keys are used only on a handle whose application has the user PIN
 // verified; they are unsealed once per container handle.
 #include <cstring>
+#include <vector>
 
 #include <openssl/rsa.h>
 

@@ -1,6 +1,7 @@
 // Files of an application, with the read and write rights given when they
 // were created. A right admits the role logged in on the calling handle.
 #include <cstring>
+#include <vector>
 
 #include "registry.hpp"
 

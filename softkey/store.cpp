@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <vector>
 
 #include <cjson/cJSON.h>
 #include <dirent.h>
@@ -17,7 +18,8 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "foundation/internal.hpp"
+#include "foundation/json_owned.hpp"
+#include "foundation/status_flow.hpp"
 
 namespace softkey {
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
 
 namespace zeph::api {
 

@@ -5,13 +5,16 @@
 #include "zeph_c_api.h"
 
 #include <climits>
+#include <cstring>
 #include <string>
 
 #include <openssl/rand.h>
 
 #include "api/handle.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/json_owned.hpp"
+#include "foundation/status_flow.hpp"
 #include "zeph_c_device.h"
+#include "zeph_c_status.h"
 
 using zeph::api::SessionGuard;
 

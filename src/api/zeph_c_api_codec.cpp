@@ -1,9 +1,12 @@
 // Files on disk and base64 wrappers of the API, and the release of buffers
 // the library hands out.
 #include <cstdlib>
+#include <cstring>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/status_flow.hpp"
 #include "zeph_c_api.h"
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 extern "C" {

@@ -1,11 +1,15 @@
 // Raw signing with the key's private keys, and signature verification with
 // certificates in software.
+#include <cstring>
+
 #include "api/cert.hpp"
 #include "api/handle.hpp"
 #include "device/vorli_gm_skf.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/status_flow.hpp"
 #include "zeph_c_api.h"
 #include "zeph_c_device.h"
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 using zeph::api::SessionGuard;

@@ -3,8 +3,10 @@
 #include <cstring>
 
 #include "api/cert.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/status_flow.hpp"
 #include "zeph_c_device.h"
+#include "zeph_c_status.h"
 
 extern "C" {
 

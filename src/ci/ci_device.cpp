@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "zeph_c_api.h"
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 namespace zeph::ci {

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "ci/ci_internal.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/secure_bytes.hpp"
 
 namespace zeph::ci {
 

@@ -7,6 +7,9 @@
 #include <cstdint>
 #include <string_view>
 
+#include "foundation/status_flow.hpp"
+#include "zeph_c_status.h"
+
 namespace zeph::ci {
 
 // Text fields hold their nominal size plus one byte, so a value that fills

@@ -5,7 +5,9 @@
 #include <initializer_list>
 
 #include "ci/ci_internal.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/json_owned.hpp"
+#include "foundation/status_flow.hpp"
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 namespace zeph::ci {

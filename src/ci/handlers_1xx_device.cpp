@@ -6,7 +6,9 @@
 #include <vector>
 
 #include "ci/ci_device.hpp"
+#include "foundation/json_owned.hpp"
 #include "zeph_c_api.h"
+#include "zeph_c_status.h"
 
 namespace zeph::ci {
 namespace {

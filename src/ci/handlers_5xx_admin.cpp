@@ -3,6 +3,7 @@
 
 #include "ci/ci_device.hpp"
 #include "zeph_c_api.h"
+#include "zeph_c_status.h"
 
 namespace zeph::ci {
 namespace {

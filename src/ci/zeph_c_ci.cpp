@@ -8,8 +8,11 @@
 #include <cstring>
 
 #include "ci/ci_internal.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/json_owned.hpp"
+#include "foundation/log.hpp"
+#include "foundation/status_flow.hpp"
 #include "zeph_c_api.h"
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 namespace zeph::ci {

@@ -1,6 +1,8 @@
 // Entry-point lookup and name-list splitting shared by detection and sessions.
 #include "device/skf_functions.hpp"
 
+#include <vector>
+
 #include "zeph_c_utils.h"
 
 namespace zeph::device {

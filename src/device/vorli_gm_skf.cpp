@@ -4,11 +4,15 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "foundation/internal.hpp"
+#include "foundation/log.hpp"
+#include "foundation/output.hpp"
+#include "foundation/secure_bytes.hpp"
+#include "foundation/status_flow.hpp"
 #include "zeph_c_device.h"
 #include "zeph_c_utils.h"
 

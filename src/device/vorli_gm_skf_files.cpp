@@ -1,11 +1,14 @@
 // Whole files in the open application of a key, and the seal-area
 // shortcuts that name those files by area or slot number.
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "device/vorli_gm_skf.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/log.hpp"
+#include "foundation/status_flow.hpp"
 #include "zeph_c_device.h"
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 using zeph::device::CallSkf;

@@ -1,13 +1,17 @@
 // Operations with the private keys of a key, inside a session that the
 // caller opened on the container (and verified the PIN for): the value to be
 // signed, signing, decryption, public key export, device random.
+#include <cstring>
 #include <vector>
 
 #include <openssl/core_names.h>
 #include <openssl/param_build.h>
 
 #include "device/vorli_gm_skf.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/log.hpp"
+#include "foundation/output.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/status_flow.hpp"
 #include "zeph_c_device.h"
 #include "zeph_c_gm.h"
 #include "zeph_c_utils.h"

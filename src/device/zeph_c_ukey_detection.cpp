@@ -3,13 +3,18 @@
 // object location table of both key layouts.
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "device/skf_functions.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/json_owned.hpp"
+#include "foundation/log.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/status_flow.hpp"
 #include "zeph_c_device.h"
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 namespace {

@@ -1,6 +1,7 @@
 // Names of the RSA signature algorithms by the library's codes.
 #include <cstring>
 
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 extern "C" {

@@ -3,7 +3,7 @@
 #include <ctime>
 
 #include "foundation/helpers.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/output.hpp"
 #include "zeph_c_utils.h"
 
 namespace {

@@ -7,7 +7,8 @@
 
 #include <unistd.h>
 
-#include "foundation/internal.hpp"
+#include "foundation/log.hpp"
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 namespace {

@@ -1,7 +1,10 @@
 // Software digests by the library's algorithm identifiers.
 #include <cstdio>
+#include <vector>
 
-#include "foundation/internal.hpp"
+#include "foundation/output.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/status_flow.hpp"
 #include "zeph_c_utils.h"
 
 namespace {

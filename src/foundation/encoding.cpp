@@ -1,9 +1,12 @@
 // Base64 and hex text conversions, buffer joining and the GBK placeholders.
 #include <climits>
 #include <cstring>
+#include <vector>
 
 #include "foundation/helpers.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/output.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/status_flow.hpp"
 #include "zeph_c_utils.h"
 
 namespace {

@@ -3,15 +3,15 @@
 #include <cstdio>
 #include <string>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/status_flow.hpp"
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 namespace {
 
 constexpr size_t kChunk = 4u * 1024u * 1024u;
 constexpr size_t kBlock = 16;
-
-using FilePtr = std::unique_ptr<FILE, zeph::Free<std::fclose>>;
 
 // A chunk buffer that may hold plaintext: wiped before release.
 struct WipedChunk {
@@ -30,7 +30,7 @@ struct OutputFile {
     if (created && !keep) std::remove(name.c_str());
   }
   std::string name;
-  FilePtr file;
+  zeph::FilePtr file;
   bool created = false;
   bool keep = false;
 };
@@ -43,9 +43,9 @@ uint32_t TransformFile(int encrypt, const char *file_name, const unsigned char *
   return zeph::Guarded([&]() -> uint32_t {
     OutputFile output(std::string(file_name) + (encrypt != 0 ? ".enc" : ".dec"));
     // Never overwrite: an output that can already be opened stops the run.
-    if (FilePtr existing{std::fopen(output.name.c_str(), "rb")}) return ERR_FILE_OPEN_FAILED;
+    if (zeph::FilePtr existing{std::fopen(output.name.c_str(), "rb")}) return ERR_FILE_OPEN_FAILED;
 
-    FilePtr input(std::fopen(file_name, "rb"));
+    zeph::FilePtr input(std::fopen(file_name, "rb"));
     if (!input) return ERR_FILE_OPEN_FAILED;
     // "x": created here or not at all, even if another process races us.
     output.file.reset(std::fopen(output.name.c_str(), "wbx"));

@@ -3,13 +3,13 @@
 
 #include <sys/stat.h>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 namespace {
 
 constexpr uint32_t kFailed = 0xFFFFFFFFu;
-using FilePtr = std::unique_ptr<FILE, zeph::Free<std::fclose>>;
 
 }  // namespace
 
@@ -17,7 +17,7 @@ extern "C" {
 
 ZEPH_API uint32_t zeph_c_utils_readFile(const char *path, unsigned char *buffer, uint32_t *in_out_length) {
   if (path == nullptr || in_out_length == nullptr) return ERR_INVALID_PARAMETER;
-  FilePtr f(std::fopen(path, "rb"));
+  zeph::FilePtr f(std::fopen(path, "rb"));
   if (!f) return kFailed;
   // Only a regular file has a size to announce before reading.
   struct stat st {};
@@ -41,7 +41,7 @@ ZEPH_API uint32_t zeph_c_utils_readFile(const char *path, unsigned char *buffer,
 
 ZEPH_API uint32_t zeph_c_utils_writeFile(const char *path, const unsigned char *data, uint32_t length) {
   if (path == nullptr || (data == nullptr && length != 0)) return ERR_INVALID_PARAMETER;
-  FilePtr f(std::fopen(path, "wb"));
+  zeph::FilePtr f(std::fopen(path, "wb"));
   if (!f) return ERR_FILE_OPEN_FAILED;
   if (length != 0 && std::fwrite(data, 1, length, f.get()) != length) return ERR_FILE_WRITE_FAILED;
   if (std::fclose(f.release()) != 0) return ERR_FILE_WRITE_FAILED;

@@ -8,6 +8,8 @@
 
 #include <openssl/asn1.h>
 
+#include "zeph_c_status.h"
+
 // Decodes a NUL-terminated base64 text into a new malloc'd buffer of
 // (length / 4) * 3 bytes and returns the decoded length less one byte per
 // trailing '=' (three or more trailing '=' fail). An empty text gives 0 and
@@ -36,13 +38,3 @@ uint32_t l_P5padding_check(const unsigned char *data, size_t length, int front);
 // at least `length` bytes (it may alias `data`); *out_length gets the
 // unpadded length. 0, or ERR_PADDING_INVALID.
 uint32_t l_P5unpad(const unsigned char *data, size_t length, unsigned char *out, size_t *out_length, int front);
-
-namespace zeph {
-
-// The output protocol for texts: a null buffer asks for the bytes needed
-// (text and terminator); a smaller capacity gives ERR_BUFFER_TOO_SMALL with
-// that number written back; otherwise the terminated text is written and the
-// length becomes the text length.
-uint32_t PutText(const char *text, size_t text_len, char *out, uint32_t *in_out_len);
-
-}  // namespace zeph

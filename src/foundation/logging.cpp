@@ -2,10 +2,12 @@
 #include <atomic>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <string>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 namespace {

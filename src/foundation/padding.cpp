@@ -2,7 +2,8 @@
 #include <cstring>
 
 #include "foundation/helpers.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/status_flow.hpp"
+#include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
 #include "zeph_c_utils.h"
 
 namespace {
@@ -20,8 +20,6 @@ constexpr size_t kTextLine = 4095;  // characters of a line, text reader
 constexpr size_t kIntLine = 511;    // characters of a line, integer reader
 constexpr size_t kIntDigits = 255;  // characters of a value read as a number
 constexpr size_t kSectionName = 254;
-
-using FilePtr = std::unique_ptr<FILE, zeph::Free<std::fclose>>;
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 
@@ -52,7 +50,7 @@ std::optional<std::string> FindRawValue(const char *section, const char *key, co
   header.push_back(']');
   const size_t key_len = std::strlen(key);
 
-  FilePtr f(std::fopen(file_name, "r"));
+  zeph::FilePtr f(std::fopen(file_name, "r"));
   if (!f) return std::nullopt;
   std::string line;
   bool entered = false;

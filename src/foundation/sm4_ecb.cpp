@@ -3,7 +3,10 @@
 #include <initializer_list>
 
 #include "foundation/helpers.hpp"
-#include "foundation/internal.hpp"
+#include "foundation/output.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/secure_bytes.hpp"
+#include "foundation/status_flow.hpp"
 #include "zeph_c_utils.h"
 
 namespace {

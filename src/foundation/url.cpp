@@ -2,7 +2,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
 #include "zeph_c_utils.h"
 
 namespace {

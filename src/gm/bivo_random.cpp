@@ -2,8 +2,11 @@
 // bytes, files, reseeding, and sampling in [2, range - 1].
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/secure_bytes.hpp"
+#include "foundation/status_flow.hpp"
 #include "gm/sm3_hash_drbg.hpp"
 
 namespace {

@@ -1,9 +1,11 @@
 // The SM2 user-identity digest Z and the preprocessed digest e = SM3(Z || M).
 #include <cstring>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/status_flow.hpp"
 #include "gm/gm_internal.hpp"
 #include "zeph_c_gm.h"
+#include "zeph_c_status.h"
 
 namespace {
 

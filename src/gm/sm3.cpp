@@ -1,11 +1,12 @@
 // The library's own SM3 (GM/T 0004): compression, streaming context and the
 // one-shot and heap-context digests.
 #include <cstdlib>
+#include <cstring>
 
 #include <openssl/crypto.h>
 
-#include "foundation/internal.hpp"
 #include "gm/gm_internal.hpp"
+#include "zeph_c_status.h"
 
 namespace zeph::gm {
 namespace {

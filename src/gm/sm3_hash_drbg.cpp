@@ -4,10 +4,14 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/secure_bytes.hpp"
+#include "foundation/status_flow.hpp"
 #include "gm/gm_internal.hpp"
+#include "zeph_c_status.h"
 
 namespace zeph::gm {
 namespace {

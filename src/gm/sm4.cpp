@@ -1,10 +1,13 @@
 // The library's own SM4 (GM/T 0002): tables, key schedule, the block
 // function, and ECB and CBC over whole blocks.
+#include <algorithm>
+#include <cstring>
+
 #include <openssl/crypto.h>
 
-#include "foundation/internal.hpp"
 #include "gm/gm_internal.hpp"
 #include "gm/sm4_internal.hpp"
+#include "zeph_c_status.h"
 
 namespace zeph::gm {
 namespace {

@@ -1,10 +1,15 @@
 // SM4 with padding: the padding helpers, ECB and CBC with automatic padding,
 // and the variants that write the ciphertext to a file or read it back.
 #include <cstdio>
+#include <cstring>
+#include <vector>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
+#include "foundation/secure_bytes.hpp"
+#include "foundation/status_flow.hpp"
 #include "gm/sm4_internal.hpp"
 #include "zeph_c_gm.h"
+#include "zeph_c_status.h"
 
 namespace {
 

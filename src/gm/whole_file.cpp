@@ -4,12 +4,10 @@
 
 #include <sys/stat.h>
 
-#include "foundation/internal.hpp"
+#include "foundation/owned.hpp"
 #include "zeph_c_gm.h"
 
 namespace {
-
-using FilePtr = std::unique_ptr<FILE, zeph::Free<std::fclose>>;
 
 // Size of an open regular file that fits the module's 32-bit lengths.
 bool RegularFileSize(FILE *f, uint32_t *out_size) {
@@ -27,14 +25,14 @@ extern "C" {
 
 ZEPH_API uint32_t GetFileLength(const char *path, uint32_t *out_length) {
   if (path == nullptr || out_length == nullptr) return BIVO_ERR_NULL_POINTER;
-  FilePtr f(std::fopen(path, "rb"));
+  zeph::FilePtr f(std::fopen(path, "rb"));
   if (!f || !RegularFileSize(f.get(), out_length)) return BIVO_ERR_FILE;
   return 0;
 }
 
 ZEPH_API uint32_t ReadFileIntoMemoryBuffer(const char *path, unsigned char **out_buffer, uint32_t *out_length) {
   if (path == nullptr || out_buffer == nullptr || out_length == nullptr) return BIVO_ERR_NULL_POINTER;
-  FilePtr f(std::fopen(path, "rb"));
+  zeph::FilePtr f(std::fopen(path, "rb"));
   uint32_t size = 0;
   if (!f || !RegularFileSize(f.get(), &size)) return BIVO_ERR_FILE;
   // One byte at least, so an empty file still yields a buffer to free.

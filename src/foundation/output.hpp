@@ -1,0 +1,55 @@
+// The output-buffer protocol, in one place: a null buffer asks for the
+// length; a capacity of at least the length receives the result; a smaller one
+// gives ERR_BUFFER_TOO_SMALL. The length is written back in every case.
+// Deliberate variations (a length not stored, a margin, an asymmetric
+// capacity test) are written at their call sites under a "Compat:" note.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <span>
+
+#include "foundation/status_flow.hpp"
+#include "zeph_c_status.h"
+
+static_assert(zeph::kGuardedOutOfMemory == ERR_OUT_OF_MEMORY);
+
+namespace zeph {
+
+// Bytes: the result is known before anything is written.
+inline uint32_t PutOutput(std::span<const uint8_t> result, uint8_t *out, uint32_t *in_out_len) {
+  if (in_out_len == nullptr || result.size() > UINT32_MAX) return ERR_INVALID_PARAMETER;
+  const auto need = static_cast<uint32_t>(result.size());
+  if (out == nullptr) {
+    *in_out_len = need;
+    return 0;
+  }
+  if (*in_out_len < need) {
+    *in_out_len = need;
+    return ERR_BUFFER_TOO_SMALL;
+  }
+  if (need != 0) std::memcpy(out, result.data(), need);
+  *in_out_len = need;
+  return 0;
+}
+
+// Texts: the terminator counts toward the capacity and the query's answer;
+// after a write the length is the text length.
+uint32_t PutText(const char *text, size_t text_len, char *out, uint32_t *in_out_len);
+
+// "Check the size first, compute later", for results whose size is known in
+// advance. Empty: `out` can take `need` bytes, go on and write them. A value:
+// return it at once (0 after a length query, ERR_BUFFER_TOO_SMALL for a short
+// buffer, ERR_INVALID_PARAMETER without a length); the length is written back.
+//   if (auto done = ReserveOutput(need, out, out_len)) return *done;
+inline std::optional<uint32_t> ReserveOutput(size_t need, const void *out, uint32_t *in_out_len) {
+  if (in_out_len == nullptr || need > UINT32_MAX) return ERR_INVALID_PARAMETER;
+  if (out != nullptr && *in_out_len >= need) return std::nullopt;
+  const bool query = out == nullptr;
+  *in_out_len = static_cast<uint32_t>(need);
+  return query ? 0u : ERR_BUFFER_TOO_SMALL;
+}
+
+}  // namespace zeph

@@ -90,7 +90,8 @@ ZEPH_API uint32_t ZEPH_C_HttpsPost(const char *host, int port, const char *path,
  *                         the length announced (or received so far)
  *   ERR_INVALID_PARAMETER missing URL or length, or a URL that does not
  *                         parse
- * `out` may be NULL only with a capacity of 0. */
+ * Other failures leave *in_out_len at 0. `out` may be NULL only with a
+ * capacity of 0. */
 ZEPH_API uint32_t ZEPH_C_HttpPostEx(const char *url, const char *content_type, const unsigned char *body,
                                     uint32_t body_len, unsigned char *out, uint32_t *in_out_len, int *out_http_status);
 

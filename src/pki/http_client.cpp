@@ -157,7 +157,10 @@ ZEPH_API uint32_t ZEPH_C_HttpPostEx(const char *url, const char *content_type, c
       *in_out_len = static_cast<uint32_t>(std::min<size_t>(reply.needed, UINT32_MAX));
       return rv;
     }
-    if (rv != 0 && !reply.complete) return rv;
+    if (rv != 0 && !reply.complete) {
+      *in_out_len = 0;
+      return rv;
+    }
     // A non-2xx reply still hands over its body (services explain there).
     if (!reply.body.empty()) std::memcpy(out, reply.body.data(), reply.body.size());
     *in_out_len = static_cast<uint32_t>(reply.body.size());

@@ -166,6 +166,7 @@ ReplyParser::State ReplyParser::TakeBody(std::span<const uint8_t> bytes) {
   }
   if (bytes.size() > max_body_ - body_.size()) {
     content_length_ = body_.size() + bytes.size();  // what is known to be needed
+    body_ = {};
     return state_ = State::kTooLarge;
   }
   body_.insert(body_.end(), bytes.begin(), bytes.end());

@@ -55,6 +55,24 @@ Pkcs7Ptr DecodePkcs7(std::span<const uint8_t> der) {
   return Pkcs7Ptr(der.size() <= LONG_MAX ? d2i_PKCS7(nullptr, &p, static_cast<long>(der.size())) : nullptr);
 }
 
+// The DER of an object; false when it does not encode.
+template <class T>
+bool Encode(const T *obj, int (*i2d)(const T *, unsigned char **), std::vector<uint8_t> *out) {
+  unsigned char *der = nullptr;
+  const int n = i2d(obj, &der);
+  if (n <= 0) return false;
+  out->assign(der, der + n);
+  OPENSSL_free(der);
+  return true;
+}
+
+// Granted, or granted with modifications.
+bool Granted(TS_RESP *reply) {
+  TS_STATUS_INFO *info = TS_RESP_get_status_info(reply);
+  const long status = info != nullptr ? ASN1_INTEGER_get(TS_STATUS_INFO_get0_status(info)) : -1;
+  return status == 0 || status == 1;
+}
+
 // Among the queued errors, the one that says the signer did not chain.
 bool SignerUntrusted() {
   bool untrusted = false;
@@ -114,19 +132,13 @@ uint32_t BuildQuery(uint32_t alg, std::span<const uint8_t> value, TsReqPtr *quer
       TS_REQ_set_nonce(req.get(), nonce.get()) != 1 || TS_REQ_set_cert_req(req.get(), 1) != 1) {
     return ERR_ENCODE_FAILED;
   }
-  unsigned char *encoded = nullptr;
-  const int n = i2d_TS_REQ(req.get(), &encoded);
-  if (n <= 0) return ERR_ENCODE_FAILED;
-  der->assign(encoded, encoded + n);
-  OPENSSL_free(encoded);
+  if (!Encode(req.get(), i2d_TS_REQ, der)) return ERR_ENCODE_FAILED;
   *query = std::move(req);
   return 0;
 }
 
 uint32_t CheckReply(TS_REQ *query, TS_RESP *reply, X509_STORE *trust) {
-  TS_STATUS_INFO *info = TS_RESP_get_status_info(reply);
-  const long status = info != nullptr ? ASN1_INTEGER_get(TS_STATUS_INFO_get0_status(info)) : -1;
-  if (status != 0 && status != 1) return kStatusMinusOne;
+  if (!Granted(reply)) return kStatusMinusOne;
   const TsVerifyCtxPtr ctx(TS_REQ_to_TS_VERIFY_CTX(query, nullptr));
   if (!ctx || X509_STORE_up_ref(trust) != 1) return ERR_SIGNATURE_INVALID;
   TS_VERIFY_CTX_set_store(ctx.get(), trust);  // the context owns the new reference
@@ -139,35 +151,25 @@ uint32_t CheckReply(TS_REQ *query, TS_RESP *reply, X509_STORE *trust) {
 }
 
 uint32_t EmbedToken(TS_RESP *reply, std::span<const uint8_t> p7, std::vector<uint8_t> *out) {
-  TS_STATUS_INFO *info = TS_RESP_get_status_info(reply);
-  const long status = info != nullptr ? ASN1_INTEGER_get(TS_STATUS_INFO_get0_status(info)) : -1;
-  if (status != 0 && status != 1) return kStatusMinusOne;
+  if (!Granted(reply)) return kStatusMinusOne;
   PKCS7 *token = TS_RESP_get_token(reply);
   if (token == nullptr) return kStatusMinusOne;
   const Pkcs7Ptr signed_data = DecodePkcs7(p7);
   PKCS7_SIGNER_INFO *signer = FirstSigner(signed_data.get());
   if (signer == nullptr) return kStatusMinusOne;
 
-  unsigned char *token_der = nullptr;
-  const int token_len = i2d_PKCS7(token, &token_der);
-  if (token_len <= 0) return kStatusMinusOne;
+  std::vector<uint8_t> token_der;
   Asn1StringPtr value(ASN1_STRING_type_new(V_ASN1_SEQUENCE));
-  if (!value) {
-    OPENSSL_free(token_der);
+  if (!Encode(token, i2d_PKCS7, &token_der) || !value ||
+      ASN1_STRING_set(value.get(), token_der.data(), static_cast<int>(token_der.size())) != 1) {
     return kStatusMinusOne;
   }
-  ASN1_STRING_set0(value.get(), token_der, token_len);
   // The attribute owns the value once added; should adding fail half-way
   // OpenSSL may already have freed it, so it is not freed here.
   if (PKCS7_add_attribute(signer, NID_id_smime_aa_timeStampToken, V_ASN1_SEQUENCE, value.release()) != 1) {
     return kStatusMinusOne;
   }
-  unsigned char *encoded = nullptr;
-  const int n = i2d_PKCS7(signed_data.get(), &encoded);
-  if (n <= 0) return kStatusMinusOne;
-  out->assign(encoded, encoded + n);
-  OPENSSL_free(encoded);
-  return 0;
+  return Encode(signed_data.get(), i2d_PKCS7, out) ? 0 : kStatusMinusOne;
 }
 
 }  // namespace zeph::tsa

@@ -20,7 +20,8 @@ ZEPH_CLI_GROUP(tsa, "RFC 3161 time stamps: query a server, embed, check, show",
                "       zeph tsa embed REPLY SIG [--out FILE]            put the reply's token into SIG\n"
                "       zeph tsa stamp URL SIG --ca FILE [--alg ALG] [--out FILE]\n"
                "                                                        query, check against the TSA's CA, embed\n"
-               "       zeph tsa show FILE                               a reply, or the token in a stamped SIG\n"
+               "       zeph tsa show FILE [--out TOKEN]                 a reply, or the token in a stamped SIG;\n"
+               "                                                        --out writes the token (DER)\n"
                "  SIG is PKCS#7 signed-data (DER); with --alg sm3, query takes an SM2 signed message.\n"
                "  ALG: sm3 | sha1 | sha256 | sha384 | sha512 (default sha256). Output goes to standard output\n"
                "  without --out.",
@@ -89,22 +90,31 @@ void PrintToken(TS_TST_INFO *info) {
   std::printf("nonce: %s\n", Hex(TS_TST_INFO_get_nonce(info)).c_str());
 }
 
-// A reply, or a PKCS#7 carrying a token in its first signer.
-int Show(const Bytes &data) {
+// A reply, or a PKCS#7 carrying a token in its first signer; the token
+// goes to --out when asked.
+int Show(const zeph_cli::Args &args, const Bytes &data) {
   static const char *const kStatus[] = {"granted", "grantedWithMods",   "rejection",
                                         "waiting", "revocationWarning", "revocationNotification"};
   const unsigned char *p = data.data();
   if (TS_RESP *resp = d2i_TS_RESP(nullptr, &p, static_cast<long>(data.size()))) {
     const long status = ASN1_INTEGER_get(TS_STATUS_INFO_get0_status(TS_RESP_get_status_info(resp)));
     std::printf("status: %s (%ld)\n", status >= 0 && status <= 5 ? kStatus[status] : "unknown", status);
-    if (TS_TST_INFO *info = TS_RESP_get_tst_info(resp)) PrintToken(info);
+    TS_TST_INFO *info = TS_RESP_get_tst_info(resp);
+    if (info != nullptr) PrintToken(info);
+    unsigned char *token = nullptr;
+    const int n = info != nullptr ? i2d_PKCS7(TS_RESP_get_token(resp), &token) : 0;
+    const int rc = !args.Has("--out") ? zeph_cli::kOk
+                   : n > 0            ? Emit(args, token, static_cast<size_t>(n))
+                                      : zeph_cli::Fail(Self(), "the reply carries no token");
+    OPENSSL_free(token);
     TS_RESP_free(resp);
-    return zeph_cli::kOk;
+    return rc;
   }
   p = data.data();
   PKCS7 *p7 = d2i_PKCS7(nullptr, &p, static_cast<long>(data.size()));
   PKCS7_SIGNER_INFO *si = p7 != nullptr ? sk_PKCS7_SIGNER_INFO_value(PKCS7_get_signer_info(p7), 0) : nullptr;
   const ASN1_TYPE *attr = si != nullptr ? PKCS7_get_attribute(si, NID_id_smime_aa_timeStampToken) : nullptr;
+  int rc = zeph_cli::kFailed;
   bool shown = false;
   if (attr != nullptr && attr->type == V_ASN1_SEQUENCE) {
     const unsigned char *q = attr->value.sequence->data;
@@ -114,13 +124,14 @@ int Show(const Bytes &data) {
       std::printf("status: embedded token\n");
       PrintToken(info);
       shown = true;
+      rc = args.Has("--out") ? Emit(args, attr->value.sequence->data, static_cast<size_t>(attr->value.sequence->length))
+                             : zeph_cli::kOk;
     }
     TS_TST_INFO_free(info);
     PKCS7_free(token);
   }
   PKCS7_free(p7);
-  return shown ? zeph_cli::kOk
-               : zeph_cli::Fail(Self(), "neither a time-stamp reply nor a PKCS#7 with a time-stamp token");
+  return shown ? rc : zeph_cli::Fail(Self(), "neither a time-stamp reply nor a PKCS#7 with a time-stamp token");
 }
 
 int RunTsa(const zeph_cli::Args &args) {
@@ -142,7 +153,7 @@ int RunTsa(const zeph_cli::Args &args) {
   int rc = zeph_cli::kFailed;
   Bytes data, reply;  // the last argument; embed's reply
   if (!Load(w.back(), &data, &rc)) return rc;
-  if (cmd == "show") return Show(data);
+  if (cmd == "show") return Show(args, data);
   if (cmd == "embed" && !Load(w[1], &reply, &rc)) return rc;
   const auto n = static_cast<uint32_t>(data.size());
   // Every stamp differs a little in length: room to spare.

@@ -70,20 +70,16 @@ void Log(Sender which, const char *host, int port, const char *path, const std::
   ZEPH_LOG(text.c_str(), status);
 }
 
-// What the plain senders print on a failed connection, and what the TLS
-// sender prints on any failure.
-void Report(Sender which) {
-  if (which != Sender::kHttps) {
-    std::fputs("Error connecting to server\n", stderr);
+// The TLS sender reports any failure on standard error: OpenSSL's queue,
+// or the system error when the queue is empty.
+void ReportTlsFailure() {
+  if (ERR_peek_error() != 0) {
+    ERR_print_errors_fp(stderr);
     return;
   }
-  if (ERR_peek_error() == 0) {
-    const int err = errno;
-    std::fprintf(stderr, "errno=%d ", err);
-    std::fprintf(stderr, "error: %s\n", std::strerror(err));
-  } else {
-    ERR_print_errors_fp(stderr);
-  }
+  const int err = errno;
+  std::fprintf(stderr, "errno=%d ", err);
+  std::fprintf(stderr, "error: %s\n", std::strerror(err));
 }
 
 void Nap() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
@@ -112,6 +108,55 @@ uint32_t SendRequest(Sender which, Stream &stream, std::span<const uint8_t> requ
   return 0;
 }
 
+// One request to host:port and everything the server sent back, read as
+// the senders read: into `reply` (capacity + 512 bytes of zeros, and one
+// more so that a full read still ends in a zero), the last read at its start.
+struct Exchanged {
+  zeph::MallocPtr<uint8_t> reply;
+  size_t size = 0;
+  LastRead last;
+};
+
+uint32_t SendAndReceive(Sender which, const char *host, int port, const char *path, const uint8_t *body,
+                        uint32_t body_len, uint32_t capacity, Exchanged *got) {
+  const bool text = which != Sender::kTimestamp;
+  std::string request(
+      RequestRoom(host, path, HeaderBlock(text ? HttpsPostHeaders : HttpsPostHeadersForTimeStamp), body_len), '\0');
+  const int request_len =
+      text ? post_pack(host, port, path, reinterpret_cast<const char *>(body), body_len, request.data(), request.size())
+           : post_pack_timestamp(host, port, path, body, body_len, request.data(), request.size());
+  if (request_len < 0) return kStatusMinusOne;
+
+  const Deadline deadline = Deadline::Start();
+  std::string why;
+  const std::unique_ptr<Stream> stream = zeph::http::Connect(host, port, which == Sender::kHttps, deadline, &why);
+  if (!stream) {
+    Log(which, host, port, path, why, ERR_HTTP_FAILED);
+    if (which != Sender::kHttps) std::fputs("Error connecting to server\n", stderr);
+    return ERR_HTTP_FAILED;
+  }
+  const std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t *>(request.data()),
+                                       static_cast<size_t>(request_len));
+  if (const uint32_t rv = SendRequest(which, *stream, bytes, deadline); rv != 0) {
+    Log(which, host, port, path, stream->why(), rv);
+    return rv;
+  }
+
+  got->size = static_cast<size_t>(capacity) + kReplyMargin;
+  got->reply.reset(static_cast<uint8_t *>(std::calloc(got->size + 1, 1)));
+  if (!got->reply) return ERR_OUT_OF_MEMORY;
+  const uint64_t limit = got->size + kReplySlack;
+  const uint32_t rv = ReadUntilClose(*stream, {got->reply.get(), got->size}, limit, &got->last);
+  if (rv == 0) return 0;
+  const std::string reason =
+      got->last.total > limit ? "reply longer than " + std::to_string(limit) + " bytes" : stream->why();
+  // Compat: a failed read ends the plain senders with the read's own
+  // result, -1.
+  const uint32_t status = got->last.failed && which != Sender::kHttps ? kStatusMinusOne : rv;
+  Log(which, host, port, path, reason, status);
+  return status;
+}
+
 uint32_t Post(Sender which, const char *host, int port, const char *path, const uint8_t *body, uint32_t body_len,
               uint8_t *out, uint32_t *in_out_len) {
   if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
@@ -120,80 +165,41 @@ uint32_t Post(Sender which, const char *host, int port, const char *path, const 
   if (host == nullptr || path == nullptr || out == nullptr || (body == nullptr && body_len != 0)) {
     return ERR_INVALID_PARAMETER;
   }
-  return zeph::Guarded([&]() -> uint32_t {
-    const bool text = which != Sender::kTimestamp;
-    std::string request(
-        RequestRoom(host, path, HeaderBlock(text ? HttpsPostHeaders : HttpsPostHeadersForTimeStamp), body_len), '\0');
-    const int request_len = text
-                                ? post_pack(host, port, path, reinterpret_cast<const char *>(body), body_len,
-                                            request.data(), request.size())
-                                : post_pack_timestamp(host, port, path, body, body_len, request.data(), request.size());
-    if (request_len < 0) return kStatusMinusOne;
-
-    const Deadline deadline = Deadline::Start();
-    std::string why;
-    const std::unique_ptr<Stream> stream = zeph::http::Connect(host, port, which == Sender::kHttps, deadline, &why);
-    if (!stream) {
-      Log(which, host, port, path, why, ERR_HTTP_FAILED);
-      Report(which);
-      return ERR_HTTP_FAILED;
-    }
-    const std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t *>(request.data()),
-                                         static_cast<size_t>(request_len));
-    if (const uint32_t rv = SendRequest(which, *stream, bytes, deadline); rv != 0) {
-      Log(which, host, port, path, stream->why(), rv);
-      if (which == Sender::kHttps) Report(which);
-      return rv;
-    }
-
-    // The receive buffer: capacity + 512 bytes of zeros, and one more so
-    // that a full read still ends in a zero.
-    const size_t size = static_cast<size_t>(capacity) + kReplyMargin;
-    zeph::MallocPtr<uint8_t> buffer(static_cast<uint8_t *>(std::calloc(size + 1, 1)));
-    if (!buffer) return ERR_OUT_OF_MEMORY;
-    LastRead last;
-    const uint64_t limit = size + kReplySlack;
-    if (const uint32_t rv = ReadUntilClose(*stream, {buffer.get(), size}, limit, &last); rv != 0) {
-      const std::string reason =
-          last.total > limit ? "reply longer than " + std::to_string(limit) + " bytes" : stream->why();
-      // Compat: a failed read ends the plain senders with the read's own
-      // result, -1.
-      const uint32_t status = last.failed && which != Sender::kHttps ? kStatusMinusOne : rv;
-      Log(which, host, port, path, reason, status);
-      if (which == Sender::kHttps) Report(which);
-      return status;
-    }
-
+  const uint32_t rv = zeph::Guarded([&]() -> uint32_t {
+    Exchanged got;
+    ZEPH_TRY(SendAndReceive(which, host, port, path, body, body_len, capacity, &got));
+    const uint8_t *reply = got.reply.get();
     if (which == Sender::kTimestamp) {
-      if (last.total > 9 && buffer.get()[0] != 0) {
-        const std::string note = "http_post_timestamp rev_len = " + std::to_string(last.total);
+      if (got.last.total > 9 && reply[0] != 0) {
+        const std::string note = "http_post_timestamp rev_len = " + std::to_string(got.last.total);
         ZEPH_LOG(note.c_str(), 0);
       }
       std::span<const uint8_t> reply_body;
-      if (zeph::http::TimestampReplyBody({buffer.get(), size}, last.chunk, last.total, capacity, &reply_body) != 0) {
-        Log(which, host, port, path, "no usable reply (" + std::to_string(last.total) + " bytes)", ERR_HTTP_FAILED);
+      if (zeph::http::TimestampReplyBody({reply, got.size}, got.last.chunk, got.last.total, capacity, &reply_body)) {
+        Log(which, host, port, path, "no usable reply (" + std::to_string(got.last.total) + " bytes)", ERR_HTTP_FAILED);
         return ERR_HTTP_FAILED;
       }
       std::memcpy(out, reply_body.data(), reply_body.size());
       *in_out_len = static_cast<uint32_t>(reply_body.size());
       return 0;
     }
-    std::string_view reply_text;
-    if (zeph::http::TextReplyBody({buffer.get(), last.chunk}, &reply_text) != 0) {
+    std::string_view text;
+    if (zeph::http::TextReplyBody({reply, got.last.chunk}, &text) != 0) {
       Log(which, host, port, path, "not an HTTP reply", ERR_HTTP_FAILED);
-      if (which == Sender::kHttps) Report(which);
       return ERR_HTTP_FAILED;
     }
-    if (reply_text.size() >= capacity) {
-      Log(which, host, port, path, "reply body of " + std::to_string(reply_text.size()) + " bytes exceeds the buffer",
+    if (text.size() >= capacity) {
+      Log(which, host, port, path, "reply body of " + std::to_string(text.size()) + " bytes exceeds the buffer",
           ERR_HTTP_FAILED);
       return ERR_HTTP_FAILED;
     }
-    std::memcpy(out, reply_text.data(), reply_text.size());
-    out[reply_text.size()] = 0;
-    *in_out_len = static_cast<uint32_t>(reply_text.size());
+    std::memcpy(out, text.data(), text.size());
+    out[text.size()] = 0;
+    *in_out_len = static_cast<uint32_t>(text.size());
     return 0;
   });
+  if (rv != 0 && which == Sender::kHttps) ReportTlsFailure();
+  return rv;
 }
 
 }  // namespace

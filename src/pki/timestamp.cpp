@@ -304,7 +304,9 @@ ZEPH_API uint32_t ZEPH_C_StampPKCS7(const char *url, uint32_t alg, const unsigne
     request.content_type = "application/timestamp-query";
     request.body = der;
     zeph::http::Reply reply;
-    ZEPH_TRY(zeph::http::Exchange(target, request, kCheckedReplyMax, &reply));
+    const uint32_t sent = zeph::http::Exchange(target, request, kCheckedReplyMax, &reply);
+    // A reply too large for any time stamp is the server's failure, not the caller's buffer.
+    ZEPH_TRY(sent == ERR_BUFFER_TOO_SMALL ? ERR_HTTP_FAILED : sent);
 
     const unsigned char *p = reply.body.data();
     const zeph::TsRespPtr resp(d2i_TS_RESP(nullptr, &p, static_cast<long>(reply.body.size())));

@@ -2,8 +2,10 @@
 // bounded by the exchange's deadline, so no server can hold a call.
 #include "pki/transport.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
@@ -112,7 +114,7 @@ std::string Errno(const char *what) { return std::string(what) + ": " + std::str
 
 // Non-blocking connect to the first address of host:port that answers
 // within the connect deadline.
-Fd OpenSocket(const std::string &host, int port, const Deadline &deadline, std::string *why, bool *expired) {
+Fd OpenSocket(const std::string &host, int port, const Deadline &deadline, std::string *why) {
   if (port < 1 || port > 65535) {
     *why = "port " + std::to_string(port) + " out of range";
     return Fd();
@@ -142,7 +144,6 @@ Fd OpenSocket(const std::string &host, int port, const Deadline &deadline, std::
       const int ready = WaitFor(fd.get(), POLLOUT, deadline.ConnectLeftMs());
       if (ready == 0) {
         *why = "connect timed out after " + std::to_string(deadline.connect_ms()) + " ms";
-        *expired = true;
         return Fd();
       }
       int err = 0;
@@ -336,8 +337,7 @@ class TlsStream final : public Stream {
   std::string why_;
 };
 
-std::unique_ptr<Stream> StartTls(Fd fd, const std::string &host, const Deadline &deadline, std::string *why,
-                                 bool *expired) {
+std::unique_ptr<Stream> StartTls(Fd fd, const std::string &host, const Deadline &deadline, std::string *why) {
   const std::shared_ptr<const TlsClient> client = CurrentClient();
   if (!client) {
     *why = "no TLS context";
@@ -362,10 +362,8 @@ std::unique_ptr<Stream> StartTls(Fd fd, const std::string &host, const Deadline 
   if (!IsIpLiteral(host)) SSL_set_tlsext_host_name(ssl.get(), host.c_str());
   SSL_set_connect_state(ssl.get());
   auto stream = std::make_unique<TlsStream>(std::move(fd), std::move(ssl), deadline);
-  const IoResult r = stream->Handshake();
-  if (r.io != Io::kOk) {
+  if (stream->Handshake().io != Io::kOk) {
     *why = stream->why();
-    *expired = r.io == Io::kExpired;
     return nullptr;
   }
   return stream;
@@ -392,7 +390,7 @@ Deadline Deadline::Start() {
 
 int Deadline::LeftMs(Clock::time_point until) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
-  return left > 0 ? static_cast<int>(left) : 0;
+  return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
 }
 
 int Deadline::ConnectLeftMs() const { return LeftMs(std::min(connect_by_, total_by_)); }
@@ -408,17 +406,12 @@ uint32_t SetTrustFile(const char *pem_path) {
   return 0;
 }
 
-std::unique_ptr<Stream> Connect(const std::string &host, int port, bool tls, const Deadline &deadline, std::string *why,
-                                bool *expired) {
-  bool timed_out = false;
-  Fd fd = OpenSocket(host, port, deadline, why, &timed_out);
-  std::unique_ptr<Stream> stream;
-  if (fd.get() >= 0) {
-    stream = tls ? StartTls(std::move(fd), host, deadline, why, &timed_out)
-                 : std::make_unique<PlainStream>(std::move(fd), deadline);
-  }
-  if (expired != nullptr) *expired = timed_out;
-  return stream;
+std::unique_ptr<Stream> Connect(const std::string &host, int port, bool tls, const Deadline &deadline,
+                                std::string *why) {
+  Fd fd = OpenSocket(host, port, deadline, why);
+  if (fd.get() < 0) return nullptr;
+  if (tls) return StartTls(std::move(fd), host, deadline, why);
+  return std::make_unique<PlainStream>(std::move(fd), deadline);
 }
 
 }  // namespace zeph::http

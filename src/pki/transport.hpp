@@ -66,9 +66,8 @@ class Stream {
 
 // A connection to host:port, TLS on top when `tls`: connected and, for TLS,
 // with the handshake done (and the server verified when trust is set).
-// Null on failure with the reason in *why; *expired tells a deadline
-// from other failures.
-std::unique_ptr<Stream> Connect(const std::string &host, int port, bool tls, const Deadline &deadline, std::string *why,
-                                bool *expired = nullptr);
+// Null on failure, with the reason in *why.
+std::unique_ptr<Stream> Connect(const std::string &host, int port, bool tls, const Deadline &deadline,
+                                std::string *why);
 
 }  // namespace zeph::http

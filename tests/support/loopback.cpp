@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
@@ -157,31 +158,30 @@ keyUsage = critical, digitalSignature
 
 std::string TsaSection(const std::string &name, const std::string &dir, const std::string &signer,
                        const std::string &digests) {
-  return "[ " + name + " ]\ndir = " + dir + "\nserial = $dir/tsa.serial\ncrypto_device = builtin\nsigner_cert = $dir/" +
-         signer + ".pem\ncerts = $dir/ca.pem\nsigner_key = $dir/" + signer +
+  return "[ " + name + " ]\ndir = " + dir +
+         "\nserial = $ENV::ZEPH_TSA_SERIAL\ncrypto_device = builtin\nsigner_cert = $dir/" + signer +
+         ".pem\ncerts = $dir/ca.pem\nsigner_key = $dir/" + signer +
          ".key\nsigner_digest = sha256\ndefault_policy = 1.2.3.4.1\nother_policies = 1.2.3.4.5.6\ndigests = " +
          digests +
          "\naccuracy = secs:1, millisecs:500, microsecs:100\nclock_precision_digits = 0\nordering = yes\ntsa_name = "
          "yes\ness_cert_id_chain = no\ness_cert_id_alg = sha256\n";
 }
 
-std::unique_ptr<TestPki> MakePki(TempDir *tmp) {
-  auto pki = std::make_unique<TestPki>();
-  const std::string d = tmp->path().string();
-  pki->dir = d;
-  WriteText(d + "/ext.cnf", kExtensions);
+// Makes the PKI in `work`; its files name `d`, where it will stand.
+void MakePki(const std::string &work, const std::string &d) {
+  WriteText(work + "/ext.cnf", kExtensions);
   const std::string key = "openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ";
   const auto ca = [&](const std::string &name, const std::string &cn) {
-    Run(d, key + name + ".key");
-    Run(d, "openssl req -x509 -new -key " + name + ".key -subj '/CN=" + cn + "' -days 3650 -out " + name +
-               ".pem -config ext.cnf -extensions ca");
+    Run(work, key + name + ".key");
+    Run(work, "openssl req -x509 -new -key " + name + ".key -subj '/CN=" + cn + "' -days 3650 -out " + name +
+                  ".pem -config ext.cnf -extensions ca");
   };
   const auto leaf = [&](const std::string &name, const std::string &issuer, const std::string &ext) {
-    Run(d, key + name + ".key");
-    Run(d, "openssl req -new -key " + name + ".key -subj '/CN=zeph " + name + "' -out " + name + ".csr");
+    Run(work, key + name + ".key");
+    Run(work, "openssl req -new -key " + name + ".key -subj '/CN=zeph " + name + "' -out " + name + ".csr");
     static int serial = 100;
-    Run(d, "openssl x509 -req -in " + name + ".csr -CA " + issuer + ".pem -CAkey " + issuer + ".key -set_serial " +
-               std::to_string(++serial) + " -days 3650 -out " + name + ".pem -extfile ext.cnf -extensions " + ext);
+    Run(work, "openssl x509 -req -in " + name + ".csr -CA " + issuer + ".pem -CAkey " + issuer + ".key -set_serial " +
+                  std::to_string(++serial) + " -days 3650 -out " + name + ".pem -extfile ext.cnf -extensions " + ext);
   };
   ca("ca", "zeph test CA");
   ca("stray-ca", "zeph stray CA");
@@ -189,14 +189,33 @@ std::unique_ptr<TestPki> MakePki(TempDir *tmp) {
   leaf("other", "ca", "other");
   leaf("tsa", "ca", "tsa");
   leaf("stray-tsa", "stray-ca", "tsa");
-  Run(d,
+  Run(work,
       "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout self.key -out self.pem "
       "-subj '/CN=127.0.0.1' -days 3650 -addext subjectAltName=IP:127.0.0.1");
-  WriteText(d + "/tsa.serial", "01\n");
-  WriteText(d + "/tsa.cnf", "[ tsa ]\ndefault_tsa = tsa_ok\n" +
-                                TsaSection("tsa_ok", d, "tsa", "sha1, sha256, sha384, sha512, sm3") +
-                                TsaSection("tsa_sha256", d, "tsa", "sha256") +
-                                TsaSection("tsa_stray", d, "stray-tsa", "sha1, sha256, sha384, sha512, sm3"));
+  WriteText(work + "/tsa.cnf", "[ tsa ]\ndefault_tsa = tsa_ok\n" +
+                                   TsaSection("tsa_ok", d, "tsa", "sha1, sha256, sha384, sha512, sm3") +
+                                   TsaSection("tsa_sha256", d, "tsa", "sha256") +
+                                   TsaSection("tsa_stray", d, "stray-tsa", "sha1, sha256, sha384, sha512, sm3"));
+  WriteText(work + "/done", "");
+}
+
+// The PKI of this build's tests: made once and shared by every test process
+// (under ZEPH_TEST_WORKDIR; the first to finish renames its copy into
+// place), with a serial-number file of each process's own for the TSA.
+std::unique_ptr<TestPki> LoadPki() {
+  static TempDir own;
+  const char *work = std::getenv("ZEPH_TEST_WORKDIR");
+  const std::string d = work != nullptr ? std::string(work) + "/test-pki-1" : own.path().string() + "/pki";
+  if (!std::filesystem::exists(d + "/done")) {
+    std::string tmp = (work != nullptr ? std::string(work) : own.path().string()) + "/test-pki-XXXXXX";
+    if (mkdtemp(tmp.data()) == nullptr) throw std::runtime_error("mkdtemp");
+    MakePki(tmp, d);
+    if (std::rename(tmp.c_str(), d.c_str()) != 0) std::filesystem::remove_all(tmp);  // another process was first
+  }
+  WriteText(own.file("tsa.serial"), "01\n");
+  setenv("ZEPH_TSA_SERIAL", own.file("tsa.serial").c_str(), 1);
+  auto pki = std::make_unique<TestPki>();
+  pki->dir = d;
   pki->ca = d + "/ca.pem";
   pki->server_cert = d + "/server.pem";
   pki->server_key = d + "/server.key";
@@ -218,8 +237,7 @@ std::string FirstLine(Child &child) {
 }  // namespace
 
 const TestPki &TestPki::Get() {
-  static TempDir tmp;
-  static const std::unique_ptr<TestPki> pki = MakePki(&tmp);
+  static const std::unique_ptr<TestPki> pki = LoadPki();
   return *pki;
 }
 

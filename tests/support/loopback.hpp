@@ -45,8 +45,8 @@ class Child {
 // exits first.
 int ListeningPort(pid_t pid);
 
-// CA, server, TSA and stray certificates (ECDSA P-256), made once per
-// process under one temporary directory. `tsa_config` serves the sections
+// CA, server, TSA and stray certificates (ECDSA P-256), made once for all
+// the test processes of a build. `tsa_config` serves the sections
 // tsa_ok (SHA-1, SHA-2 and SM3 imprints), tsa_sha256 (SHA-256 imprints only)
 // and tsa_stray (a TSA certificate under stray_ca).
 struct TestPki {

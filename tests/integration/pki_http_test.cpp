@@ -167,17 +167,34 @@ TEST_F(Http, CapacityEdgesNeverWritePastTheBuffer) {
   EXPECT_EQ(tls_->Recorded("never"), "");
 }
 
-int ClosedPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t n = sizeof a;
-  bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
-  getsockname(fd, reinterpret_cast<sockaddr *>(&a), &n);
-  close(fd);
-  return ntohs(a.sin_port);
-}
+// A loopback port nothing listens on, and a listener whose queue is full
+// (backlog 0, one connection waiting): connections to it are never answered.
+struct Ports {
+  Ports() {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t n = sizeof a;
+    const int closed = socket(AF_INET, SOCK_STREAM, 0);
+    bind(closed, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    getsockname(closed, reinterpret_cast<sockaddr *>(&a), &n);
+    refused = ntohs(a.sin_port);
+    close(closed);
+    a.sin_port = 0;
+    bind(listener, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    listen(listener, 0);
+    getsockname(listener, reinterpret_cast<sockaddr *>(&a), &n);
+    full = ntohs(a.sin_port);
+    connect(filler, reinterpret_cast<sockaddr *>(&a), sizeof a);
+  }
+  ~Ports() {
+    close(filler);
+    close(listener);
+  }
+  int listener = socket(AF_INET, SOCK_STREAM, 0);
+  int filler = socket(AF_INET, SOCK_STREAM, 0);
+  int refused = 0, full = 0;
+};
 
 std::mutex g_log_mu;
 std::vector<std::string> g_log;
@@ -192,13 +209,19 @@ TEST_F(Http, HostileServersEndWithinTheDeadline) {
   // they must not need, so the reason never depends on the machine's speed.
   const struct {
     const char *kind, *reason;
-    bool stalls;
+    bool stalls, tls_only;
   } kinds[] = {
-      {"noheaderend", "longer than", false}, {"huge", "longer than", false}, {"nonhttp", " reply", false},
-      {"refused", "connect", false},         {"dribble", "timed out", true}, {"noclose", "timed out", true},
-      {"silent", "timed out", true},
+      {"noheaderend", "longer than", false, false},
+      {"huge", "longer than", false, false},
+      {"nonhttp", " reply", false, false},
+      {"refused", "connect", false, false},
+      {"backlog", "connect timed out", true, false},
+      {"dribble", "timed out", true, false},
+      {"noclose", "timed out", true, false},
+      {"silent", "timed out", true, false},
+      {"plain", "TLS handshake timed out", true, true},  // a server that never speaks TLS
   };
-  const int refused = ClosedPort();
+  const Ports ports;
   setLogCallback(Collect);
   std::vector<std::future<std::pair<std::string, uint32_t>>> runs;
   for (const bool stalls : {false, true}) {
@@ -206,8 +229,12 @@ TEST_F(Http, HostileServersEndWithinTheDeadline) {
     // Every case of a phase at once: each must end on its own.
     for (const Sender &s : kSenders) {
       for (const auto &k : kinds) {
-        if (k.stalls != stalls) continue;
-        const int port = std::string(k.kind) == "refused" ? refused : For(s).port();
+        if (k.stalls != stalls || (k.tls_only && !s.tls)) continue;
+        const std::string kind = k.kind;
+        const int port = kind == "refused"   ? ports.refused
+                         : kind == "backlog" ? ports.full
+                         : kind == "plain"   ? plain_->port()
+                                             : For(s).port();
         runs.push_back(std::async(std::launch::async, [&s, kind = k.kind, port] {
           std::string out;
           return std::make_pair(std::string(s.name) + " " + kind,
@@ -224,6 +251,7 @@ TEST_F(Http, HostileServersEndWithinTheDeadline) {
   setLogCallback(nullptr);
   for (const Sender &s : kSenders) {
     for (const auto &k : kinds) {
+      if (k.tls_only && !s.tls) continue;
       const std::string tag = std::string("msg:'") + s.name + " 127.0.0.1:";
       const std::string path = std::string("/hostile/") + k.kind + "/h: ";
       const bool logged = std::any_of(g_log.begin(), g_log.end(), [&](const std::string &r) {

@@ -113,7 +113,7 @@ TEST(Sm2Types, SignedMessageBytesOrderAndRoundTrip) {
   for (X509 *c : certs) X509_free(c);
 }
 
-TEST(Sm2Types, HandBuiltVectorsDecode) {
+TEST(Sm2Types, HandBuiltVectorDecodes) {
   // The outer wrapper alone, with an empty [0]: a message without a body.
   const Bytes empty = zeph_test::FromHex("300E 060A2A811CCF550601040202 A000");
   const unsigned char *p = empty.data();
@@ -123,16 +123,6 @@ TEST(Sm2Types, HandBuiltVectorsDecode) {
   EXPECT_EQ(sk_SM2_SIGN_INFO_num(msg->SM2_Sign_Infos), 0);
   EXPECT_EQ(Der(msg, i2d_SM2_Sign), empty);
   SM2_Sign_free(msg);
-
-  // RAW_DATA_SM2 { data OID, [0] { OCTET STRING "hi" } }.
-  const Bytes raw = zeph_test::FromHex("3012 060A2A811CCF550601040201 A004 04026869");
-  p = raw.data();
-  RAW_DATA_SM2 *content = d2i_RAW_DATA_SM2(nullptr, &p, static_cast<long>(raw.size()));
-  ASSERT_NE(content, nullptr);
-  const ASN1_OCTET_STRING *hi = sk_ASN1_OCTET_STRING_value(content->Data, 0);
-  ASSERT_NE(hi, nullptr);
-  EXPECT_EQ(std::string(reinterpret_cast<const char *>(ASN1_STRING_get0_data(hi)), ASN1_STRING_length(hi)), "hi");
-  RAW_DATA_SM2_free(content);
 }
 
 TEST(Sm2Types, EnvelopeForAnRsaRecipientRoundTrips) {

@@ -21,11 +21,11 @@
 
 ZEPH_BEGIN_DECLS
 
-#define SDBI_ERR_FAILED          1u
-#define SDBI_ERR_SEGMENT_LENGTH  195u
-#define SDBI_ERR_LAST_TOO_LONG   196u
-#define SDBI_ERR_NO_PADDING      197u
-#define SDBI_ERR_MODE            255u
+#define SDBI_ERR_FAILED         1u
+#define SDBI_ERR_SEGMENT_LENGTH 195u
+#define SDBI_ERR_LAST_TOO_LONG  196u
+#define SDBI_ERR_NO_PADDING     197u
+#define SDBI_ERR_MODE           255u
 
 /* Segment modes. */
 #define SDBI_MODE_FIRST  1 /* first 4096 bytes of a long message, no padding */

@@ -32,16 +32,16 @@
 
 ZEPH_BEGIN_DECLS
 
-#define BIVO_ERR_CERT_KEY              5u
-#define BIVO_ERR_SIGNATURE_FORMAT      7u
-#define BIVO_ERR_VERIFY                8u
-#define BIVO_ERR_ENCRYPT               9u
-#define BIVO_ERR_TEST_SM3              26u
-#define BIVO_ERR_TEST_PREPROCESS       27u
-#define BIVO_ERR_TEST_SM4_ENCRYPT      28u
-#define BIVO_ERR_TEST_SM4_DECRYPT      29u
-#define BIVO_ERR_TEST_SM2_ENCRYPT      30u
-#define BIVO_ERR_KDF_LENGTH            0xFFFFFFFFu
+#define BIVO_ERR_CERT_KEY         5u
+#define BIVO_ERR_SIGNATURE_FORMAT 7u
+#define BIVO_ERR_VERIFY           8u
+#define BIVO_ERR_ENCRYPT          9u
+#define BIVO_ERR_TEST_SM3         26u
+#define BIVO_ERR_TEST_PREPROCESS  27u
+#define BIVO_ERR_TEST_SM4_ENCRYPT 28u
+#define BIVO_ERR_TEST_SM4_DECRYPT 29u
+#define BIVO_ERR_TEST_SM2_ENCRYPT 30u
+#define BIVO_ERR_KDF_LENGTH       0xFFFFFFFFu
 
 /* ==== Curve and keys =================================================== */
 
@@ -121,10 +121,10 @@ typedef struct SM2_Ciphertext_st {
 
 DECLARE_ASN1_FUNCTIONS_attr(ZEPH_API, SM2_Ciphertext_Structure)
 
-/* Sizing only: plain_len + 112 is the DER length for messages below 65,428
- * bytes and can be up to 4 bytes short above (longer DER length fields).
- * Encryption reports the exact length when the capacity is short. */
-ZEPH_API uint32_t BIVO_ComputeSm2CiphertextEncodeLength(uint32_t plain_len);
+    /* Sizing only: plain_len + 112 is the DER length for messages below 65,428
+     * bytes and can be up to 4 bytes short above (longer DER length fields).
+     * Encryption reports the exact length when the capacity is short. */
+    ZEPH_API uint32_t BIVO_ComputeSm2CiphertextEncodeLength(uint32_t plain_len);
 /* cipher_len - 106, or 0 below 107. */
 ZEPH_API uint32_t BIVO_ComputeSm2PlaintextLength(uint32_t cipher_len);
 
@@ -151,10 +151,10 @@ ZEPH_API uint32_t a2d_SM2Cipher(const unsigned char *record, uint32_t record_len
  * the DER) gives ERR_SM2_CIPHER_FORMAT; an unknown order
  * ERR_INVALID_PARAMETER. DER -> raw -> DER returns the same bytes for every
  * DER-encoded ciphertext. */
-ZEPH_API uint32_t BIVO_Sm2CiphertextDerToRaw(const unsigned char *der, uint32_t der_len, int order,
-                                             unsigned char *out, uint32_t *out_len);
-ZEPH_API uint32_t BIVO_Sm2CiphertextRawToDer(const unsigned char *raw, uint32_t raw_len, int order,
-                                             unsigned char *out, uint32_t *out_len);
+ZEPH_API uint32_t BIVO_Sm2CiphertextDerToRaw(const unsigned char *der, uint32_t der_len, int order, unsigned char *out,
+                                             uint32_t *out_len);
+ZEPH_API uint32_t BIVO_Sm2CiphertextRawToDer(const unsigned char *raw, uint32_t raw_len, int order, unsigned char *out,
+                                             uint32_t *out_len);
 
 /* ==== Signature verification =========================================== */
 /* sig_der is DER SEQUENCE { r, s } exactly (no trailing bytes, minimal
@@ -183,19 +183,19 @@ ZEPH_API uint32_t BIVO_VerifySm2SignatureWithCertFile(const unsigned char *msg, 
  * sm4_encrypt_and_decrypt, sm4_ecb_..._with_padding,
  * sm4_cbc_..._with_padding, sm2_verify_signature, sm2_encrypt. */
 ZEPH_API uint32_t BIVO_test_crypto_algorithm(void);
-ZEPH_API uint32_t BIVO_test_sm3_digest(void);                                   /* 26 */
-ZEPH_API uint32_t BIVO_test_sm3_digest_with_preprocess(void);                   /* 27 */
-ZEPH_API uint32_t BIVO_test_sm4_encrypt_and_decrypt(void);                      /* 28, 29 */
-ZEPH_API uint32_t BIVO_test_sm4_ecb_encrypt_and_decrypt_with_padding(void);     /* 28, 29 */
-ZEPH_API uint32_t BIVO_test_sm4_cbc_encrypt_and_decrypt_with_padding(void);     /* 28, 29 */
-ZEPH_API uint32_t BIVO_test_sm2_verify_signature(void);                         /* the verification's */
-ZEPH_API uint32_t BIVO_test_sm2_encrypt(void);                                  /* 30, 4, the encryption's */
+ZEPH_API uint32_t BIVO_test_sm3_digest(void);                               /* 26 */
+ZEPH_API uint32_t BIVO_test_sm3_digest_with_preprocess(void);               /* 27 */
+ZEPH_API uint32_t BIVO_test_sm4_encrypt_and_decrypt(void);                  /* 28, 29 */
+ZEPH_API uint32_t BIVO_test_sm4_ecb_encrypt_and_decrypt_with_padding(void); /* 28, 29 */
+ZEPH_API uint32_t BIVO_test_sm4_cbc_encrypt_and_decrypt_with_padding(void); /* 28, 29 */
+ZEPH_API uint32_t BIVO_test_sm2_verify_signature(void);                     /* the verification's */
+ZEPH_API uint32_t BIVO_test_sm2_encrypt(void);                              /* 30, 4, the encryption's */
 /* Not part of BIVO_test_crypto_algorithm: */
-ZEPH_API uint32_t BIVO_test_sm4_million_encrypt(void);                          /* 28 */
-ZEPH_API uint32_t BIVO_test_sm4_ecb_encrypt_with_padding(void);                 /* 28 */
-ZEPH_API uint32_t BIVO_test_sm4_ecb_decrypt_with_auto_removing_padding(void);   /* 29 */
-ZEPH_API uint32_t BIVO_test_sm4_cbc_encrypt_with_padding(void);                 /* 28 */
-ZEPH_API uint32_t BIVO_test_sm4_cbc_decrypt_with_auto_removing_padding(void);   /* 29 */
+ZEPH_API uint32_t BIVO_test_sm4_million_encrypt(void);                        /* 28 */
+ZEPH_API uint32_t BIVO_test_sm4_ecb_encrypt_with_padding(void);               /* 28 */
+ZEPH_API uint32_t BIVO_test_sm4_ecb_decrypt_with_auto_removing_padding(void); /* 29 */
+ZEPH_API uint32_t BIVO_test_sm4_cbc_encrypt_with_padding(void);               /* 28 */
+ZEPH_API uint32_t BIVO_test_sm4_cbc_decrypt_with_auto_removing_padding(void); /* 29 */
 
 /* The fixed random source of the SM2 encryption test. start_fake_rand saves
  * OpenSSL's random method and installs a copy whose byte function is

@@ -22,7 +22,8 @@ using Bytes = std::vector<uint8_t>;
 Bytes Hex(std::string_view hex) {
   auto nibble = [](char c) { return c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10; };
   Bytes out(hex.size() / 2);
-  for (size_t i = 0; i < out.size(); ++i) out[i] = static_cast<uint8_t>(nibble(hex[2 * i]) << 4 | nibble(hex[2 * i + 1]));
+  for (size_t i = 0; i < out.size(); ++i)
+    out[i] = static_cast<uint8_t>(nibble(hex[2 * i]) << 4 | nibble(hex[2 * i + 1]));
   return out;
 }
 
@@ -96,8 +97,7 @@ uint32_t Sm3DigestWithPreprocess() {
   const Bytes expected = Hex("F0B43E94BA45ACCAACE692ED534382EB17E6AB5A19CE7B31F4486FDFC0D28640");
   uint8_t one_shot[32], streamed[32];
   BIVO_SM3_CTX *ctx = nullptr;
-  if (BIVO_ComputePreprocessSm3Digest(zeph::kDefaultSm2Id, key.data(), Len(key), msg.data(), Len(msg), one_shot) !=
-          0 ||
+  if (BIVO_ComputePreprocessSm3Digest(zeph::kDefaultSm2Id, key.data(), Len(key), msg.data(), Len(msg), one_shot) != 0 ||
       BIVO_ComputePreprocessSm3Digest_init(zeph::kDefaultSm2Id, key.data(), Len(key), &ctx) != 0 ||
       BIVO_ComputePreprocessSm3Digest_update(ctx, msg.data(), 7) != 0 ||
       BIVO_ComputePreprocessSm3Digest_update(ctx, msg.data() + 7, Len(msg) - 7) != 0 ||
@@ -138,8 +138,9 @@ uint32_t Sm4MillionEncrypt() {
 uint32_t Sm4PaddedEncrypt(std::string_view iv_hex, std::string_view expected_hex, Fault fault) {
   const Bytes key = Hex(kSm4Key), iv = Hex(iv_hex), msg = Text(kPaddedMessage), expected = Hex(expected_hex);
   uint8_t cipher[32];
-  const uint32_t rv = iv.empty() ? BIVO_Sm4EncryptWithAutoPadding(msg.data(), Len(msg), key.data(), cipher)
-                                 : BIVO_Sm4CbcEncryptWithAutoPadding(msg.data(), Len(msg), iv.data(), key.data(), cipher);
+  const uint32_t rv = iv.empty()
+                          ? BIVO_Sm4EncryptWithAutoPadding(msg.data(), Len(msg), key.data(), cipher)
+                          : BIVO_Sm4CbcEncryptWithAutoPadding(msg.data(), Len(msg), iv.data(), key.data(), cipher);
   if (rv != 0 || BIVO_ComputeSm4EcbCipherLen(Len(msg)) != sizeof cipher) return BIVO_ERR_TEST_SM4_ENCRYPT;
   Spoil(fault, cipher, sizeof cipher);
   return std::memcmp(cipher, expected.data(), sizeof cipher) == 0 ? 0 : BIVO_ERR_TEST_SM4_ENCRYPT;
@@ -171,24 +172,24 @@ uint32_t Sm4CbcPadded() {
 uint32_t Sm2VerifySignature() {
   const Bytes key = Hex(kSm2PublicKey), msg = Text("message digest");
   // GM/T 0003.5 signature example (r, s) as DER.
-  Bytes sig = Hex(
-      "3046"
-      "022100F5A03B0648D2C4630EEAC513E1BB81A15944DA3827D5B74143AC7EACEEE720B3"
-      "022100B1B6AA29DF212FD8763182BC0D421CA1BB9038FD1F7F42D4840B69C485BBC1AA");
+  Bytes sig =
+      Hex("3046"
+          "022100F5A03B0648D2C4630EEAC513E1BB81A15944DA3827D5B74143AC7EACEEE720B3"
+          "022100B1B6AA29DF212FD8763182BC0D421CA1BB9038FD1F7F42D4840B69C485BBC1AA");
   Spoil(Fault::kSm2Verify, sig.data(), sig.size());
-  return BIVO_VerifySm2SignatureWithPubKey(msg.data(), Len(msg), zeph::kDefaultSm2Id, key.data(), Len(key),
-                                           sig.data(), Len(sig));
+  return BIVO_VerifySm2SignatureWithPubKey(msg.data(), Len(msg), zeph::kDefaultSm2Id, key.data(), Len(key), sig.data(),
+                                           Len(sig));
 }
 
 uint32_t Sm2Encrypt() {
   const Bytes key = Hex(kSm2PublicKey), msg = Text("encryption standard");
   // GM/T 0003.5 encryption example: C1 = k·G with the nonce below, C3, C2.
-  const Bytes expected = Hex(
-      "307C"
-      "022004EBFC718E8D1798620432268E77FEB6415E2EDE0E073C0F4F640ECD2E149A73"
-      "022100E858F9D81E5430A57B36DAAB8F950A3C64E6EE6A63094D99283AFF767E124DF0"
-      "042059983C18F809E262923C53AEC295D30383B54E39D609D160AFCB1908D0BD8766"
-      "041321886CA989CA9C7D58087307CA93092D651EFA");
+  const Bytes expected =
+      Hex("307C"
+          "022004EBFC718E8D1798620432268E77FEB6415E2EDE0E073C0F4F640ECD2E149A73"
+          "022100E858F9D81E5430A57B36DAAB8F950A3C64E6EE6A63094D99283AFF767E124DF0"
+          "042059983C18F809E262923C53AEC295D30383B54E39D609D160AFCB1908D0BD8766"
+          "041321886CA989CA9C7D58087307CA93092D651EFA");
   uint32_t out_len = BIVO_ComputeSm2CiphertextEncodeLength(Len(msg));
   const zeph::MallocPtr<uint8_t> out(static_cast<uint8_t *>(std::malloc(out_len)));
   if (!out) return BIVO_ERR_NO_MEMORY;

@@ -20,7 +20,7 @@ namespace zeph::gm::sm2 {
 
 inline constexpr size_t kHashLen = 32;
 inline constexpr size_t kRawOverhead = 1 + 32 + 32 + kHashLen;  // 97
-inline constexpr size_t kRecordHeader = 100;                     // X, Y, HASH, CipherLen
+inline constexpr size_t kRecordHeader = 100;                    // X, Y, HASH, CipherLen
 
 // C1's coordinates right-aligned in 32 bytes, C3 and C2.
 struct Ciphertext {

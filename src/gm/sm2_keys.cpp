@@ -75,8 +75,7 @@ ZEPH_API uint32_t GetSm2PubKey(const unsigned char *cert_der, uint32_t cert_len,
   const zeph::X509Ptr cert = zeph::api::DecodeCert(cert_der, cert_len);
   const ASN1_BIT_STRING *key = cert ? X509_get0_pubkey_bitstr(cert.get()) : nullptr;
   if (key == nullptr || ASN1_STRING_length(key) <= 0) return BIVO_ERR_CERT_KEY;
-  return zeph::PutOutput({ASN1_STRING_get0_data(key), static_cast<size_t>(ASN1_STRING_length(key))}, key_out,
-                         key_len);
+  return zeph::PutOutput({ASN1_STRING_get0_data(key), static_cast<size_t>(ASN1_STRING_length(key))}, key_out, key_len);
 }
 
 ZEPH_API uint32_t GetSm2PubKeyFromCertFile(const char *path, unsigned char *key_out, uint32_t *key_len) {

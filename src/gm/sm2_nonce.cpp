@@ -29,11 +29,11 @@ uint32_t DrawPlain(Scalar *k, uint32_t on_failure) {
 }
 
 uint32_t DrawDrbg(BIVO_HANDLE handle, Scalar *k, uint32_t on_failure) {
-  return DrawWith(k, on_failure, [&](BIGNUM *v, const BIGNUM *n) { return generate_rand_in_range_with_drbg(handle, v, n); });
+  return DrawWith(k, on_failure,
+                  [&](BIGNUM *v, const BIGNUM *n) { return generate_rand_in_range_with_drbg(handle, v, n); });
 }
 
-uint32_t DrawMixed(BIVO_HANDLE handle, const uint8_t *external, uint32_t external_len, Scalar *k,
-                   uint32_t on_failure) {
+uint32_t DrawMixed(BIVO_HANDLE handle, const uint8_t *external, uint32_t external_len, Scalar *k, uint32_t on_failure) {
   return DrawWith(k, on_failure, [&](BIGNUM *v, const BIGNUM *n) {
     return generate_rand_in_range_with_mixed_source(handle, external, external_len, v, n);
   });

@@ -17,7 +17,6 @@ uint32_t DrawPlain(Scalar *k, uint32_t on_failure);
 // on_failure.
 uint32_t DrawDrbg(BIVO_HANDLE handle, Scalar *k, uint32_t on_failure);
 // The same with external bytes XORed into every draw.
-uint32_t DrawMixed(BIVO_HANDLE handle, const uint8_t *external, uint32_t external_len, Scalar *k,
-                   uint32_t on_failure);
+uint32_t DrawMixed(BIVO_HANDLE handle, const uint8_t *external, uint32_t external_len, Scalar *k, uint32_t on_failure);
 
 }  // namespace zeph::gm::sm2

@@ -91,7 +91,6 @@ TEST(Sdbi, Statuses) {
       {"last segment of 4097", [&] { return Enc_Message_SDBI(3, big.data(), 4097, out.data(), &n, key.data()); }, 196},
       {"whole segment of 4097", [&] { return Dec_Message_SDBI(4, big.data(), 4097, out.data(), &n, key.data()); }, 196},
       {"mode 5", [&] { return Enc_Message_SDBI(5, seg.data(), 8, out.data(), &n, key.data()); }, 255},
-      {"mode 0", [&] { return Dec_Message_SDBI(0, seg.data(), 8, out.data(), &n, key.data()); }, 255},
       {"no marker", [&] { return Dec_Message_SDBI(4, no_marker.data(), 8, out.data(), &n, key.data()); }, 197},
       {"no marker, whole message", [&] { return Crypt_Dec_Data_S(no_marker.data(), 8, out.data(), &n, key.data()); },
        1},

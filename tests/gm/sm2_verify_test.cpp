@@ -1,6 +1,6 @@
 // SM2 signature verification: the GM/T 0003.5 example, OpenSSL's signatures
-// under several identities and through certificates, one row per bad
-// signature, key and argument; the curve and certificate helpers.
+// under several identities, one row per bad signature, key and argument; the
+// curve group. Certificates: tests/integration/sm2_openssl_test.cpp.
 #include <functional>
 
 #include <openssl/obj_mac.h>
@@ -56,14 +56,6 @@ TEST(Sm2Verify, StandardExampleAndOpenSslSignatures) {
     EXPECT_EQ(BIVO_VerifySm2SignatureWithPubKey(msg.data(), Len(msg), id.c_str(), pub.data(), 65, sig.data(), Len(sig)),
               8u);
   }
-
-  const Bytes cert = CertificateOf(key.get()), msg = Text("signed with the default identity");
-  const Bytes sig = EvpSign(key.get(), msg, "1234567812345678");
-  TempDir dir;
-  WriteBytes(dir.file("c.der"), cert);
-  EXPECT_EQ(BIVO_VerifySm2Signature(msg.data(), Len(msg), cert.data(), Len(cert), sig.data(), Len(sig)), 0u);
-  EXPECT_EQ(BIVO_VerifySm2SignatureWithCertFile(msg.data(), Len(msg), dir.file("c.der").c_str(), sig.data(), Len(sig)),
-            0u);
 }
 
 TEST(Sm2Verify, BadSignaturesKeysAndArguments) {
@@ -84,7 +76,6 @@ TEST(Sm2Verify, BadSignaturesKeysAndArguments) {
          return VerifyExample(Cat({good, {0}}));
        },
        7},
-      {"empty", [&] { return VerifyExample({}); }, 7},
       {"long-form length",
        [&] {
          return VerifyExample(Cat({{0x30, 0x81, 0x46}, Bytes(good.begin() + 2, good.end())}));
@@ -129,23 +120,10 @@ TEST(Sm2Verify, BadSignaturesKeysAndArguments) {
   for (const auto &c : cases) EXPECT_EQ(c.call(), c.status) << c.what;
 }
 
-TEST(Sm2Verify, CurveGroupAndCertificateKey) {
+TEST(Sm2Verify, CurveGroupEqualsOpenSsls) {
   EC_GROUP *group = CreateSm2EllipticCurveGroup(), *reference = EC_GROUP_new_by_curve_name(NID_sm2);
   ASSERT_NE(group, nullptr);
   EXPECT_EQ(EC_GROUP_cmp(group, reference, nullptr), 0);
   EC_GROUP_free(group);
   EC_GROUP_free(reference);
-
-  const Key key = NewSm2Key();
-  const Bytes cert = CertificateOf(key.get());
-  uint32_t n = 0;
-  ASSERT_EQ(GetSm2PubKey(cert.data(), Len(cert), nullptr, &n), 0u);
-  EXPECT_EQ(n, 65u);
-  Bytes out(65);
-  n = 64;
-  EXPECT_EQ(GetSm2PubKey(cert.data(), Len(cert), out.data(), &n), ERR_BUFFER_TOO_SMALL);
-  n = 65;
-  ASSERT_EQ(GetSm2PubKey(cert.data(), Len(cert), out.data(), &n), 0u);
-  EXPECT_EQ(out, PublicPoint(key.get()));
-  EXPECT_EQ(GetSm2PubKey(cert.data(), Len(cert) - 1, out.data(), &n), 5u);
 }

@@ -36,9 +36,13 @@ ASN1_SEQUENCE(SES_ESPictrueInfo_structure) = {
 } ASN1_SEQUENCE_END(SES_ESPictrueInfo_structure)
 IMPLEMENT_ASN1_FUNCTIONS(SES_ESPictrueInfo_structure)
 
+// _critical at -1 ("not set") is left out of the encoding. OpenSSL 3 refuses
+// to encode a required member that is left out, so the member is optional in
+// the template, as X509_EXTENSION declares its own; a FALSE that a seal maker
+// wrote out decodes to 0 and is written out again.
 ASN1_SEQUENCE(VORLI_ExtData_structure) = {
   ASN1_SIMPLE(VORLI_ExtData_structure, extnID, ASN1_OBJECT),
-  ASN1_SIMPLE(VORLI_ExtData_structure, _critical, ASN1_BOOLEAN),
+  ASN1_OPT(VORLI_ExtData_structure, _critical, ASN1_BOOLEAN),
   ASN1_SIMPLE(VORLI_ExtData_structure, extnValue, ASN1_OCTET_STRING),
 } ASN1_SEQUENCE_END(VORLI_ExtData_structure)
 IMPLEMENT_ASN1_FUNCTIONS(VORLI_ExtData_structure)
@@ -126,7 +130,7 @@ IMPLEMENT_ASN1_FUNCTIONS(GBSES_ESPictrueInfo_structure)
 
 ASN1_SEQUENCE(GBVORLI_ExtData_structure) = {
   ASN1_SIMPLE(GBVORLI_ExtData_structure, extnID, ASN1_OBJECT),
-  ASN1_SIMPLE(GBVORLI_ExtData_structure, _critical, ASN1_BOOLEAN),
+  ASN1_OPT(GBVORLI_ExtData_structure, _critical, ASN1_BOOLEAN),
   ASN1_SIMPLE(GBVORLI_ExtData_structure, extnValue, ASN1_OCTET_STRING),
 } ASN1_SEQUENCE_END(GBVORLI_ExtData_structure)
 IMPLEMENT_ASN1_FUNCTIONS(GBVORLI_ExtData_structure)

@@ -18,7 +18,23 @@
 #include "seal/der.hpp"
 #include "zeph_c_seal.h"
 
+// Every seal structure, for code that handles them all alike.
+// clang-format off
+#define ZEPH_SEAL_ASN1_TYPES(X)                                                                    \
+  X(SES_Header_structure) X(SES_ESPropertyInfo_structure) X(SES_ESPictrueInfo_structure)         \
+  X(VORLI_ExtData_structure) X(SES_SignInfo_structure) X(SES_SealInfo_structure) X(SESeal)       \
+  X(TBS_Sign) X(SES_Signature)                                                                   \
+  X(GBSES_Header_structure) X(GB_CertDigestList_structure) X(GBSES_CerList_structure)            \
+  X(GBSES_ESPropertyInfo_structure) X(GBSES_ESPictrueInfo_structure) X(GBVORLI_ExtData_structure) \
+  X(GBSES_SealInfo_structure) X(GBSESeal) X(GBTBS_Sign) X(GBSES_Signature)
+// clang-format on
+
 namespace zeph::seal {
+
+#define ZEPH_SEAL_COUNT_TYPE(T) +1
+inline constexpr int kAsn1TypeCount = 0 ZEPH_SEAL_ASN1_TYPES(ZEPH_SEAL_COUNT_TYPE);
+#undef ZEPH_SEAL_COUNT_TYPE
+static_assert(kAsn1TypeCount == 19, "nine SES and ten GB structures");
 
 using SESealPtr = std::unique_ptr<SESeal, Free<SESeal_free>>;
 using GBSESealPtr = std::unique_ptr<GBSESeal, Free<GBSESeal_free>>;
@@ -119,5 +135,17 @@ uint32_t ToU32(const ASN1_INTEGER *v);
 // SEQUENCE { r, s }. 0, or ERR_SIGNATURE_INVALID for any failure: no SM2 key
 // in the certificate, a malformed certificate or signature, a bad signature.
 uint32_t VerifySm2WithCert(der::Bytes cert, std::initializer_list<der::Bytes> message, der::Bytes signature);
+
+// Decodes with T's template and encodes again; false when either step fails.
+template <class T, T *(*D2i)(T **, const unsigned char **, long), int (*I2d)(const T *, unsigned char **),
+          void (*Release)(T *)>
+bool ReEncode(std::span<const uint8_t> in, std::vector<uint8_t> *out) {
+  std::unique_ptr<T, Free<Release>> obj(Decode(D2i, in.data(), static_cast<uint32_t>(in.size())));
+  const auto der = obj ? Encode(I2d, static_cast<const T *>(obj.get())) : std::nullopt;
+  if (!der) return false;
+  out->assign(der->span().begin(), der->span().end());
+  return true;
+}
+#define ZEPH_SEAL_REENCODE(T) ::zeph::seal::ReEncode<T, d2i_##T, i2d_##T, T##_free>
 
 }  // namespace zeph::seal

@@ -33,19 +33,6 @@ RoundTripFn Of(const std::string &type) {
   return nullptr;
 }
 
-// The TLV that starts at `offset`.
-Bytes TlvAt(const Bytes &b, size_t offset) {
-  size_t len = b[offset + 1];
-  size_t header = 2;
-  if (len & 0x80) {
-    const size_t n = len & 0x7F;
-    len = 0;
-    for (size_t i = 0; i < n; ++i) len = len << 8 | b[offset + 2 + i];
-    header += n;
-  }
-  return Bytes(b.begin() + offset, b.begin() + offset + header + len);
-}
-
 TEST(SealAsn1, EveryTypeRoundTripsOnRealBytes) {
   const Bytes gb = Sample("gb-v4-user.esl");
   const Bytes gif = Sample("gb-v4-seal-gif.der");

@@ -29,6 +29,25 @@ Bytes DigestSign(EVP_PKEY *key, const Bytes &data) {
 
 }  // namespace
 
+Bytes TlvAt(const Bytes &b, size_t offset) {
+  size_t len = b.at(offset + 1);
+  size_t header = 2;
+  if (len & 0x80) {
+    const size_t n = len & 0x7F;
+    len = 0;
+    for (size_t i = 0; i < n; ++i) len = len << 8 | b.at(offset + 2 + i);
+    header += n;
+  }
+  return Bytes(b.begin() + offset, b.begin() + offset + header + len);
+}
+
+std::vector<Bytes> Children(const Bytes &tlv) {
+  const size_t header = tlv.at(1) & 0x80 ? 2 + (tlv[1] & 0x7F) : 2;
+  std::vector<Bytes> out;
+  for (size_t at = header; at < tlv.size(); at += out.back().size()) out.push_back(TlvAt(tlv, at));
+  return out;
+}
+
 Bytes SesSeal() {
   const Bytes b = Sample("ses-v1-user.esl");
   const auto at = [&](size_t from, size_t to) { return Bytes(b.begin() + from, b.begin() + to); };

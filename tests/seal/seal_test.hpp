@@ -51,6 +51,10 @@ inline Bytes Tlv(uint8_t tag, std::initializer_list<Bytes> parts) {
   out.insert(out.end(), content.begin(), content.end());
   return out;
 }
+// The TLV that starts at `offset`, and the members of a constructed TLV.
+Bytes TlvAt(const Bytes &b, size_t offset);
+std::vector<Bytes> Children(const Bytes &tlv);
+
 inline Bytes Text(const std::string &s) { return Bytes(s.begin(), s.end()); }
 inline Bytes Bits(const Bytes &octets) { return Tlv(0x03, {{0x00}, octets}); }
 

@@ -7,6 +7,7 @@
 #include "zeph_c_ci.h"
 #include "zeph_c_export.h"
 #include "zeph_c_gm.h"
+#include "zeph_c_seal.h"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 #include "zeph_skf.h"
@@ -49,6 +50,18 @@ int zeph_c_header_check(void) {
     free(host);
     free(port);
     if (ZEPH_C_SetConfig(NULL) != 0xFFFFFFFFu) return 13;
+  }
+
+  /* The seal structures and detection through the C view. */
+  {
+    SESeal *seal = SESeal_new();
+    VORLI_ExtData_structure *ext = VORLI_ExtData_structure_new();
+    int32_t type = 0;
+    const int built = seal != NULL && seal->SES_SealInfo != NULL && ext != NULL && ext->_critical == -1;
+    SESeal_free(seal);
+    VORLI_ExtData_structure_free(ext);
+    if (!built) return 14;
+    if (ZEPH_C_CheckSealType(NULL, 5, &type) != 0 || type != ZEPH_SEAL_TYPE_PICTURE) return 15;
   }
   return 0;
 }

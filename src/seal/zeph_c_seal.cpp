@@ -54,9 +54,24 @@ SealFields FieldsOf(const GBSESeal &seal) {
                     info.pic->data,    info.pic->width,       info.pic->height,  seal.cert,     seal.aignAlgID};
 }
 
+// True only when the DER walk shows that d2i_SESeal must fail: a SESeal is a
+// SEQUENCE whose second member is a SEQUENCE, and a GB seal has an OCTET
+// STRING there. Skipping the doomed decode spares OpenSSL's error path,
+// which costs as much as decoding a whole GB seal. Anything the walk cannot
+// read is left to the decoder.
+bool CannotBeSesSeal(const unsigned char *data, uint32_t len) {
+  const auto seal = der::ReadTlv({data, len});
+  if (!seal) return false;
+  if (seal->tag != der::kSequence) return true;
+  der::Reader members(seal->content);
+  members.Next();
+  const auto second = members.Next();
+  return second && second->tag != der::kSequence;
+}
+
 int32_t DetectDer(const unsigned char *data, uint32_t len) {
   if (data == nullptr) return ZEPH_SEAL_TYPE_UNKNOWN;
-  if (SESealPtr(Decode(d2i_SESeal, data, len))) return ZEPH_SEAL_TYPE_SES;
+  if (!CannotBeSesSeal(data, len) && SESealPtr(Decode(d2i_SESeal, data, len))) return ZEPH_SEAL_TYPE_SES;
   if (GBSESealPtr(Decode(d2i_GBSESeal, data, len))) return ZEPH_SEAL_TYPE_GB;
   return ZEPH_SEAL_TYPE_UNKNOWN;
 }

@@ -3,6 +3,7 @@
 // OpenSSL 3, decoding a whole X509 costs about half an SM2 verification, and
 // a seal verification needs two keys. The digest e = SM3(Z || M) is the
 // library's own SM3, fed chunk by chunk so that no signed content is copied.
+#include <algorithm>
 #include <array>
 #include <cstring>
 

@@ -159,35 +159,27 @@ TEST_F(SealInterop, BuildersOutputParsesWithFieldsWhereTheReaderFindsThem) {
   const auto view = reader::ReadSignature(sig);
   ASSERT_TRUE(view);
 
-  // Each field the reader reports, as a TLV or as contents (BIT STRING
-  // contents start past the unused-bits octet).
-  const auto expect_tlv = [&](const char *what, reader::Bytes whole, const char *type, int depth) {
-    const auto it = lines.find(Offset(sig, whole));
-    ASSERT_NE(it, lines.end()) << what;
-    EXPECT_EQ(it->second.type, type) << what;
-    EXPECT_EQ(it->second.depth, depth) << what;
-    EXPECT_EQ(it->second.header + it->second.length, whole.size()) << what;
-  };
-  const auto expect_content = [&](const char *what, reader::Bytes content, const char *type, int depth) {
-    const size_t skip = std::string(type) == "BIT STRING" ? 1 : 0;
-    for (const auto &[offset, line] : lines) {
-      if (offset + line.header + skip == Offset(sig, content) && line.type == type) {
-        EXPECT_EQ(line.depth, depth) << what;
-        EXPECT_EQ(line.length - skip, content.size()) << what;
-        return;
-      }
+  // Each field the reader reports, as a whole TLV or as contents (BIT STRING
+  // contents start past the unused-bits octet), is a value asn1parse lists.
+  const auto expect = [&](const char *what, reader::Bytes part, const std::string &type, int depth) {
+    const size_t at = Offset(sig, part);
+    const size_t skip = type == "BIT STRING" ? 1 : 0;
+    for (const auto &[offset, l] : lines) {
+      const bool whole = offset == at && l.header + l.length == part.size();
+      const bool content = offset + l.header + skip == at && l.length - skip == part.size();
+      if ((whole || content) && l.type == type && l.depth == depth) return;
     }
-    ADD_FAILURE() << what << " not at a " << type << " that asn1parse lists";
+    ADD_FAILURE() << what << " is no " << type << " at depth " << depth << " that asn1parse lists";
   };
-  expect_tlv("toSign", view->to_sign.whole, "SEQUENCE", 1);
-  expect_tlv("timeInfo", view->time_info.whole, "BIT STRING", 2);
-  expect_tlv("seal information", view->seal.info.whole, "SEQUENCE", 3);
-  expect_content("dataHash", view->data_hash, "BIT STRING", 2);
-  expect_content("propertyInfo", view->property, "IA5STRING", 2);
-  expect_content("signer certificate", view->signer_cert, "OCTET STRING", 1);
-  expect_content("signature", view->signature, "BIT STRING", 1);
-  expect_content("picture", view->seal.pic_data, "OCTET STRING", 5);
-  expect_content("seal name", view->seal.name, "UTF8STRING", 5);
+  expect("toSign", view->to_sign.whole, "SEQUENCE", 1);
+  expect("timeInfo", view->time_info.whole, "BIT STRING", 2);
+  expect("seal information", view->seal.info.whole, "SEQUENCE", 3);
+  expect("dataHash", view->data_hash, "BIT STRING", 2);
+  expect("propertyInfo", view->property, "IA5STRING", 2);
+  expect("signer certificate", view->signer_cert, "OCTET STRING", 1);
+  expect("signature", view->signature, "BIT STRING", 1);
+  expect("picture", view->seal.pic_data, "OCTET STRING", 5);
+  expect("seal name", view->seal.name, "UTF8STRING", 5);
   EXPECT_EQ(Bytes(view->time_info.content.begin(), view->time_info.content.end()),
             Cat({{0x01}, Text("20210601000000Z")}));
   EXPECT_EQ(Bytes(view->signature.begin(), view->signature.end()), value);

@@ -17,16 +17,6 @@ constexpr uint32_t kBad = ERR_INVALID_PARAMETER;
 constexpr uint32_t kShort = ERR_BUFFER_TOO_SMALL;
 const char *const kSm2Sm3 = "1.2.156.10197.1.501";
 
-// gb-v4-user.esl with distinct creation, start and end dates, and with the
-// given certificate list.
-Bytes GbSeal(const Bytes &cert_list) {
-  const Bytes gb = Sample("gb-v4-user.esl");
-  const auto at = [&](size_t from, size_t to) { return Bytes(gb.begin() + from, gb.begin() + to); };
-  const Bytes prop = Tlv(0x30, {at(67, 98), cert_list, Tlv(0x18, {Text("20200101000000Z")}),
-                                Tlv(0x18, {Text("20200202000000Z")}), Tlv(0x18, {Text("20200303000000Z")})});
-  return Tlv(0x30, {Tlv(0x30, {at(8, 63), prop, at(685, 16397)}), at(16397, gb.size())});
-}
-
 // The subject Name of a DER certificate, found by walking it.
 Bytes SubjectOf(const Bytes &cert) {
   const auto tbs = Children(Children(cert)[0]);

@@ -55,6 +55,14 @@ Bytes SesSeal() {
   return Tlv(0x30, {Tlv(0x30, {at(8, 63), prop, at(673, 16385)}), at(16385, 17004)});
 }
 
+Bytes GbSeal(const Bytes &cert_list) {
+  const Bytes gb = Sample("gb-v4-user.esl");
+  const auto at = [&](size_t from, size_t to) { return Bytes(gb.begin() + from, gb.begin() + to); };
+  const Bytes prop = Tlv(0x30, {at(67, 98), cert_list, Tlv(0x18, {Text("20200101000000Z")}),
+                                Tlv(0x18, {Text("20200202000000Z")}), Tlv(0x18, {Text("20200303000000Z")})});
+  return Tlv(0x30, {Tlv(0x30, {at(8, 63), prop, at(685, 16397)}), at(16397, gb.size())});
+}
+
 Signer::Signer() : key(EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2")) {
   zeph::X509Ptr x(X509_new());
   EXPECT_TRUE(key && x);

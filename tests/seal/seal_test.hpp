@@ -23,12 +23,6 @@ inline Bytes Sample(const std::string &name) {
   return zeph_test::ReadBytes(std::string(ZEPH_SOURCE_DIR) + "/tests/data/seals/" + name);
 }
 
-// Known places in the samples (offsets of the TLVs, from openssl asn1parse).
-struct Slice {
-  size_t offset, length;
-  Bytes Of(const Bytes &b) const { return Bytes(b.begin() + offset, b.begin() + offset + length); }
-};
-
 inline Bytes Cat(std::initializer_list<Bytes> parts) {
   Bytes out;
   for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
@@ -61,6 +55,10 @@ inline Bytes Bits(const Bytes &octets) { return Tlv(0x03, {{0x00}, octets}); }
 // An SES seal that decodes as SESeal: the SES sample with its certificates
 // inline rather than wrapped (so its maker signature no longer holds).
 Bytes SesSeal();
+
+// gb-v4-user.esl with the given certificate list and distinct creation,
+// start and end dates (2020-01-01, 02-02, 03-03).
+Bytes GbSeal(const Bytes &cert_list);
 
 // An SM2 key with a self-signed SM3 certificate.
 struct Signer {

@@ -204,6 +204,7 @@ std::optional<SealView> ReadSeal(Bytes in) {
   if (r.PeekTag() == der::kSequence) {
     v.family = Family::kSes;
     const auto sign_info = r.Next();
+    if (!sign_info) return std::nullopt;
     Reader s(sign_info->content);
     cert = s.Take(der::kOctetString);
     alg = s.Take(der::kOid);

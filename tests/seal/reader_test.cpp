@@ -207,7 +207,8 @@ TEST(SealReader, RefusesWhatIsNoSealAndKeepsTheBufferProtocol) {
   const Bytes bare = Tlv(0x30, {Int(5), Int(7)});
   const Bytes trailing = Cat({gb, {0x00}});
   const Bytes text(968, '<');
-  for (const Bytes *bad : {&pkcs7, &bare, &trailing, &text}) {
+  const Bytes broken_sign_info = Tlv(0x30, {TlvAt(Sample("v5-user.esl"), 4), {0x30, 0x05, 0x00}});
+  for (const Bytes *bad : {&pkcs7, &bare, &trailing, &text, &broken_sign_info}) {
     uint32_t len = 100;
     EXPECT_EQ(ZEPH_C_SealDescribe(bad->data(), bad->size(), nullptr, &len), ERR_SEAL_PARSE_FAILED);
     EXPECT_EQ(ZEPH_C_SealPicture(bad->data(), bad->size(), nullptr, &len), ERR_SEAL_PARSE_FAILED);

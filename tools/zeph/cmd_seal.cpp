@@ -1,5 +1,6 @@
 // zeph seal: what a seal or seal signature file holds, its picture, and the
 // verification of a seal signature, through the library's tolerant reader.
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <memory>

@@ -82,7 +82,7 @@ std::string Field(const cJSON *obj, const std::string &path) {
     from = dot + 1;
   }
   if (cJSON_IsString(item)) return item->valuestring;
-  if (cJSON_IsArray(item)) return "[" + std::to_string(cJSON_GetArraySize(item)) + "]";
+  if (cJSON_IsArray(item)) return std::string("[").append(std::to_string(cJSON_GetArraySize(item))).append("]");
   char *printed = item != nullptr ? cJSON_PrintUnformatted(item) : nullptr;
   std::string s = printed != nullptr ? printed : "<missing>";
   cJSON_free(printed);
@@ -187,7 +187,9 @@ TEST(SealReader, VerifiesSamplesAndHandMadeForms) {
   for (const auto &c : cases) {
     const Report r = Verify(c.sig, c.doc);
     EXPECT_EQ(r.status, c.status) << c.what << ": " << r.json;
-    if (c.report != nullptr) EXPECT_EQ(r.json, c.report) << c.what;
+    if (c.report != nullptr) {
+      EXPECT_EQ(r.json, c.report) << c.what;
+    }
   }
 
   // One changed byte inside the seal breaks the maker's and the signer's

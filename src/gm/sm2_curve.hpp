@@ -46,6 +46,10 @@ bool MulBase(const Scalar &k, Point *out);
 bool Mul(const Scalar &k, const Point &p, Point *out);
 // s·G + t·P for public s and t (signature verification). False at infinity.
 bool MulBaseAdd(const Scalar &s, const Scalar &t, const Point &p, Point *out);
+// Whether s·G + t·P is finite and its x coordinate is congruent to x_mod_n
+// modulo n (public values): the verification check x1 ≡ r − e without
+// bringing the point to affine form. False when x_mod_n ≥ n.
+bool MulBaseAddXModN(const Scalar &s, const Scalar &t, const Point &p, const Scalar &x_mod_n);
 // a + b and a − b. False when the result is the point at infinity.
 bool Add(const Point &a, const Point &b, Point *out);
 bool Sub(const Point &a, const Point &b, Point *out);

@@ -1,0 +1,266 @@
+// The SM2 prime field, p = 2^256 − 2^224 − 2^96 + 2^64 − 1. Elements are four
+// 64-bit limbs, least significant first, in Montgomery form a·2^256 mod p and
+// always fully reduced. Nothing here branches on or indexes by a value.
+//
+// Multiplication and squaring come in two builds with the same results: a
+// portable one over unsigned __int128, and on x86-64 CPUs with BMI2 and ADX
+// one in assembly (mulx with two carry chains). Callers are templates over a
+// Field policy so the point formulas inline whichever they run on.
+#pragma once
+
+#include <cstdint>
+
+#if defined(__x86_64__)
+#include <x86intrin.h>
+#endif
+
+#if defined(__x86_64__) && defined(__ELF__)
+#define ZEPH_SM2_HAVE_ADX 1
+#endif
+
+namespace zeph::gm::sm2::fp {
+
+using u128 = unsigned __int128;
+
+struct Fe {
+  uint64_t v[4];
+};
+
+inline constexpr Fe kP = {{0xFFFFFFFFFFFFFFFF, 0xFFFFFFFF00000000, 0xFFFFFFFFFFFFFFFF, 0xFFFFFFFEFFFFFFFF}};
+inline constexpr Fe kZero = {{0, 0, 0, 0}};
+// 1 in Montgomery form: 2^256 mod p.
+inline constexpr Fe kOne = {{0x0000000000000001, 0x00000000FFFFFFFF, 0x0000000000000000, 0x0000000100000000}};
+// 2^512 mod p: a Montgomery product with it enters the Montgomery domain.
+inline constexpr Fe kRR = {{0x0000000200000003, 0x00000002FFFFFFFF, 0x0000000100000001, 0x0000000400000002}};
+// The curve coefficient b in Montgomery form (a is −3).
+inline constexpr Fe kB = {{0x90D230632BC0DD42, 0x71CF379AE9B537AB, 0x527981505EA51C3C, 0x240FE188BA20E2C8}};
+
+// ---- constant-time words -----------------------------------------------
+
+// Hides a value from the optimiser so that masks stay masks, not branches.
+inline uint64_t Opaque(uint64_t x) {
+  __asm__("" : "+r"(x));
+  return x;
+}
+
+// All ones when x == 0, else zero.
+inline uint64_t ZeroMask(uint64_t x) { return Opaque(((x | (0 - x)) >> 63) - 1); }
+inline uint64_t EqMask(uint64_t a, uint64_t b) { return ZeroMask(a ^ b); }
+
+inline uint64_t AddC(uint64_t a, uint64_t b, uint64_t &carry) {
+#if defined(__x86_64__)
+  unsigned long long r;
+  carry = _addcarry_u64(static_cast<unsigned char>(carry), a, b, &r);
+  return r;
+#else
+  const u128 s = static_cast<u128>(a) + b + carry;
+  carry = static_cast<uint64_t>(s >> 64);
+  return static_cast<uint64_t>(s);
+#endif
+}
+
+inline uint64_t SubB(uint64_t a, uint64_t b, uint64_t &borrow) {
+#if defined(__x86_64__)
+  unsigned long long r;
+  borrow = _subborrow_u64(static_cast<unsigned char>(borrow), a, b, &r);
+  return r;
+#else
+  const u128 d = static_cast<u128>(a) - b - borrow;
+  borrow = static_cast<uint64_t>(d >> 64) & 1;
+  return static_cast<uint64_t>(d);
+#endif
+}
+
+// ---- elements ------------------------------------------------------------
+
+inline uint64_t IsZeroMask(const Fe &a) { return ZeroMask(a.v[0] | a.v[1] | a.v[2] | a.v[3]); }
+inline uint64_t EqualMask(const Fe &a, const Fe &b) {
+  return ZeroMask((a.v[0] ^ b.v[0]) | (a.v[1] ^ b.v[1]) | (a.v[2] ^ b.v[2]) | (a.v[3] ^ b.v[3]));
+}
+
+// r = mask ? a : b, mask all ones or zero.
+inline void Select(Fe &r, uint64_t mask, const Fe &a, const Fe &b) {
+  for (int i = 0; i < 4; ++i) r.v[i] = (a.v[i] & mask) | (b.v[i] & ~mask);
+}
+
+// Subtracts p from (top, t) unless that goes negative; (top, t) < 2p.
+inline void Normalize(Fe &r, const uint64_t t[4], uint64_t top) {
+  uint64_t borrow = 0, s[4];
+  for (int i = 0; i < 4; ++i) s[i] = SubB(t[i], kP.v[i], borrow);
+  SubB(top, 0, borrow);
+  const uint64_t keep = Opaque(0 - borrow);
+  // Word by word in general registers: a vector select here would reload
+  // words just stored one at a time.
+  for (int i = 0; i < 4; ++i) r.v[i] = Opaque(s[i] ^ ((t[i] ^ s[i]) & keep));
+}
+
+inline void Add(Fe &r, const Fe &a, const Fe &b) {
+  uint64_t carry = 0, t[4];
+  for (int i = 0; i < 4; ++i) t[i] = AddC(a.v[i], b.v[i], carry);
+  Normalize(r, t, carry);
+}
+
+inline void Sub(Fe &r, const Fe &a, const Fe &b) {
+  uint64_t borrow = 0, t[4];
+  for (int i = 0; i < 4; ++i) t[i] = SubB(a.v[i], b.v[i], borrow);
+  const uint64_t mask = Opaque(0 - borrow);
+  uint64_t carry = 0;
+  for (int i = 0; i < 4; ++i) r.v[i] = AddC(t[i], kP.v[i] & mask, carry);
+}
+
+inline void Double(Fe &r, const Fe &a) { Add(r, a, a); }
+inline void Neg(Fe &r, const Fe &a) { Sub(r, kZero, a); }
+
+// ---- Montgomery multiplication, portable build ---------------------------
+
+// One word of Montgomery reduction, (w + m·p) / 2^64 with m = w0. Because
+// p ≡ −1 mod 2^64, m needs no multiplication, and m·p / 2^64 folds into
+// (w1, w2, w3, 0) + (m, 0, 0, m) − (m·2^32, m/2^32, m·2^32, m/2^32): the
+// result stays below 2^256, so the last carry and borrow are dropped. The
+// reduced window comes back rotated: (w1, w2, w3, w0).
+inline void ReduceStep(uint64_t &w0, uint64_t &w1, uint64_t &w2, uint64_t &w3) {
+  const uint64_t m = w0, lo = m << 32, hi = m >> 32;
+  uint64_t carry = 0, borrow = 0;
+  w1 = AddC(w1, m, carry);
+  w2 = AddC(w2, 0, carry);
+  w3 = AddC(w3, 0, carry);
+  w0 = m + carry;
+  w1 = SubB(w1, lo, borrow);
+  w2 = SubB(w2, hi, borrow);
+  w3 = SubB(w3, lo, borrow);
+  w0 = SubB(w0, hi, borrow);
+}
+
+// r = t / 2^256 mod p for a 512-bit t below p·2^256.
+inline void Reduce(Fe &r, const uint64_t t[8]) {
+  uint64_t w0 = t[0], w1 = t[1], w2 = t[2], w3 = t[3];
+  ReduceStep(w0, w1, w2, w3);
+  ReduceStep(w1, w2, w3, w0);
+  ReduceStep(w2, w3, w0, w1);
+  ReduceStep(w3, w0, w1, w2);
+  uint64_t carry = 0, s[4];
+  s[0] = AddC(w0, t[4], carry);
+  s[1] = AddC(w1, t[5], carry);
+  s[2] = AddC(w2, t[6], carry);
+  s[3] = AddC(w3, t[7], carry);
+  Normalize(r, s, carry);
+}
+
+inline void MulPortable(Fe &r, const Fe &a, const Fe &b) {
+  uint64_t t[8] = {};
+  for (int i = 0; i < 4; ++i) {
+    uint64_t carry = 0;
+    for (int j = 0; j < 4; ++j) {
+      const u128 x = static_cast<u128>(a.v[j]) * b.v[i] + t[i + j] + carry;
+      t[i + j] = static_cast<uint64_t>(x);
+      carry = static_cast<uint64_t>(x >> 64);
+    }
+    t[i + 4] = carry;
+  }
+  Reduce(r, t);
+}
+
+inline void SqrPortable(Fe &r, const Fe &a) {
+  // Cross products once, doubled, then the squares on the diagonal.
+  uint64_t t[8] = {};
+  for (int i = 0; i < 3; ++i) {
+    uint64_t carry = 0;
+    for (int j = i + 1; j < 4; ++j) {
+      const u128 x = static_cast<u128>(a.v[i]) * a.v[j] + t[i + j] + carry;
+      t[i + j] = static_cast<uint64_t>(x);
+      carry = static_cast<uint64_t>(x >> 64);
+    }
+    t[i + 4] = carry;
+  }
+  t[7] = t[6] >> 63;
+  for (int i = 6; i > 0; --i) t[i] = (t[i] << 1) | (t[i - 1] >> 63);
+  t[0] = 0;
+  uint64_t carry = 0;
+  for (int i = 0; i < 4; ++i) {
+    const u128 sq = static_cast<u128>(a.v[i]) * a.v[i];
+    t[2 * i] = AddC(t[2 * i], static_cast<uint64_t>(sq), carry);
+    t[2 * i + 1] = AddC(t[2 * i + 1], static_cast<uint64_t>(sq >> 64), carry);
+  }
+  Reduce(r, t);
+}
+
+struct Portable {
+  static void Mul(Fe &r, const Fe &a, const Fe &b) { MulPortable(r, a, b); }
+  static void Sqr(Fe &r, const Fe &a) { SqrPortable(r, a); }
+};
+
+#if defined(ZEPH_SM2_HAVE_ADX)
+extern "C" void zeph_sm2_fp_mul_adx(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]);
+extern "C" void zeph_sm2_fp_sqr_adx(uint64_t r[4], const uint64_t a[4]);
+
+struct Adx {
+  static void Mul(Fe &r, const Fe &a, const Fe &b) { zeph_sm2_fp_mul_adx(r.v, a.v, b.v); }
+  static void Sqr(Fe &r, const Fe &a) { zeph_sm2_fp_sqr_adx(r.v, a.v); }
+};
+#endif
+
+// Which build runs: the assembly where the CPU has BMI2 and ADX. Tests pin
+// one build to check both on the same machine; pin kAdx only where
+// AdxAvailable() or under valgrind (which emulates the instructions but hides
+// them from cpuid). Builds without the assembly always run the portable one.
+enum class Build { kPortable, kAdx };
+bool AdxAvailable();
+Build ActiveBuild();
+void PinBuild(Build b);
+
+// ---- whole-field operations over a build ---------------------------------
+
+template <class F>
+inline void SqrN(Fe &r, const Fe &a, int n) {
+  F::Sqr(r, a);
+  while (--n > 0) F::Sqr(r, r);
+}
+
+// a^(p−2) = a^−1 (0 stays 0): a fixed chain of 256 squarings and 15
+// multiplications. p − 2 in bits: 31 ones, a zero, 128 ones, 32 zeros,
+// 62 ones, a zero, a one.
+template <class F>
+void Invert(Fe &r, const Fe &a) {
+  Fe x2, x3, x6, x12, x15, x30, x31, x32, t;
+  F::Sqr(t, a);
+  F::Mul(x2, t, a);
+  F::Sqr(t, x2);
+  F::Mul(x3, t, a);
+  SqrN<F>(t, x3, 3);
+  F::Mul(x6, t, x3);
+  SqrN<F>(t, x6, 6);
+  F::Mul(x12, t, x6);
+  SqrN<F>(t, x12, 3);
+  F::Mul(x15, t, x3);
+  SqrN<F>(t, x15, 15);
+  F::Mul(x30, t, x15);
+  F::Sqr(t, x30);
+  F::Mul(x31, t, a);
+  F::Sqr(t, x31);
+  F::Mul(x32, t, a);
+  SqrN<F>(t, x31, 1);  // 31 ones, then a zero
+  for (int i = 0; i < 4; ++i) {
+    SqrN<F>(t, t, 32);
+    F::Mul(t, t, x32);
+  }
+  SqrN<F>(t, t, 32);  // 32 zeros
+  SqrN<F>(t, t, 32);
+  F::Mul(t, t, x32);
+  SqrN<F>(t, t, 30);
+  F::Mul(t, t, x30);
+  SqrN<F>(t, t, 2);
+  F::Mul(r, t, a);
+}
+
+// Into and out of the Montgomery domain, from and to plain limbs.
+template <class F>
+inline void ToMont(Fe &r, const Fe &a) {
+  F::Mul(r, a, kRR);
+}
+template <class F>
+inline void FromMont(Fe &r, const Fe &a) {
+  static constexpr Fe kPlainOne = {{1, 0, 0, 0}};
+  F::Mul(r, a, kPlainOne);
+}
+
+}  // namespace zeph::gm::sm2::fp

@@ -1,0 +1,237 @@
+// Point formulas on the SM2 curve y² = x³ − 3x + b in Jacobian coordinates
+// (x = X/Z², y = Y/Z³, Z = 0 at infinity), templated over a field build.
+//
+// The plain formulas do not look at their inputs: an input at infinity or a
+// sum that is really a doubling gives a meaningless result, and the caller
+// either proves it cannot happen or replaces the result by masks (constant
+// time) or by a test (public values).
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include "gm/sm2_field.hpp"
+
+namespace zeph::gm::sm2::ec {
+
+using fp::Fe;
+
+struct Jac {
+  Fe x, y, z;
+};
+
+struct Aff {
+  Fe x, y;
+};
+
+// r = mask ? a : b, field by field.
+inline void Select(Jac &r, uint64_t mask, const Jac &a, const Jac &b) {
+  fp::Select(r.x, mask, a.x, b.x);
+  fp::Select(r.y, mask, a.y, b.y);
+  fp::Select(r.z, mask, a.z, b.z);
+}
+
+inline uint64_t AtInfinityMask(const Jac &a) { return fp::IsZeroMask(a.z); }
+
+// Masks a sum formula reports about its operands: H = 0 means equal x
+// coordinates, R = 0 then equal y as well (a doubling).
+struct SumFlags {
+  uint64_t h_zero, r_zero;
+};
+
+template <class F>
+struct Curve {
+  // r = 2a, a = −3 (4M + 4S). At infinity stays at infinity. r may be a.
+  static void Dbl(Jac &r, const Jac &a) {
+    Fe delta, gamma, beta, alpha, t, u;
+    F::Sqr(delta, a.z);
+    F::Sqr(gamma, a.y);
+    F::Mul(beta, a.x, gamma);
+    fp::Sub(t, a.x, delta);
+    fp::Add(u, a.x, delta);
+    F::Mul(alpha, t, u);
+    fp::Double(t, alpha);
+    fp::Add(alpha, alpha, t);  // 3(x − δ)(x + δ)
+    F::Mul(r.z, a.y, a.z);
+    fp::Double(r.z, r.z);
+    fp::Double(beta, beta);
+    fp::Double(beta, beta);  // 4β
+    F::Sqr(t, alpha);
+    fp::Double(u, beta);
+    fp::Sub(r.x, t, u);  // α² − 8β
+    fp::Sub(t, beta, r.x);
+    F::Mul(t, alpha, t);
+    F::Sqr(gamma, gamma);
+    fp::Double(gamma, gamma);
+    fp::Double(gamma, gamma);
+    fp::Double(gamma, gamma);  // 8γ²
+    fp::Sub(r.y, t, gamma);
+  }
+
+  // r = a + b (12M + 4S). r may be a or b.
+  static SumFlags Add(Jac &r, const Jac &a, const Jac &b) {
+    Fe z1z1, z2z2, u1, u2, s1, s2, h, rr, hh, hhh, v, t;
+    F::Sqr(z1z1, a.z);
+    F::Sqr(z2z2, b.z);
+    F::Mul(u1, a.x, z2z2);
+    F::Mul(u2, b.x, z1z1);
+    F::Mul(s1, a.y, b.z);
+    F::Mul(s1, s1, z2z2);
+    F::Mul(s2, b.y, a.z);
+    F::Mul(s2, s2, z1z1);
+    fp::Sub(h, u2, u1);
+    fp::Sub(rr, s2, s1);
+    const SumFlags flags{fp::IsZeroMask(h), fp::IsZeroMask(rr)};
+    F::Mul(t, a.z, b.z);
+    F::Mul(r.z, t, h);
+    F::Sqr(hh, h);
+    F::Mul(hhh, h, hh);
+    F::Mul(v, u1, hh);
+    F::Sqr(t, rr);
+    fp::Sub(t, t, hhh);
+    fp::Sub(t, t, v);
+    fp::Sub(r.x, t, v);  // R² − H³ − 2V
+    fp::Sub(t, v, r.x);
+    F::Mul(t, rr, t);
+    F::Mul(s1, s1, hhh);
+    fp::Sub(r.y, t, s1);
+    return flags;
+  }
+
+  // r = a + b with b affine (8M + 3S). r may be a.
+  static SumFlags AddAffine(Jac &r, const Jac &a, const Aff &b) {
+    Fe z1z1, u2, s2, h, rr, hh, hhh, v, t;
+    F::Sqr(z1z1, a.z);
+    F::Mul(u2, b.x, z1z1);
+    F::Mul(s2, b.y, a.z);
+    F::Mul(s2, s2, z1z1);
+    fp::Sub(h, u2, a.x);
+    fp::Sub(rr, s2, a.y);
+    const SumFlags flags{fp::IsZeroMask(h), fp::IsZeroMask(rr)};
+    F::Mul(r.z, a.z, h);
+    F::Sqr(hh, h);
+    F::Mul(hhh, h, hh);
+    F::Mul(v, a.x, hh);
+    F::Mul(s2, a.y, hhh);  // s2 now Y1·H³
+    F::Sqr(t, rr);
+    fp::Sub(t, t, hhh);
+    fp::Sub(t, t, v);
+    fp::Sub(r.x, t, v);
+    fp::Sub(t, v, r.x);
+    F::Mul(t, rr, t);
+    fp::Sub(r.y, t, s2);
+    return flags;
+  }
+
+  // ---- constant-time sums: every case decided by masks ------------------
+
+  // r = a + b where either may be at infinity (b_inf all ones when b is).
+  // Without `exact`, a + b must not be a doubling; with it the doubling is
+  // computed too and selected when needed.
+  static void AddCt(Jac &r, const Jac &a, const Jac &b, uint64_t b_inf, bool exact) {
+    Jac sum, twice;
+    const SumFlags f = Add(sum, a, b);
+    const uint64_t a_inf = AtInfinityMask(a);
+    if (exact) {
+      Dbl(twice, b);
+      Select(sum, f.h_zero & f.r_zero & ~a_inf & ~b_inf, twice, sum);
+    }
+    Select(sum, a_inf, b, sum);
+    Select(r, b_inf, a, sum);
+  }
+
+  static void AddAffineCt(Jac &r, const Jac &a, const Aff &b, uint64_t b_inf, bool exact) {
+    Jac sum, twice, bj{b.x, b.y, fp::kOne};
+    const SumFlags f = AddAffine(sum, a, b);
+    const uint64_t a_inf = AtInfinityMask(a);
+    if (exact) {
+      Dbl(twice, bj);
+      Select(sum, f.h_zero & f.r_zero & ~a_inf & ~b_inf, twice, sum);
+    }
+    Select(sum, a_inf, bj, sum);
+    Select(r, b_inf, a, sum);
+  }
+
+  // ---- public sums: cases decided by tests -------------------------------
+
+  static void AddVar(Jac &r, const Jac &a, const Jac &b) {
+    if (AtInfinityMask(a) != 0) {
+      r = b;
+      return;
+    }
+    if (AtInfinityMask(b) != 0) {
+      r = a;
+      return;
+    }
+    Jac sum;
+    const SumFlags f = Add(sum, a, b);
+    if (f.h_zero != 0 && f.r_zero != 0) {
+      Dbl(r, a);
+    } else {
+      r = sum;  // H = 0 alone gives Z = 0: a + (−a) at infinity
+    }
+  }
+
+  static void AddAffineVar(Jac &r, const Jac &a, const Aff &b) {
+    if (AtInfinityMask(a) != 0) {
+      r = Jac{b.x, b.y, fp::kOne};
+      return;
+    }
+    Jac sum;
+    const SumFlags f = AddAffine(sum, a, b);
+    if (f.h_zero != 0 && f.r_zero != 0) {
+      Dbl(r, a);
+    } else {
+      r = sum;
+    }
+  }
+
+  // Affine coordinates (still Montgomery form); (0, 0) at infinity.
+  static void ToAffine(Aff &r, const Jac &a) {
+    Fe zi, zi2;
+    fp::Invert<F>(zi, a.z);
+    F::Sqr(zi2, zi);
+    F::Mul(r.x, a.x, zi2);
+    F::Mul(zi2, zi2, zi);
+    F::Mul(r.y, a.y, zi2);
+  }
+};
+
+// ---- constant-time table reads ------------------------------------------
+
+// The entry whose index is idx − 1, read by touching every entry; zeros when
+// idx is 0. N entries of W words each.
+template <int N, int W>
+inline void ScanTable(uint64_t out[W], const uint64_t *table, uint64_t idx) {
+  uint64_t acc[W] = {};
+  for (int j = 0; j < N; ++j) {
+    const uint64_t mask = fp::EqMask(static_cast<uint64_t>(j + 1), idx);
+    const uint64_t *e = table + j * W;
+    for (int w = 0; w < W; ++w) acc[w] |= e[w] & mask;
+  }
+  std::memcpy(out, acc, sizeof acc);
+}
+
+// Regular signed-digit (Booth) recoding of a w-bit window: `bits` holds the
+// window and, below it, the top bit of the window before. Gives |digit| and
+// an all-ones mask when the digit is negative.
+template <int W>
+inline void BoothDigit(uint64_t bits, uint64_t &magnitude, uint64_t &negative) {
+  const uint64_t s = fp::Opaque(0 - (bits >> W));
+  uint64_t d = ((uint64_t{1} << (W + 1)) - bits - 1) & s;
+  d |= bits & ~s;
+  magnitude = (d >> 1) + (d & 1);
+  negative = s;
+}
+
+// w + 1 bits of k (4 limbs) starting at bit pos − 1; bits outside k are 0.
+inline uint64_t WindowBits(const uint64_t k[4], int pos, int w) {
+  const uint64_t mask = (uint64_t{1} << (w + 1)) - 1;
+  if (pos == 0) return (k[0] << 1) & mask;
+  const int bit = pos - 1, limb = bit / 64, shift = bit % 64;
+  uint64_t v = limb < 4 ? k[limb] >> shift : 0;
+  if (shift != 0 && limb + 1 < 4) v |= k[limb + 1] << (64 - shift);
+  return v & mask;
+}
+
+}  // namespace zeph::gm::sm2::ec

@@ -41,31 +41,30 @@ struct SumFlags {
 
 template <class F>
 struct Curve {
-  // r = 2a, a = −3 (4M + 4S). At infinity stays at infinity. r may be a.
+  // r = 2a, a = −3 (4M + 4S, 10 linear operations). At infinity stays at
+  // infinity. r may be a.
+  //   Z3 = 2Y·Z, A = 3(X − Z²)(X + Z²), B = 4X·Y², X3 = A² − 2B,
+  //   Y3 = A(B − X3) − 8Y⁴, with 4Y² = (2Y)² and 8Y⁴ = (4Y²)²/2.
   static void Dbl(Jac &r, const Jac &a) {
-    Fe delta, gamma, beta, alpha, t, u;
-    F::Sqr(delta, a.z);
-    F::Sqr(gamma, a.y);
-    F::Mul(beta, a.x, gamma);
-    fp::Sub(t, a.x, delta);
-    fp::Add(u, a.x, delta);
+    Fe y2, y2sq, b, zz, t, u, alpha;
+    fp::Double(y2, a.y);
+    F::Sqr(zz, a.z);
+    F::Sqr(y2sq, y2);
+    F::Mul(b, a.x, y2sq);
+    fp::Sub(t, a.x, zz);
+    fp::Add(u, a.x, zz);
+    F::Mul(r.z, y2, a.z);
     F::Mul(alpha, t, u);
     fp::Double(t, alpha);
-    fp::Add(alpha, alpha, t);  // 3(x − δ)(x + δ)
-    F::Mul(r.z, a.y, a.z);
-    fp::Double(r.z, r.z);
-    fp::Double(beta, beta);
-    fp::Double(beta, beta);  // 4β
+    fp::Add(alpha, alpha, t);
     F::Sqr(t, alpha);
-    fp::Double(u, beta);
-    fp::Sub(r.x, t, u);  // α² − 8β
-    fp::Sub(t, beta, r.x);
+    fp::Double(u, b);
+    fp::Sub(r.x, t, u);
+    fp::Sub(t, b, r.x);
     F::Mul(t, alpha, t);
-    F::Sqr(gamma, gamma);
-    fp::Double(gamma, gamma);
-    fp::Double(gamma, gamma);
-    fp::Double(gamma, gamma);  // 8γ²
-    fp::Sub(r.y, t, gamma);
+    F::Sqr(u, y2sq);
+    fp::Half(u, u);
+    fp::Sub(r.y, t, u);
   }
 
   // r = a + b (12M + 4S). r may be a or b.

@@ -11,6 +11,7 @@
 // width-5 (P) non-adjacent forms sharing one chain of doublings.
 #include "gm/sm2_curve.hpp"
 
+#include <algorithm>
 #include <cstring>
 
 #include <openssl/crypto.h>
@@ -156,29 +157,32 @@ constexpr int kNafMax = 257;
 constexpr int kPWidth = 5;
 constexpr int kPEntries = 1 << (kPWidth - 2);
 
-// Width-w non-adjacent form, least significant digit first; returns the
-// length. Digits are odd and below 2^(w−1) in magnitude, or zero.
+// Width-w non-adjacent form of k, least significant digit first; returns the
+// length. Digits are odd and below 2^(w−1) in magnitude, or zero; a run of
+// zero bits is skipped one bit at a time, a nonzero digit takes w bits and
+// leaves a carry when it is negative.
 int Wnaf(int digits[kNafMax + 1], const uint64_t k[4], int w) {
-  uint64_t v[5] = {k[0], k[1], k[2], k[3], 0};
-  const int full = 1 << w, half = 1 << (w - 1);
-  int len = 0;
-  while ((v[0] | v[1] | v[2] | v[3] | v[4]) != 0) {
-    int d = 0;
-    if ((v[0] & 1) != 0) {
-      d = static_cast<int>(v[0] & (full - 1));
-      if (d >= half) d -= full;
-      uint64_t c = 0;
-      if (d > 0) {
-        v[0] = fp::SubB(v[0], static_cast<uint64_t>(d), c);
-        for (int i = 1; i < 5; ++i) v[i] = fp::SubB(v[i], 0, c);
-      } else {
-        v[0] = fp::AddC(v[0], static_cast<uint64_t>(-d), c);
-        for (int i = 1; i < 5; ++i) v[i] = fp::AddC(v[i], 0, c);
-      }
+  std::fill(digits, digits + kNafMax + 1, 0);
+  int carry = 0, len = 0;
+  for (int bit = 0; bit < 256;) {
+    const int limb = bit / 64, shift = bit % 64;
+    if (static_cast<int>((k[limb] >> shift) & 1) == carry) {
+      ++bit;
+      continue;
     }
-    digits[len++] = d;
-    for (int i = 0; i < 4; ++i) v[i] = (v[i] >> 1) | (v[i + 1] << 63);
-    v[4] >>= 1;
+    const int now = w < 256 - bit ? w : 256 - bit;
+    uint64_t v = k[limb] >> shift;
+    if (shift + now > 64) v |= k[limb + 1] << (64 - shift);
+    int word = static_cast<int>(v & ((uint64_t{1} << now) - 1)) + carry;
+    carry = (word >> (w - 1)) & 1;
+    word -= carry << w;
+    digits[bit] = word;
+    len = bit + 1;
+    bit += now;
+  }
+  if (carry != 0) {
+    digits[256] = 1;
+    len = 257;
   }
   return len;
 }

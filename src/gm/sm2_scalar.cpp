@@ -33,7 +33,7 @@ void SubNUnlessNegative(uint64_t r[4], const uint64_t t[4], uint64_t top) {
 }
 
 // r = a·b / 2^256 mod n, for a·b < n·2^256.
-void MontMul(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]) {
+void MontMulPortable(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]) {
   uint64_t t[6] = {};
   for (int i = 0; i < 4; ++i) {
     uint64_t carry = 0;
@@ -60,9 +60,31 @@ void MontMul(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]) {
   SubNUnlessNegative(r, t, t[4]);
 }
 
-void MontSqrN(uint64_t r[4], const uint64_t a[4], int n) {
-  MontMul(r, a, a);
-  while (--n > 0) MontMul(r, r, r);
+struct Portable {
+  static void Mul(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]) { MontMulPortable(r, a, b); }
+  static void Sqr(uint64_t r[4], const uint64_t a[4]) { MontMulPortable(r, a, a); }
+};
+
+#if defined(ZEPH_SM2_HAVE_ADX)
+struct Adx {
+  static void Mul(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]) { zeph_sm2_fn_mul_adx(r, a, b); }
+  static void Sqr(uint64_t r[4], const uint64_t a[4]) { zeph_sm2_fn_sqr_adx(r, a); }
+};
+#endif
+
+// Runs fn.template operator()<M>() with the multiplier of the active build.
+template <class Fn>
+auto WithMont(Fn &&fn) {
+#if defined(ZEPH_SM2_HAVE_ADX)
+  if (fp::ActiveBuild() == fp::Build::kAdx) return fn.template operator()<Adx>();
+#endif
+  return fn.template operator()<Portable>();
+}
+
+template <class M>
+void SqrN(uint64_t r[4], const uint64_t a[4], int n) {
+  M::Sqr(r, a);
+  while (--n > 0) M::Sqr(r, r);
 }
 
 uint64_t ZeroMask(const uint64_t a[4]) { return fp::ZeroMask(a[0] | a[1] | a[2] | a[3]); }
@@ -70,37 +92,42 @@ uint64_t ZeroMask(const uint64_t a[4]) { return fp::ZeroMask(a[0] | a[1] | a[2] 
 // a^(n−2) in the Montgomery domain. The top 128 bits of n − 2 are 31 ones, a
 // zero and 96 ones (an addition chain); the low 128 bits go by fixed 4-bit
 // windows. The exponent is public, so its digits may index the table.
-void MontInvert(uint64_t r[4], const uint64_t a[4]) {
+template <class M>
+void Invert(uint64_t r[4], const uint64_t a[4]) {
   static constexpr uint64_t kLow[2] = {0x53BBF40939D54121, 0x7203DF6B21C6052B};
   uint64_t pow[16][4];  // pow[i] = a^i, i ≥ 1
   std::memcpy(pow[1], a, 32);
-  for (int i = 2; i < 16; ++i) MontMul(pow[i], pow[i - 1], a);
+  M::Sqr(pow[2], a);
+  for (int i = 3; i < 16; ++i) M::Mul(pow[i], pow[i - 1], a);
   uint64_t x6[4], x12[4], x24[4], x30[4], x31[4], x32[4], t[4];
-  MontSqrN(t, pow[7], 3);  // a^(2^3 − 1) = a^7
-  MontMul(x6, t, pow[7]);
-  MontSqrN(t, x6, 6);
-  MontMul(x12, t, x6);
-  MontSqrN(t, x12, 12);
-  MontMul(x24, t, x12);
-  MontSqrN(t, x24, 6);
-  MontMul(x30, t, x6);
-  MontMul(t, x30, x30);
-  MontMul(x31, t, a);
-  MontMul(t, x31, x31);
-  MontMul(x32, t, a);
-  MontMul(t, x31, x31);  // 31 ones, a zero
+  SqrN<M>(t, pow[7], 3);  // a^(2^3 − 1) = a^7
+  M::Mul(x6, t, pow[7]);
+  SqrN<M>(t, x6, 6);
+  M::Mul(x12, t, x6);
+  SqrN<M>(t, x12, 12);
+  M::Mul(x24, t, x12);
+  SqrN<M>(t, x24, 6);
+  M::Mul(x30, t, x6);
+  M::Sqr(t, x30);
+  M::Mul(x31, t, a);
+  M::Sqr(t, x31);
+  M::Mul(x32, t, a);
+  M::Sqr(t, x31);  // 31 ones, a zero
   for (int i = 0; i < 3; ++i) {
-    MontSqrN(t, t, 32);
-    MontMul(t, t, x32);
+    SqrN<M>(t, t, 32);
+    M::Mul(t, t, x32);
   }
   for (int i = 31; i >= 0; --i) {
-    MontSqrN(t, t, 4);
+    SqrN<M>(t, t, 4);
     const unsigned digit = static_cast<unsigned>(kLow[i / 16] >> (4 * (i % 16))) & 15;
-    if (digit != 0) MontMul(t, t, pow[digit]);
+    if (digit != 0) M::Mul(t, t, pow[digit]);
   }
   std::memcpy(r, t, 32);
   OPENSSL_cleanse(pow, sizeof pow);
   OPENSSL_cleanse(t, sizeof t);
+  OPENSSL_cleanse(x30, sizeof x30);
+  OPENSSL_cleanse(x31, sizeof x31);
+  OPENSSL_cleanse(x32, sizeof x32);
 }
 
 }  // namespace
@@ -169,8 +196,10 @@ void ModMul(const Scalar &a, const Scalar &b, Scalar *out) {
   uint64_t x[4], y[4];
   sc::Load(x, a.b);
   sc::Load(y, b.b);
-  sc::MontMul(x, x, sc::kRR);  // a·2^256 mod n, for any a below 2^256
-  sc::MontMul(x, x, y);        // (a·2^256)·b / 2^256
+  sc::WithMont([&]<class M>() {
+    M::Mul(x, x, sc::kRR);  // a·2^256 mod n, for any a below 2^256
+    M::Mul(x, x, y);        // (a·2^256)·b / 2^256
+  });
   sc::Store(out->b, x);
   OPENSSL_cleanse(x, sizeof x);
   OPENSSL_cleanse(y, sizeof y);
@@ -180,9 +209,11 @@ bool ModInv(const Scalar &a, Scalar *out) {
   static constexpr uint64_t kOne[4] = {1, 0, 0, 0};
   uint64_t x[4];
   sc::Load(x, a.b);
-  sc::MontMul(x, x, sc::kRR);
-  sc::MontInvert(x, x);
-  sc::MontMul(x, x, kOne);
+  sc::WithMont([&]<class M>() {
+    M::Mul(x, x, sc::kRR);
+    sc::Invert<M>(x, x);
+    M::Mul(x, x, kOne);
+  });
   const uint64_t nonzero = ~sc::ZeroMask(x) & 1;
   sc::Store(out->b, x);
   OPENSSL_cleanse(x, sizeof x);

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "gm/sm2_field.hpp"
+
 namespace zeph::gm::sm2::sc {
 
 inline constexpr uint64_t kN[4] = {0x53BBF40939D54123, 0x7203DF6B21C6052B, 0xFFFFFFFFFFFFFFFF, 0xFFFFFFFEFFFFFFFF};
@@ -26,5 +28,12 @@ inline void Store(uint8_t out[32], const uint64_t in[4]) {
 
 // a mod n for any a below 2^256 (< 2n, so one conditional subtraction).
 void ReduceOnce(uint64_t r[4], const uint64_t a[4]);
+
+#if defined(ZEPH_SM2_HAVE_ADX)
+// Montgomery multiplication and squaring modulo n, from the assembly that
+// also holds the field's.
+extern "C" void zeph_sm2_fn_mul_adx(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]);
+extern "C" void zeph_sm2_fn_sqr_adx(uint64_t r[4], const uint64_t a[4]);
+#endif
 
 }  // namespace zeph::gm::sm2::sc

@@ -11,8 +11,8 @@ inline constexpr int kCombWindow = 7;
 inline constexpr int kCombRows = 37;
 inline constexpr int kCombEntries = 64;
 // Odd multiples for the wNAF of public scalars: odd[j] = (2j + 1)·G.
-inline constexpr int kOddWidth = 8;
-inline constexpr int kOddEntries = 64;
+inline constexpr int kOddWidth = 10;
+inline constexpr int kOddEntries = 256;
 
 struct BaseTables {
   Aff comb[kCombRows][kCombEntries];

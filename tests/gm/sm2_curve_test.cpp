@@ -212,7 +212,10 @@ TEST(Sm2Curve, PointDecodingChecksRangeAndCurve) {
       const bool ok = sm2::PointFromXY(xy.data(), &got);
       ASSERT_EQ(ok, Ref().Valid(xy.data()));
       if (ok) {
-        EXPECT_EQ(0, std::memcmp(&got, xy.data(), 64));
+        uint8_t out[65];
+        sm2::PointTo65(got, out);
+        EXPECT_EQ(out[0], 0x04);
+        EXPECT_EQ(0, std::memcmp(out + 1, xy.data(), 64));
       }
     }
   });

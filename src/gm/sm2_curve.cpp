@@ -2,12 +2,14 @@
 //
 // k·G: 37 signed 7-bit windows of k, each one a full scan of its row of the
 // base table and a mixed addition; k·P: 52 signed 5-bit windows, five
-// doublings and a full scan of 16 multiples of P each. Both recode k so that
-// every k runs the same operations on the same addresses. With k < n the
-// running sum can meet the added point (a doubling in disguise) only in the
-// last addition, which therefore also computes the doubling and selects.
+// doublings and a full scan of 16 multiples of P each. Both reduce k mod n
+// and recode it so that every k runs the same operations on the same
+// addresses. With k < n the running sum can meet the added point (a doubling
+// in disguise) only in the last addition, which therefore also computes the
+// doubling and selects; additions with the point at infinity are selected
+// by masks throughout.
 //
-// s·G + t·P for public scalars: interleaved width-8 (G, precomputed) and
+// s·G + t·P for public scalars: interleaved width-10 (G, precomputed) and
 // width-5 (P) non-adjacent forms sharing one chain of doublings.
 #include "gm/sm2_curve.hpp"
 
@@ -72,9 +74,10 @@ uint64_t StoreJac(const Jac &a, Point *out) {
   return ~ec::AtInfinityMask(a);
 }
 
-inline void CondNegate(Fe &y, uint64_t negative) {
+template <class F>
+void CondNegate(Fe &y, uint64_t negative) {
   Fe n;
-  fp::Neg(n, y);
+  F::Neg(n, y);
   fp::Select(y, negative, n, y);
 }
 
@@ -90,8 +93,8 @@ bool MulBaseCt(const Scalar &k, Point *out) {
   Aff q;
   for (int i = 0; i < ec::kCombRows; ++i) {
     ec::BoothDigit<ec::kCombWindow>(ec::WindowBits(kl, ec::kCombWindow * i, ec::kCombWindow), magnitude, negative);
-    ec::ScanTable<ec::kCombEntries, 8>(q.x.v, tables.comb[i][0].x.v, magnitude);
-    CondNegate(q.y, negative);
+    ec::ScanTable<ec::kCombEntries>(q, tables.comb[i], magnitude);
+    CondNegate<F>(q.y, negative);
     const uint64_t q_inf = fp::ZeroMask(magnitude);
     if (i == 0) {
       acc.x = q.x;
@@ -133,8 +136,8 @@ bool MulCt(const Scalar &k, const Point &p, Point *out) {
   Jac acc, q;
   for (int i = kVarRows - 1; i >= 0; --i) {
     ec::BoothDigit<kVarWindow>(ec::WindowBits(kl, kVarWindow * i, kVarWindow), magnitude, negative);
-    ec::ScanTable<kVarEntries, 12>(q.x.v, table[0].x.v, magnitude);
-    CondNegate(q.y, negative);
+    ec::ScanTable<kVarEntries>(q, table, magnitude);
+    CondNegate<F>(q.y, negative);
     if (i == kVarRows - 1) {
       acc = q;  // zeros, at infinity, for a zero digit
       continue;
@@ -205,12 +208,12 @@ Jac MulBaseAddJac(const Scalar &s, const Scalar &t, const Point &p) {
     C::Dbl(acc, acc);
     if (i < slen && sd[i] != 0) {
       Aff q = tables.odd[(sd[i] < 0 ? -sd[i] : sd[i]) / 2];
-      if (sd[i] < 0) fp::Neg(q.y, q.y);
+      if (sd[i] < 0) F::Neg(q.y, q.y);
       C::AddAffineVar(acc, acc, q);
     }
     if (i < tlen && td[i] != 0) {
       Jac q = odd[(td[i] < 0 ? -td[i] : td[i]) / 2];
-      if (td[i] < 0) fp::Neg(q.y, q.y);
+      if (td[i] < 0) F::Neg(q.y, q.y);
       C::AddVar(acc, acc, q);
     }
   }
@@ -243,7 +246,7 @@ template <class F>
 bool AddPoints(const Point &a, const Point &b, bool subtract, Point *out) {
   const Jac x = LoadJac<F>(a);
   Jac y = LoadJac<F>(b), r;
-  if (subtract) fp::Neg(y.y, y.y);
+  if (subtract) F::Neg(y.y, y.y);
   Curve<F>::AddVar(r, x, y);
   if (ec::AtInfinityMask(r) != 0) return false;
   StoreJac<F>(r, out);
@@ -280,10 +283,10 @@ bool PointFromXY(const uint8_t xy[2 * kCoordLen], Point *out) {
     F::Sqr(lhs, a.y);
     F::Sqr(rhs, a.x);
     F::Mul(rhs, rhs, a.x);  // x³
-    fp::Double(t, a.x);
-    fp::Add(t, t, a.x);
-    fp::Sub(rhs, rhs, t);  // x³ − 3x
-    fp::Add(rhs, rhs, fp::kB);
+    F::Double(t, a.x);
+    F::Add(t, t, a.x);
+    F::Sub(rhs, rhs, t);  // x³ − 3x
+    F::Add(rhs, rhs, fp::kB);
     return fp::EqualMask(lhs, rhs) != 0;
   });
   if (!on_curve) return false;

@@ -40,7 +40,9 @@ bool PointFromXY(const uint8_t xy[2 * kCoordLen], Point *out);
 // 0x04 || x || y.
 void PointTo65(const Point &p, uint8_t out[kPointLen]);
 
-// k·G, constant time in k. False when k ≡ 0 (mod n).
+// k·G, constant time in k. False when k ≡ 0 (mod n). Both write *out either
+// way (its contents are meaningless when false), so that success and failure
+// take the same path.
 bool MulBase(const Scalar &k, Point *out);
 // k·P, constant time in k. False when the result is the point at infinity.
 bool Mul(const Scalar &k, const Point &p, Point *out);

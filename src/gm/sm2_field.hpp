@@ -2,10 +2,13 @@
 // 64-bit limbs, least significant first, in Montgomery form a·2^256 mod p and
 // always fully reduced. Nothing here branches on or indexes by a value.
 //
-// Multiplication and squaring come in two builds with the same results: a
-// portable one over unsigned __int128, and on x86-64 CPUs with BMI2 and ADX
-// one in assembly (mulx with two carry chains). Callers are templates over a
-// Field policy so the point formulas inline whichever they run on.
+// The arithmetic comes in two builds with the same results, each a policy
+// struct (Mul, Sqr, Add, Sub, Half, Double, Neg) that the point formulas are
+// templates over: Portable, C++ over unsigned __int128, compiled everywhere;
+// and Adx, on x86-64 CPUs with BMI2 and ADX, with multiplication and squaring
+// in assembly (mulx with two carry chains) and the linear operations in
+// inline assembly (carry chains and cmov, a third of the instructions the
+// compiler makes of the portable forms).
 #pragma once
 
 #include <cstdint>
@@ -14,6 +17,7 @@
 #include <x86intrin.h>
 #endif
 
+// The assembly is written for x86-64 under the System V calling convention.
 #if defined(__x86_64__) && defined(__ELF__)
 #define ZEPH_SM2_HAVE_ADX 1
 #endif
@@ -94,105 +98,15 @@ inline void Normalize(Fe &r, const uint64_t t[4], uint64_t top) {
   for (int i = 0; i < 4; ++i) r.v[i] = Opaque(s[i] ^ ((t[i] ^ s[i]) & keep));
 }
 
-#if defined(__x86_64__)
-// The linear operations in x86-64 assembly: carry chains and cmov, about a
-// third of the instructions the compiler makes of the portable forms below.
-inline void Add(Fe &r, const Fe &a, const Fe &b) {
-  uint64_t r0 = a.v[0], r1 = a.v[1], r2 = a.v[2], r3 = a.v[3], s0, s1, s2, s3, top;
-  __asm__(
-      "xor %k[top], %k[top]\n\t"
-      "add %[b0], %[r0]\n\t"
-      "adc %[b1], %[r1]\n\t"
-      "adc %[b2], %[r2]\n\t"
-      "adc %[b3], %[r3]\n\t"
-      "adc $0, %[top]\n\t"
-      "mov %[r0], %[s0]\n\t"
-      "mov %[r1], %[s1]\n\t"
-      "mov %[r2], %[s2]\n\t"
-      "mov %[r3], %[s3]\n\t"
-      "sub $-1, %[s0]\n\t"
-      "sbb %[p1], %[s1]\n\t"
-      "sbb $-1, %[s2]\n\t"
-      "sbb %[p3], %[s3]\n\t"
-      "sbb $0, %[top]\n\t"
-      "cmovnc %[s0], %[r0]\n\t"
-      "cmovnc %[s1], %[r1]\n\t"
-      "cmovnc %[s2], %[r2]\n\t"
-      "cmovnc %[s3], %[r3]"
-      : [r0] "+&r"(r0), [r1] "+&r"(r1), [r2] "+&r"(r2), [r3] "+&r"(r3), [s0] "=&r"(s0), [s1] "=&r"(s1), [s2] "=&r"(s2),
-        [s3] "=&r"(s3), [top] "=&r"(top)
-      : [b0] "rm"(b.v[0]), [b1] "rm"(b.v[1]), [b2] "rm"(b.v[2]), [b3] "rm"(b.v[3]), [p1] "m"(kP.v[1]), [p3] "m"(kP.v[3])
-      : "cc");
-  r.v[0] = r0;
-  r.v[1] = r1;
-  r.v[2] = r2;
-  r.v[3] = r3;
-}
+// ---- portable build -------------------------------------------------------
 
-inline void Sub(Fe &r, const Fe &a, const Fe &b) {
-  uint64_t r0 = a.v[0], r1 = a.v[1], r2 = a.v[2], r3 = a.v[3], mask, m1, m3;
-  __asm__(
-      "sub %[b0], %[r0]\n\t"
-      "sbb %[b1], %[r1]\n\t"
-      "sbb %[b2], %[r2]\n\t"
-      "sbb %[b3], %[r3]\n\t"
-      "sbb %[mask], %[mask]\n\t"
-      "mov %[p1], %[m1]\n\t"
-      "mov %[p3], %[m3]\n\t"
-      "and %[mask], %[m1]\n\t"
-      "and %[mask], %[m3]\n\t"
-      "add %[mask], %[r0]\n\t"
-      "adc %[m1], %[r1]\n\t"
-      "adc %[mask], %[r2]\n\t"
-      "adc %[m3], %[r3]"
-      :
-      [r0] "+&r"(r0), [r1] "+&r"(r1), [r2] "+&r"(r2), [r3] "+&r"(r3), [mask] "=&r"(mask), [m1] "=&r"(m1), [m3] "=&r"(m3)
-      : [b0] "rm"(b.v[0]), [b1] "rm"(b.v[1]), [b2] "rm"(b.v[2]), [b3] "rm"(b.v[3]), [p1] "m"(kP.v[1]), [p3] "m"(kP.v[3])
-      : "cc");
-  r.v[0] = r0;
-  r.v[1] = r1;
-  r.v[2] = r2;
-  r.v[3] = r3;
-}
-
-// a/2: a + p when a is odd, then one bit right.
-inline void Half(Fe &r, const Fe &a) {
-  uint64_t r0 = a.v[0], r1 = a.v[1], r2 = a.v[2], r3 = a.v[3], mask, m1, m3, top;
-  __asm__(
-      "mov %[r0], %[mask]\n\t"
-      "and $1, %[mask]\n\t"
-      "neg %[mask]\n\t"
-      "mov %[p1], %[m1]\n\t"
-      "mov %[p3], %[m3]\n\t"
-      "and %[mask], %[m1]\n\t"
-      "and %[mask], %[m3]\n\t"
-      "xor %k[top], %k[top]\n\t"
-      "add %[mask], %[r0]\n\t"
-      "adc %[m1], %[r1]\n\t"
-      "adc %[mask], %[r2]\n\t"
-      "adc %[m3], %[r3]\n\t"
-      "adc $0, %[top]\n\t"
-      "shrd $1, %[r1], %[r0]\n\t"
-      "shrd $1, %[r2], %[r1]\n\t"
-      "shrd $1, %[r3], %[r2]\n\t"
-      "shrd $1, %[top], %[r3]"
-      : [r0] "+&r"(r0), [r1] "+&r"(r1), [r2] "+&r"(r2), [r3] "+&r"(r3), [mask] "=&r"(mask), [m1] "=&r"(m1),
-        [m3] "=&r"(m3), [top] "=&r"(top)
-      : [p1] "m"(kP.v[1]), [p3] "m"(kP.v[3])
-      : "cc");
-  r.v[0] = r0;
-  r.v[1] = r1;
-  r.v[2] = r2;
-  r.v[3] = r3;
-}
-#else
-inline void Add(Fe &r, const Fe &a, const Fe &b) {
+inline void AddPortable(Fe &r, const Fe &a, const Fe &b) {
   uint64_t carry = 0, t[4];
   for (int i = 0; i < 4; ++i) t[i] = AddC(a.v[i], b.v[i], carry);
   Normalize(r, t, carry);
 }
 
-inline void Sub(Fe &r, const Fe &a, const Fe &b) {
+inline void SubPortable(Fe &r, const Fe &a, const Fe &b) {
   uint64_t borrow = 0, t[4];
   for (int i = 0; i < 4; ++i) t[i] = SubB(a.v[i], b.v[i], borrow);
   const uint64_t mask = Opaque(0 - borrow);
@@ -200,19 +114,13 @@ inline void Sub(Fe &r, const Fe &a, const Fe &b) {
   for (int i = 0; i < 4; ++i) r.v[i] = AddC(t[i], kP.v[i] & mask, carry);
 }
 
-inline void Half(Fe &r, const Fe &a) {
+inline void HalfPortable(Fe &r, const Fe &a) {
   const uint64_t mask = Opaque(0 - (a.v[0] & 1));
   uint64_t carry = 0, t[4];
   for (int i = 0; i < 4; ++i) t[i] = AddC(a.v[i], kP.v[i] & mask, carry);
   for (int i = 0; i < 3; ++i) r.v[i] = (t[i] >> 1) | (t[i + 1] << 63);
   r.v[3] = (t[3] >> 1) | (carry << 63);
 }
-#endif
-
-inline void Double(Fe &r, const Fe &a) { Add(r, a, a); }
-inline void Neg(Fe &r, const Fe &a) { Sub(r, kZero, a); }
-
-// ---- Montgomery multiplication, portable build ---------------------------
 
 // One word of Montgomery reduction, (w + m·p) / 2^64 with m = w0. Because
 // p ≡ −1 mod 2^64, m needs no multiplication, and m·p / 2^64 folds into
@@ -285,18 +193,122 @@ inline void SqrPortable(Fe &r, const Fe &a) {
   Reduce(r, t);
 }
 
-struct Portable {
+// Double and Neg from a build's Add and Sub.
+template <class Self>
+struct Derived {
+  static void Double(Fe &r, const Fe &a) { Self::Add(r, a, a); }
+  static void Neg(Fe &r, const Fe &a) { Self::Sub(r, kZero, a); }
+};
+
+struct Portable : Derived<Portable> {
   static void Mul(Fe &r, const Fe &a, const Fe &b) { MulPortable(r, a, b); }
   static void Sqr(Fe &r, const Fe &a) { SqrPortable(r, a); }
+  static void Add(Fe &r, const Fe &a, const Fe &b) { AddPortable(r, a, b); }
+  static void Sub(Fe &r, const Fe &a, const Fe &b) { SubPortable(r, a, b); }
+  static void Half(Fe &r, const Fe &a) { HalfPortable(r, a); }
 };
+
+// ---- x86-64 build ---------------------------------------------------------
 
 #if defined(ZEPH_SM2_HAVE_ADX)
 extern "C" void zeph_sm2_fp_mul_adx(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]);
 extern "C" void zeph_sm2_fp_sqr_adx(uint64_t r[4], const uint64_t a[4]);
 
-struct Adx {
+inline void AddX86(Fe &r, const Fe &a, const Fe &b) {
+  uint64_t r0 = a.v[0], r1 = a.v[1], r2 = a.v[2], r3 = a.v[3], s0, s1, s2, s3, top;
+  __asm__(
+      "xor %k[top], %k[top]\n\t"
+      "add %[b0], %[r0]\n\t"
+      "adc %[b1], %[r1]\n\t"
+      "adc %[b2], %[r2]\n\t"
+      "adc %[b3], %[r3]\n\t"
+      "adc $0, %[top]\n\t"
+      "mov %[r0], %[s0]\n\t"
+      "mov %[r1], %[s1]\n\t"
+      "mov %[r2], %[s2]\n\t"
+      "mov %[r3], %[s3]\n\t"
+      "sub $-1, %[s0]\n\t"
+      "sbb %[p1], %[s1]\n\t"
+      "sbb $-1, %[s2]\n\t"
+      "sbb %[p3], %[s3]\n\t"
+      "sbb $0, %[top]\n\t"
+      "cmovnc %[s0], %[r0]\n\t"
+      "cmovnc %[s1], %[r1]\n\t"
+      "cmovnc %[s2], %[r2]\n\t"
+      "cmovnc %[s3], %[r3]"
+      : [r0] "+&r"(r0), [r1] "+&r"(r1), [r2] "+&r"(r2), [r3] "+&r"(r3), [s0] "=&r"(s0), [s1] "=&r"(s1), [s2] "=&r"(s2),
+        [s3] "=&r"(s3), [top] "=&r"(top)
+      : [b0] "rm"(b.v[0]), [b1] "rm"(b.v[1]), [b2] "rm"(b.v[2]), [b3] "rm"(b.v[3]), [p1] "m"(kP.v[1]), [p3] "m"(kP.v[3])
+      : "cc");
+  r.v[0] = r0;
+  r.v[1] = r1;
+  r.v[2] = r2;
+  r.v[3] = r3;
+}
+
+inline void SubX86(Fe &r, const Fe &a, const Fe &b) {
+  uint64_t r0 = a.v[0], r1 = a.v[1], r2 = a.v[2], r3 = a.v[3], mask, m1, m3;
+  __asm__(
+      "sub %[b0], %[r0]\n\t"
+      "sbb %[b1], %[r1]\n\t"
+      "sbb %[b2], %[r2]\n\t"
+      "sbb %[b3], %[r3]\n\t"
+      "sbb %[mask], %[mask]\n\t"
+      "mov %[p1], %[m1]\n\t"
+      "mov %[p3], %[m3]\n\t"
+      "and %[mask], %[m1]\n\t"
+      "and %[mask], %[m3]\n\t"
+      "add %[mask], %[r0]\n\t"
+      "adc %[m1], %[r1]\n\t"
+      "adc %[mask], %[r2]\n\t"
+      "adc %[m3], %[r3]"
+      :
+      [r0] "+&r"(r0), [r1] "+&r"(r1), [r2] "+&r"(r2), [r3] "+&r"(r3), [mask] "=&r"(mask), [m1] "=&r"(m1), [m3] "=&r"(m3)
+      : [b0] "rm"(b.v[0]), [b1] "rm"(b.v[1]), [b2] "rm"(b.v[2]), [b3] "rm"(b.v[3]), [p1] "m"(kP.v[1]), [p3] "m"(kP.v[3])
+      : "cc");
+  r.v[0] = r0;
+  r.v[1] = r1;
+  r.v[2] = r2;
+  r.v[3] = r3;
+}
+
+// a/2: a + p when a is odd, then one bit right.
+inline void HalfX86(Fe &r, const Fe &a) {
+  uint64_t r0 = a.v[0], r1 = a.v[1], r2 = a.v[2], r3 = a.v[3], mask, m1, m3, top;
+  __asm__(
+      "mov %[r0], %[mask]\n\t"
+      "and $1, %[mask]\n\t"
+      "neg %[mask]\n\t"
+      "mov %[p1], %[m1]\n\t"
+      "mov %[p3], %[m3]\n\t"
+      "and %[mask], %[m1]\n\t"
+      "and %[mask], %[m3]\n\t"
+      "xor %k[top], %k[top]\n\t"
+      "add %[mask], %[r0]\n\t"
+      "adc %[m1], %[r1]\n\t"
+      "adc %[mask], %[r2]\n\t"
+      "adc %[m3], %[r3]\n\t"
+      "adc $0, %[top]\n\t"
+      "shrd $1, %[r1], %[r0]\n\t"
+      "shrd $1, %[r2], %[r1]\n\t"
+      "shrd $1, %[r3], %[r2]\n\t"
+      "shrd $1, %[top], %[r3]"
+      : [r0] "+&r"(r0), [r1] "+&r"(r1), [r2] "+&r"(r2), [r3] "+&r"(r3), [mask] "=&r"(mask), [m1] "=&r"(m1),
+        [m3] "=&r"(m3), [top] "=&r"(top)
+      : [p1] "m"(kP.v[1]), [p3] "m"(kP.v[3])
+      : "cc");
+  r.v[0] = r0;
+  r.v[1] = r1;
+  r.v[2] = r2;
+  r.v[3] = r3;
+}
+
+struct Adx : Derived<Adx> {
   static void Mul(Fe &r, const Fe &a, const Fe &b) { zeph_sm2_fp_mul_adx(r.v, a.v, b.v); }
   static void Sqr(Fe &r, const Fe &a) { zeph_sm2_fp_sqr_adx(r.v, a.v); }
+  static void Add(Fe &r, const Fe &a, const Fe &b) { AddX86(r, a, b); }
+  static void Sub(Fe &r, const Fe &a, const Fe &b) { SubX86(r, a, b); }
+  static void Half(Fe &r, const Fe &a) { HalfX86(r, a); }
 };
 #endif
 

@@ -24,6 +24,8 @@ struct Aff {
   Fe x, y;
 };
 
+static_assert(sizeof(Jac) == 12 * sizeof(uint64_t) && sizeof(Aff) == 8 * sizeof(uint64_t));
+
 // r = mask ? a : b, field by field.
 inline void Select(Jac &r, uint64_t mask, const Jac &a, const Jac &b) {
   fp::Select(r.x, mask, a.x, b.x);
@@ -47,24 +49,24 @@ struct Curve {
   //   Y3 = A(B − X3) − 8Y⁴, with 4Y² = (2Y)² and 8Y⁴ = (4Y²)²/2.
   static void Dbl(Jac &r, const Jac &a) {
     Fe y2, y2sq, b, zz, t, u, alpha;
-    fp::Double(y2, a.y);
+    F::Double(y2, a.y);
     F::Sqr(zz, a.z);
     F::Sqr(y2sq, y2);
     F::Mul(b, a.x, y2sq);
-    fp::Sub(t, a.x, zz);
-    fp::Add(u, a.x, zz);
+    F::Sub(t, a.x, zz);
+    F::Add(u, a.x, zz);
     F::Mul(r.z, y2, a.z);
     F::Mul(alpha, t, u);
-    fp::Double(t, alpha);
-    fp::Add(alpha, alpha, t);
+    F::Double(t, alpha);
+    F::Add(alpha, alpha, t);
     F::Sqr(t, alpha);
-    fp::Double(u, b);
-    fp::Sub(r.x, t, u);
-    fp::Sub(t, b, r.x);
+    F::Double(u, b);
+    F::Sub(r.x, t, u);
+    F::Sub(t, b, r.x);
     F::Mul(t, alpha, t);
     F::Sqr(u, y2sq);
-    fp::Half(u, u);
-    fp::Sub(r.y, t, u);
+    F::Half(u, u);
+    F::Sub(r.y, t, u);
   }
 
   // r = a + b (12M + 4S). r may be a or b.
@@ -78,8 +80,8 @@ struct Curve {
     F::Mul(s1, s1, z2z2);
     F::Mul(s2, b.y, a.z);
     F::Mul(s2, s2, z1z1);
-    fp::Sub(h, u2, u1);
-    fp::Sub(rr, s2, s1);
+    F::Sub(h, u2, u1);
+    F::Sub(rr, s2, s1);
     const SumFlags flags{fp::IsZeroMask(h), fp::IsZeroMask(rr)};
     F::Mul(t, a.z, b.z);
     F::Mul(r.z, t, h);
@@ -87,13 +89,13 @@ struct Curve {
     F::Mul(hhh, h, hh);
     F::Mul(v, u1, hh);
     F::Sqr(t, rr);
-    fp::Sub(t, t, hhh);
-    fp::Sub(t, t, v);
-    fp::Sub(r.x, t, v);  // R² − H³ − 2V
-    fp::Sub(t, v, r.x);
+    F::Sub(t, t, hhh);
+    F::Sub(t, t, v);
+    F::Sub(r.x, t, v);  // R² − H³ − 2V
+    F::Sub(t, v, r.x);
     F::Mul(t, rr, t);
     F::Mul(s1, s1, hhh);
-    fp::Sub(r.y, t, s1);
+    F::Sub(r.y, t, s1);
     return flags;
   }
 
@@ -104,8 +106,8 @@ struct Curve {
     F::Mul(u2, b.x, z1z1);
     F::Mul(s2, b.y, a.z);
     F::Mul(s2, s2, z1z1);
-    fp::Sub(h, u2, a.x);
-    fp::Sub(rr, s2, a.y);
+    F::Sub(h, u2, a.x);
+    F::Sub(rr, s2, a.y);
     const SumFlags flags{fp::IsZeroMask(h), fp::IsZeroMask(rr)};
     F::Mul(r.z, a.z, h);
     F::Sqr(hh, h);
@@ -113,12 +115,12 @@ struct Curve {
     F::Mul(v, a.x, hh);
     F::Mul(s2, a.y, hhh);  // s2 now Y1·H³
     F::Sqr(t, rr);
-    fp::Sub(t, t, hhh);
-    fp::Sub(t, t, v);
-    fp::Sub(r.x, t, v);
-    fp::Sub(t, v, r.x);
+    F::Sub(t, t, hhh);
+    F::Sub(t, t, v);
+    F::Sub(r.x, t, v);
+    F::Sub(t, v, r.x);
     F::Mul(t, rr, t);
-    fp::Sub(r.y, t, s2);
+    F::Sub(r.y, t, s2);
     return flags;
   }
 
@@ -198,17 +200,19 @@ struct Curve {
 
 // ---- constant-time table reads ------------------------------------------
 
-// The entry whose index is idx − 1, read by touching every entry; zeros when
-// idx is 0. N entries of W words each.
-template <int N, int W>
-inline void ScanTable(uint64_t out[W], const uint64_t *table, uint64_t idx) {
-  uint64_t acc[W] = {};
+// table[idx − 1], read by touching every entry of N; all zeros (at infinity
+// for a Jac) when idx is 0.
+template <int N, class Entry>
+inline void ScanTable(Entry &out, const Entry *table, uint64_t idx) {
+  static_assert(sizeof(Entry) % sizeof(uint64_t) == 0);
+  constexpr int kWords = sizeof(Entry) / sizeof(uint64_t);
+  uint64_t acc[kWords] = {};
   for (int j = 0; j < N; ++j) {
     const uint64_t mask = fp::EqMask(static_cast<uint64_t>(j + 1), idx);
-    const uint64_t *e = table + j * W;
-    for (int w = 0; w < W; ++w) acc[w] |= e[w] & mask;
+    const auto *e = reinterpret_cast<const uint64_t *>(&table[j]);
+    for (int w = 0; w < kWords; ++w) acc[w] |= e[w] & mask;
   }
-  std::memcpy(out, acc, sizeof acc);
+  std::memcpy(&out, acc, sizeof acc);
 }
 
 // Regular signed-digit (Booth) recoding of a w-bit window: `bits` holds the

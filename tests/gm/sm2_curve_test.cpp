@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <functional>
+#include <thread>
 #include <vector>
 
 #include <openssl/rand.h>
@@ -141,6 +142,19 @@ TEST(Sm2Curve, ScalarMultiplesMatchOpenSsl) {
       }
     }
   });
+}
+
+// Each test runs in a fresh process, so here the base tables are built while
+// four threads already want them.
+TEST(Sm2Curve, BaseTablesSurviveConcurrentFirstUse) {
+  std::vector<sm2::Scalar> k(4);
+  std::vector<sm2::Point> got(4);
+  std::vector<char> ok(4);
+  for (sm2::Scalar &v : k) v = Random();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) threads.emplace_back([&, i] { ok[i] = sm2::MulBase(k[i], &got[i]); });
+  for (std::thread &t : threads) t.join();
+  for (int i = 0; i < 4; ++i) ExpectPoint(ok[i] != 0, got[i], Ref().Mul(&k[i], nullptr, nullptr));
 }
 
 TEST(Sm2Curve, PublicCombinationsMatchOpenSsl) {

@@ -74,42 +74,53 @@ uint64_t StoreJac(const Jac &a, Point *out) {
   return ~ec::AtInfinityMask(a);
 }
 
-template <class F>
-void CondNegate(Fe &y, uint64_t negative) {
-  Fe n;
-  F::Neg(n, y);
-  fp::Select(y, negative, n, y);
-}
+// What a constant-time multiplication holds that depends on the secret: k
+// reduced mod n, the current signed digit, the point it selects and the
+// running sum. Wiped when the multiplication ends.
+template <class Q>
+struct Secrets {
+  uint64_t k[4];
+  uint64_t magnitude = 0, negative = 0;
+  Q q;
+  Jac acc;
+
+  explicit Secrets(const Scalar &scalar) {
+    sc::Load(k, scalar.b);
+    sc::ReduceOnce(k, k);
+  }
+  ~Secrets() { OPENSSL_cleanse(this, sizeof *this); }
+  Secrets(const Secrets &) = delete;
+  Secrets &operator=(const Secrets &) = delete;
+
+  // Recodes the window at bit w·i and reads its point, negated for a negative
+  // digit, from the N entries of table.
+  template <int W, int N, class F>
+  void ReadWindow(int i, const Q *table) {
+    ec::BoothDigit<W>(ec::WindowBits(k, W * i, W), magnitude, negative);
+    F::template Scan<N>(q, table, magnitude);
+    Fe minus;
+    F::Neg(minus, q.y);
+    fp::Select(q.y, negative, minus, q.y);
+  }
+};
 
 // ---- k·G -----------------------------------------------------------------
 
 template <class F>
 bool MulBaseCt(const Scalar &k, Point *out) {
   const ec::BaseTables &tables = ec::Tables();
-  uint64_t kl[4], magnitude = 0, negative = 0;
-  sc::Load(kl, k.b);
-  sc::ReduceOnce(kl, kl);
-  Jac acc;
-  Aff q;
+  Secrets<Aff> s(k);
   for (int i = 0; i < ec::kCombRows; ++i) {
-    ec::BoothDigit<ec::kCombWindow>(ec::WindowBits(kl, ec::kCombWindow * i, ec::kCombWindow), magnitude, negative);
-    ec::ScanTable<ec::kCombEntries>(q, tables.comb[i], magnitude);
-    CondNegate<F>(q.y, negative);
-    const uint64_t q_inf = fp::ZeroMask(magnitude);
+    s.template ReadWindow<ec::kCombWindow, ec::kCombEntries, F>(i, tables.comb[i]);
+    const uint64_t q_inf = fp::ZeroMask(s.magnitude);
     if (i == 0) {
-      acc.x = q.x;
-      acc.y = q.y;
-      fp::Select(acc.z, q_inf, fp::kZero, fp::kOne);
+      s.acc = Jac{s.q.x, s.q.y, fp::kZero};
+      fp::Select(s.acc.z, q_inf, fp::kZero, fp::kOne);
     } else {
-      Curve<F>::AddAffineCt(acc, acc, q, q_inf, i == ec::kCombRows - 1);
+      Curve<F>::AddCt(s.acc, s.acc, s.q, q_inf, i == ec::kCombRows - 1);
     }
   }
-  const uint64_t finite = StoreJac<F>(acc, out);
-  OPENSSL_cleanse(kl, sizeof kl);
-  OPENSSL_cleanse(&magnitude, sizeof magnitude);
-  OPENSSL_cleanse(&negative, sizeof negative);
-  OPENSSL_cleanse(&acc, sizeof acc);
-  return fp::Opaque(finite & 1) != 0;
+  return fp::Opaque(StoreJac<F>(s.acc, out) & 1) != 0;
 }
 
 // ---- k·P -----------------------------------------------------------------
@@ -130,28 +141,15 @@ bool MulCt(const Scalar &k, const Point &p, Point *out) {
       C::Add(table[j], table[j - 1], table[0]);
     }
   }
-  uint64_t kl[4], magnitude = 0, negative = 0;
-  sc::Load(kl, k.b);
-  sc::ReduceOnce(kl, kl);
-  Jac acc, q;
-  for (int i = kVarRows - 1; i >= 0; --i) {
-    ec::BoothDigit<kVarWindow>(ec::WindowBits(kl, kVarWindow * i, kVarWindow), magnitude, negative);
-    ec::ScanTable<kVarEntries>(q, table, magnitude);
-    CondNegate<F>(q.y, negative);
-    if (i == kVarRows - 1) {
-      acc = q;  // zeros, at infinity, for a zero digit
-      continue;
-    }
-    for (int d = 0; d < kVarWindow; ++d) C::Dbl(acc, acc);
-    C::AddCt(acc, acc, q, fp::ZeroMask(magnitude), i == 0);
+  Secrets<Jac> s(k);
+  s.template ReadWindow<kVarWindow, kVarEntries, F>(kVarRows - 1, table);
+  s.acc = s.q;  // zeros, at infinity, for a zero digit
+  for (int i = kVarRows - 2; i >= 0; --i) {
+    s.template ReadWindow<kVarWindow, kVarEntries, F>(i, table);
+    for (int d = 0; d < kVarWindow; ++d) C::Dbl(s.acc, s.acc);
+    C::AddCt(s.acc, s.acc, s.q, fp::ZeroMask(s.magnitude), i == 0);
   }
-  const uint64_t finite = StoreJac<F>(acc, out);
-  OPENSSL_cleanse(kl, sizeof kl);
-  OPENSSL_cleanse(&magnitude, sizeof magnitude);
-  OPENSSL_cleanse(&negative, sizeof negative);
-  OPENSSL_cleanse(&acc, sizeof acc);
-  OPENSSL_cleanse(&q, sizeof q);
-  return fp::Opaque(finite & 1) != 0;
+  return fp::Opaque(StoreJac<F>(s.acc, out) & 1) != 0;
 }
 
 // ---- s·G + t·P, public scalars ------------------------------------------
@@ -209,7 +207,7 @@ Jac MulBaseAddJac(const Scalar &s, const Scalar &t, const Point &p) {
     if (i < slen && sd[i] != 0) {
       Aff q = tables.odd[(sd[i] < 0 ? -sd[i] : sd[i]) / 2];
       if (sd[i] < 0) F::Neg(q.y, q.y);
-      C::AddAffineVar(acc, acc, q);
+      C::AddVar(acc, acc, q);
     }
     if (i < tlen && td[i] != 0) {
       Jac q = odd[(td[i] < 0 ? -td[i] : td[i]) / 2];

@@ -22,7 +22,8 @@ bool AdxAvailable() {
   static const bool available = [] {
     unsigned a = 0, b = 0, c = 0, d = 0;
     if (__get_cpuid_count(7, 0, &a, &b, &c, &d) == 0) return false;
-    return (b & (1u << 8)) != 0 && (b & (1u << 19)) != 0;  // BMI2, ADX
+    __builtin_cpu_init();  // AVX2 also needs the OS to save the ymm registers
+    return (b & (1u << 8)) != 0 && (b & (1u << 19)) != 0 && __builtin_cpu_supports("avx2");  // BMI2, ADX
   }();
   return available;
 #else

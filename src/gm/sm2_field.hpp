@@ -3,12 +3,13 @@
 // always fully reduced. Nothing here branches on or indexes by a value.
 //
 // The arithmetic comes in two builds with the same results, each a policy
-// struct (Mul, Sqr, Add, Sub, Half, Double, Neg) that the point formulas are
-// templates over: Portable, C++ over unsigned __int128, compiled everywhere;
-// and Adx, on x86-64 CPUs with BMI2 and ADX, with multiplication and squaring
-// in assembly (mulx with two carry chains) and the linear operations in
-// inline assembly (carry chains and cmov, a third of the instructions the
-// compiler makes of the portable forms).
+// struct (Mul, Sqr, Add, Sub, Half, Double, Neg, Scan) that the point
+// formulas are templates over: Portable, C++ over unsigned __int128, compiled
+// everywhere; and Adx, on x86-64 CPUs with BMI2, ADX and AVX2, with
+// multiplication and squaring in assembly (mulx with two carry chains), the
+// linear operations in inline assembly (carry chains and cmov, a third of the
+// instructions the compiler makes of the portable forms) and table scans
+// with 256-bit masks.
 #pragma once
 
 #include <cstdint>
@@ -193,9 +194,26 @@ inline void SqrPortable(Fe &r, const Fe &a) {
   Reduce(r, t);
 }
 
-// Double and Neg from a build's Add and Sub.
+// table[idx − 1] of n entries of `words` 64-bit words, read by touching
+// every entry; all zeros when idx is 0.
+inline void ScanPortable(uint64_t *out, const uint64_t *table, int n, int words, uint64_t idx) {
+  uint64_t acc[12] = {};
+  for (int j = 0; j < n; ++j) {
+    const uint64_t mask = EqMask(static_cast<uint64_t>(j + 1), idx);
+    for (int w = 0; w < words; ++w) acc[w] |= table[j * words + w] & mask;
+  }
+  for (int w = 0; w < words; ++w) out[w] = acc[w];
+}
+
+// Double and Neg from a build's Add and Sub; Scan over whole entries.
 template <class Self>
 struct Derived {
+  template <int N, class Entry>
+  static void Scan(Entry &out, const Entry *table, uint64_t idx) {
+    static_assert(sizeof(Entry) % 32 == 0 && sizeof(Entry) <= 96);
+    Self::ScanWords(reinterpret_cast<uint64_t *>(&out), reinterpret_cast<const uint64_t *>(table), N,
+                    sizeof(Entry) / sizeof(uint64_t), idx);
+  }
   static void Double(Fe &r, const Fe &a) { Self::Add(r, a, a); }
   static void Neg(Fe &r, const Fe &a) { Self::Sub(r, kZero, a); }
 };
@@ -206,6 +224,9 @@ struct Portable : Derived<Portable> {
   static void Add(Fe &r, const Fe &a, const Fe &b) { AddPortable(r, a, b); }
   static void Sub(Fe &r, const Fe &a, const Fe &b) { SubPortable(r, a, b); }
   static void Half(Fe &r, const Fe &a) { HalfPortable(r, a); }
+  static void ScanWords(uint64_t *out, const uint64_t *table, int n, int words, uint64_t idx) {
+    ScanPortable(out, table, n, words, idx);
+  }
 };
 
 // ---- x86-64 build ---------------------------------------------------------
@@ -213,6 +234,8 @@ struct Portable : Derived<Portable> {
 #if defined(ZEPH_SM2_HAVE_ADX)
 extern "C" void zeph_sm2_fp_mul_adx(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]);
 extern "C" void zeph_sm2_fp_sqr_adx(uint64_t r[4], const uint64_t a[4]);
+// ScanPortable with 256-bit AVX2 masks, for entries of 8 or 12 words.
+void ScanAvx2(uint64_t *out, const uint64_t *table, int n, int words, uint64_t idx);
 
 inline void AddX86(Fe &r, const Fe &a, const Fe &b) {
   uint64_t r0 = a.v[0], r1 = a.v[1], r2 = a.v[2], r3 = a.v[3], s0, s1, s2, s3, top;
@@ -309,10 +332,13 @@ struct Adx : Derived<Adx> {
   static void Add(Fe &r, const Fe &a, const Fe &b) { AddX86(r, a, b); }
   static void Sub(Fe &r, const Fe &a, const Fe &b) { SubX86(r, a, b); }
   static void Half(Fe &r, const Fe &a) { HalfX86(r, a); }
+  static void ScanWords(uint64_t *out, const uint64_t *table, int n, int words, uint64_t idx) {
+    ScanAvx2(out, table, n, words, idx);
+  }
 };
 #endif
 
-// Which build runs: the assembly where the CPU has BMI2 and ADX. Tests pin
+// Which build runs: the assembly where the CPU has BMI2, ADX and AVX2. Tests pin
 // one build to check both on the same machine; pin kAdx only where
 // AdxAvailable() or under valgrind (which emulates the instructions but hides
 // them from cpuid). Builds without the assembly always run the portable one.
@@ -321,12 +347,37 @@ bool AdxAvailable();
 Build ActiveBuild();
 void PinBuild(Build b);
 
-// ---- whole-field operations over a build ---------------------------------
+// ---- exponentiation, over any Montgomery multiplier M ------------------------
 
-template <class F>
+template <class M>
 inline void SqrN(Fe &r, const Fe &a, int n) {
-  F::Sqr(r, a);
-  while (--n > 0) F::Sqr(r, r);
+  M::Sqr(r, a);
+  while (--n > 0) M::Sqr(r, r);
+}
+
+// The shared start of the Fermat inversions modulo p and modulo n, whose
+// exponents p − 2 and n − 2 both begin with 31 ones and a zero:
+// x30 = a^(2^30 − 1), x32 = a^(2^32 − 1), head = a^(2^32 − 2).
+template <class M>
+void InversionHead(Fe &x30, Fe &x32, Fe &head, const Fe &a) {
+  Fe x2, x3, x6, x12, x15, x31, t;
+  M::Sqr(t, a);
+  M::Mul(x2, t, a);
+  M::Sqr(t, x2);
+  M::Mul(x3, t, a);
+  SqrN<M>(t, x3, 3);
+  M::Mul(x6, t, x3);
+  SqrN<M>(t, x6, 6);
+  M::Mul(x12, t, x6);
+  SqrN<M>(t, x12, 3);
+  M::Mul(x15, t, x3);
+  SqrN<M>(t, x15, 15);
+  M::Mul(x30, t, x15);
+  M::Sqr(t, x30);
+  M::Mul(x31, t, a);
+  M::Sqr(t, x31);
+  M::Mul(x32, t, a);
+  M::Sqr(head, x31);
 }
 
 // a^(p−2) = a^−1 (0 stays 0): a fixed chain of 256 squarings and 15
@@ -334,24 +385,8 @@ inline void SqrN(Fe &r, const Fe &a, int n) {
 // 62 ones, a zero, a one.
 template <class F>
 void Invert(Fe &r, const Fe &a) {
-  Fe x2, x3, x6, x12, x15, x30, x31, x32, t;
-  F::Sqr(t, a);
-  F::Mul(x2, t, a);
-  F::Sqr(t, x2);
-  F::Mul(x3, t, a);
-  SqrN<F>(t, x3, 3);
-  F::Mul(x6, t, x3);
-  SqrN<F>(t, x6, 6);
-  F::Mul(x12, t, x6);
-  SqrN<F>(t, x12, 3);
-  F::Mul(x15, t, x3);
-  SqrN<F>(t, x15, 15);
-  F::Mul(x30, t, x15);
-  F::Sqr(t, x30);
-  F::Mul(x31, t, a);
-  F::Sqr(t, x31);
-  F::Mul(x32, t, a);
-  SqrN<F>(t, x31, 1);  // 31 ones, then a zero
+  Fe x30, x32, t;
+  InversionHead<F>(x30, x32, t, a);
   for (int i = 0; i < 4; ++i) {
     SqrN<F>(t, t, 32);
     F::Mul(t, t, x32);

@@ -10,9 +10,46 @@
 //
 // Memory is touched only at fixed offsets and the final subtraction of the
 // modulus is a cmov, so the code runs in the same time for every input.
+//
+// Also here: the constant-time table scan with AVX2.
 #include "gm/sm2_field.hpp"
 
 #if defined(ZEPH_SM2_HAVE_ADX)
+
+#include <immintrin.h>
+
+namespace zeph::gm::sm2::fp {
+namespace {
+
+template <int W>
+__attribute__((target("avx2"))) void Scan(uint64_t *out, const uint64_t *table, int n, uint64_t idx) {
+  constexpr int kVectors = W / 4;
+  __m256i acc[kVectors];
+  for (__m256i &v : acc) v = _mm256_setzero_si256();
+  const __m256i want = _mm256_set1_epi64x(static_cast<long long>(idx)), one = _mm256_set1_epi64x(1);
+  __m256i index = one;
+  for (int j = 0; j < n; ++j, table += W) {
+    const __m256i mask = _mm256_cmpeq_epi64(index, want);
+    for (int v = 0; v < kVectors; ++v) {
+      const __m256i e = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(table + 4 * v));
+      acc[v] = _mm256_or_si256(acc[v], _mm256_and_si256(e, mask));
+    }
+    index = _mm256_add_epi64(index, one);
+  }
+  for (int v = 0; v < kVectors; ++v) _mm256_storeu_si256(reinterpret_cast<__m256i *>(out + 4 * v), acc[v]);
+}
+
+}  // namespace
+
+void ScanAvx2(uint64_t *out, const uint64_t *table, int n, int words, uint64_t idx) {
+  if (words == 8) {
+    Scan<8>(out, table, n, idx);
+  } else {
+    Scan<12>(out, table, n, idx);
+  }
+}
+
+}  // namespace zeph::gm::sm2::fp
 
 // Registers: t0..t7 = r8..r15, rbx and rbp scratch, rax zero, rdx the mulx
 // multiplier, rsi = a, rcx = b, rdi = r.

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 #include "gm/sm2_field.hpp"
 
@@ -100,7 +101,7 @@ struct Curve {
   }
 
   // r = a + b with b affine (8M + 3S). r may be a.
-  static SumFlags AddAffine(Jac &r, const Jac &a, const Aff &b) {
+  static SumFlags Add(Jac &r, const Jac &a, const Aff &b) {
     Fe z1z1, u2, s2, h, rr, hh, hhh, v, t;
     F::Sqr(z1z1, a.z);
     F::Mul(u2, b.x, z1z1);
@@ -124,26 +125,17 @@ struct Curve {
     return flags;
   }
 
-  // ---- constant-time sums: every case decided by masks ------------------
+  // ---- sums where an operand may be at infinity or the sum a doubling ----
+  // B is Jac or Aff; an Aff operand is never at infinity.
 
-  // r = a + b where either may be at infinity (b_inf all ones when b is).
-  // Without `exact`, a + b must not be a doubling; with it the doubling is
-  // computed too and selected when needed.
-  static void AddCt(Jac &r, const Jac &a, const Jac &b, uint64_t b_inf, bool exact) {
+  // Constant time: r = a + b with every case decided by masks (b_inf all
+  // ones when b is at infinity). Without `exact`, a + b must not be a
+  // doubling; with it the doubling is computed too and selected when needed.
+  template <class B>
+  static void AddCt(Jac &r, const Jac &a, const B &b, uint64_t b_inf, bool exact) {
+    const Jac bj = AsJac(b);
     Jac sum, twice;
     const SumFlags f = Add(sum, a, b);
-    const uint64_t a_inf = AtInfinityMask(a);
-    if (exact) {
-      Dbl(twice, b);
-      Select(sum, f.h_zero & f.r_zero & ~a_inf & ~b_inf, twice, sum);
-    }
-    Select(sum, a_inf, b, sum);
-    Select(r, b_inf, a, sum);
-  }
-
-  static void AddAffineCt(Jac &r, const Jac &a, const Aff &b, uint64_t b_inf, bool exact) {
-    Jac sum, twice, bj{b.x, b.y, fp::kOne};
-    const SumFlags f = AddAffine(sum, a, b);
     const uint64_t a_inf = AtInfinityMask(a);
     if (exact) {
       Dbl(twice, bj);
@@ -153,16 +145,18 @@ struct Curve {
     Select(r, b_inf, a, sum);
   }
 
-  // ---- public sums: cases decided by tests -------------------------------
-
-  static void AddVar(Jac &r, const Jac &a, const Jac &b) {
+  // Public operands: the cases decided by tests.
+  template <class B>
+  static void AddVar(Jac &r, const Jac &a, const B &b) {
     if (AtInfinityMask(a) != 0) {
-      r = b;
+      r = AsJac(b);
       return;
     }
-    if (AtInfinityMask(b) != 0) {
-      r = a;
-      return;
+    if constexpr (std::is_same_v<B, Jac>) {
+      if (AtInfinityMask(b) != 0) {
+        r = a;
+        return;
+      }
     }
     Jac sum;
     const SumFlags f = Add(sum, a, b);
@@ -173,19 +167,8 @@ struct Curve {
     }
   }
 
-  static void AddAffineVar(Jac &r, const Jac &a, const Aff &b) {
-    if (AtInfinityMask(a) != 0) {
-      r = Jac{b.x, b.y, fp::kOne};
-      return;
-    }
-    Jac sum;
-    const SumFlags f = AddAffine(sum, a, b);
-    if (f.h_zero != 0 && f.r_zero != 0) {
-      Dbl(r, a);
-    } else {
-      r = sum;
-    }
-  }
+  static Jac AsJac(const Jac &a) { return a; }
+  static Jac AsJac(const Aff &a) { return Jac{a.x, a.y, fp::kOne}; }
 
   // Affine coordinates (still Montgomery form); (0, 0) at infinity.
   static void ToAffine(Aff &r, const Jac &a) {
@@ -199,21 +182,6 @@ struct Curve {
 };
 
 // ---- constant-time table reads ------------------------------------------
-
-// table[idx − 1], read by touching every entry of N; all zeros (at infinity
-// for a Jac) when idx is 0.
-template <int N, class Entry>
-inline void ScanTable(Entry &out, const Entry *table, uint64_t idx) {
-  static_assert(sizeof(Entry) % sizeof(uint64_t) == 0);
-  constexpr int kWords = sizeof(Entry) / sizeof(uint64_t);
-  uint64_t acc[kWords] = {};
-  for (int j = 0; j < N; ++j) {
-    const uint64_t mask = fp::EqMask(static_cast<uint64_t>(j + 1), idx);
-    const auto *e = reinterpret_cast<const uint64_t *>(&table[j]);
-    for (int w = 0; w < kWords; ++w) acc[w] |= e[w] & mask;
-  }
-  std::memcpy(&out, acc, sizeof acc);
-}
 
 // Regular signed-digit (Booth) recoding of a w-bit window: `bits` holds the
 // window and, below it, the top bit of the window before. Gives |digit| and

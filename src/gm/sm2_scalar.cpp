@@ -15,13 +15,16 @@ namespace sc {
 namespace {
 
 using fp::AddC;
+using fp::InversionHead;
 using fp::Opaque;
 using fp::SubB;
 using fp::u128;
 
+using fp::Fe;
+
 constexpr uint64_t kN0 = 0x327F9E8872350975;
 // 2^512 mod n.
-constexpr uint64_t kRR[4] = {0x901192AF7C114F20, 0x3464504ADE6FA2FA, 0x620FC84C3AFFE0D4, 0x1EB5E412A22B3D3B};
+constexpr Fe kRR = {{0x901192AF7C114F20, 0x3464504ADE6FA2FA, 0x620FC84C3AFFE0D4, 0x1EB5E412A22B3D3B}};
 
 // Subtracts n from (top, t) unless that goes negative; (top, t) < 2n.
 void SubNUnlessNegative(uint64_t r[4], const uint64_t t[4], uint64_t top) {
@@ -33,12 +36,12 @@ void SubNUnlessNegative(uint64_t r[4], const uint64_t t[4], uint64_t top) {
 }
 
 // r = a·b / 2^256 mod n, for a·b < n·2^256.
-void MontMulPortable(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]) {
+void MontMulPortable(Fe &r, const Fe &a, const Fe &b) {
   uint64_t t[6] = {};
   for (int i = 0; i < 4; ++i) {
     uint64_t carry = 0;
     for (int j = 0; j < 4; ++j) {
-      const u128 x = static_cast<u128>(a[j]) * b[i] + t[j] + carry;
+      const u128 x = static_cast<u128>(a.v[j]) * b.v[i] + t[j] + carry;
       t[j] = static_cast<uint64_t>(x);
       carry = static_cast<uint64_t>(x >> 64);
     }
@@ -57,18 +60,18 @@ void MontMulPortable(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]) {
     t[3] = AddC(t[4], carry, c);
     t[4] = t[5] + c;
   }
-  SubNUnlessNegative(r, t, t[4]);
+  SubNUnlessNegative(r.v, t, t[4]);
 }
 
 struct Portable {
-  static void Mul(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]) { MontMulPortable(r, a, b); }
-  static void Sqr(uint64_t r[4], const uint64_t a[4]) { MontMulPortable(r, a, a); }
+  static void Mul(Fe &r, const Fe &a, const Fe &b) { MontMulPortable(r, a, b); }
+  static void Sqr(Fe &r, const Fe &a) { MontMulPortable(r, a, a); }
 };
 
 #if defined(ZEPH_SM2_HAVE_ADX)
 struct Adx {
-  static void Mul(uint64_t r[4], const uint64_t a[4], const uint64_t b[4]) { zeph_sm2_fn_mul_adx(r, a, b); }
-  static void Sqr(uint64_t r[4], const uint64_t a[4]) { zeph_sm2_fn_sqr_adx(r, a); }
+  static void Mul(Fe &r, const Fe &a, const Fe &b) { zeph_sm2_fn_mul_adx(r.v, a.v, b.v); }
+  static void Sqr(Fe &r, const Fe &a) { zeph_sm2_fn_sqr_adx(r.v, a.v); }
 };
 #endif
 
@@ -81,53 +84,33 @@ auto WithMont(Fn &&fn) {
   return fn.template operator()<Portable>();
 }
 
-template <class M>
-void SqrN(uint64_t r[4], const uint64_t a[4], int n) {
-  M::Sqr(r, a);
-  while (--n > 0) M::Sqr(r, r);
-}
-
 uint64_t ZeroMask(const uint64_t a[4]) { return fp::ZeroMask(a[0] | a[1] | a[2] | a[3]); }
 
-// a^(n−2) in the Montgomery domain. The top 128 bits of n − 2 are 31 ones, a
-// zero and 96 ones (an addition chain); the low 128 bits go by fixed 4-bit
-// windows. The exponent is public, so its digits may index the table.
+// a^(n−2) in the Montgomery domain. Below its first 32 bits, the top half of
+// n − 2 is 96 ones; the low 128 bits go by fixed 4-bit windows. The exponent
+// is public, so its digits may index the table.
 template <class M>
-void Invert(uint64_t r[4], const uint64_t a[4]) {
+void Invert(Fe &r, const Fe &a) {
   static constexpr uint64_t kLow[2] = {0x53BBF40939D54121, 0x7203DF6B21C6052B};
-  uint64_t pow[16][4];  // pow[i] = a^i, i ≥ 1
-  std::memcpy(pow[1], a, 32);
-  M::Sqr(pow[2], a);
-  for (int i = 3; i < 16; ++i) M::Mul(pow[i], pow[i - 1], a);
-  uint64_t x6[4], x12[4], x24[4], x30[4], x31[4], x32[4], t[4];
-  SqrN<M>(t, pow[7], 3);  // a^(2^3 − 1) = a^7
-  M::Mul(x6, t, pow[7]);
-  SqrN<M>(t, x6, 6);
-  M::Mul(x12, t, x6);
-  SqrN<M>(t, x12, 12);
-  M::Mul(x24, t, x12);
-  SqrN<M>(t, x24, 6);
-  M::Mul(x30, t, x6);
-  M::Sqr(t, x30);
-  M::Mul(x31, t, a);
-  M::Sqr(t, x31);
-  M::Mul(x32, t, a);
-  M::Sqr(t, x31);  // 31 ones, a zero
+  Fe pow[16], x30, x32, t;  // pow[i] = a^i, i ≥ 1
+  InversionHead<M>(x30, x32, t, a);
   for (int i = 0; i < 3; ++i) {
-    SqrN<M>(t, t, 32);
+    fp::SqrN<M>(t, t, 32);
     M::Mul(t, t, x32);
   }
+  pow[1] = a;
+  M::Sqr(pow[2], a);
+  for (int i = 3; i < 16; ++i) M::Mul(pow[i], pow[i - 1], a);
   for (int i = 31; i >= 0; --i) {
-    SqrN<M>(t, t, 4);
+    fp::SqrN<M>(t, t, 4);
     const unsigned digit = static_cast<unsigned>(kLow[i / 16] >> (4 * (i % 16))) & 15;
     if (digit != 0) M::Mul(t, t, pow[digit]);
   }
-  std::memcpy(r, t, 32);
+  r = t;
   OPENSSL_cleanse(pow, sizeof pow);
-  OPENSSL_cleanse(t, sizeof t);
-  OPENSSL_cleanse(x30, sizeof x30);
-  OPENSSL_cleanse(x31, sizeof x31);
-  OPENSSL_cleanse(x32, sizeof x32);
+  OPENSSL_cleanse(&t, sizeof t);
+  OPENSSL_cleanse(&x30, sizeof x30);
+  OPENSSL_cleanse(&x32, sizeof x32);
 }
 
 }  // namespace
@@ -193,30 +176,30 @@ void ModSub(const Scalar &a, const Scalar &b, Scalar *out) {
 }
 
 void ModMul(const Scalar &a, const Scalar &b, Scalar *out) {
-  uint64_t x[4], y[4];
-  sc::Load(x, a.b);
-  sc::Load(y, b.b);
+  fp::Fe x, y;
+  sc::Load(x.v, a.b);
+  sc::Load(y.v, b.b);
   sc::WithMont([&]<class M>() {
     M::Mul(x, x, sc::kRR);  // a·2^256 mod n, for any a below 2^256
     M::Mul(x, x, y);        // (a·2^256)·b / 2^256
   });
-  sc::Store(out->b, x);
-  OPENSSL_cleanse(x, sizeof x);
-  OPENSSL_cleanse(y, sizeof y);
+  sc::Store(out->b, x.v);
+  OPENSSL_cleanse(&x, sizeof x);
+  OPENSSL_cleanse(&y, sizeof y);
 }
 
 bool ModInv(const Scalar &a, Scalar *out) {
-  static constexpr uint64_t kOne[4] = {1, 0, 0, 0};
-  uint64_t x[4];
-  sc::Load(x, a.b);
+  static constexpr fp::Fe kOne = {{1, 0, 0, 0}};
+  fp::Fe x;
+  sc::Load(x.v, a.b);
   sc::WithMont([&]<class M>() {
     M::Mul(x, x, sc::kRR);
     sc::Invert<M>(x, x);
     M::Mul(x, x, kOne);
   });
-  const uint64_t nonzero = ~sc::ZeroMask(x) & 1;
-  sc::Store(out->b, x);
-  OPENSSL_cleanse(x, sizeof x);
+  const uint64_t nonzero = ~sc::ZeroMask(x.v) & 1;
+  sc::Store(out->b, x.v);
+  OPENSSL_cleanse(&x, sizeof x);
   return Opaque(nonzero) != 0;
 }
 

@@ -24,7 +24,7 @@ void Multiples(const Jac &first, const Aff &step, Aff out[kBlock]) {
   Jac sums[kBlock];
   Fe prefix[kBlock];
   sums[0] = first;
-  for (int i = 1; i < kBlock; ++i) Curve<F>::AddAffineVar(sums[i], sums[i - 1], step);
+  for (int i = 1; i < kBlock; ++i) Curve<F>::AddVar(sums[i], sums[i - 1], step);
   prefix[0] = sums[0].z;
   for (int i = 1; i < kBlock; ++i) F::Mul(prefix[i], prefix[i - 1], sums[i].z);
   Fe inv, zi, zi2;
@@ -63,7 +63,7 @@ void Build(BaseTables *t) {
   for (int b = 0; b < kOddEntries; b += kBlock) {
     Multiples<F>(first, step, &t->odd[b]);
     const Aff &last = t->odd[b + kBlock - 1];
-    Curve<F>::AddAffineVar(first, Jac{last.x, last.y, fp::kOne}, step);
+    Curve<F>::AddVar(first, Jac{last.x, last.y, fp::kOne}, step);
   }
 }
 

@@ -10,14 +10,10 @@
 
 namespace sm2 = zeph::gm::sm2;
 namespace fp = zeph::gm::sm2::fp;
+using sm2_oracle::Ref;
 using sm2_oracle::Same;
 
 namespace {
-
-const sm2_oracle::Oracle &Ref() {
-  static const sm2_oracle::Oracle oracle;
-  return oracle;
-}
 
 void Check(bool ok) {
   if (!ok) std::abort();

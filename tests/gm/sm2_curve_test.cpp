@@ -27,14 +27,10 @@
 
 namespace sm2 = zeph::gm::sm2;
 namespace fp = zeph::gm::sm2::fp;
+using sm2_oracle::Ref;
 using sm2_oracle::Same;
 
 namespace {
-
-const sm2_oracle::Oracle &Ref() {
-  static const sm2_oracle::Oracle oracle;
-  return oracle;
-}
 
 sm2::Scalar Small(uint64_t v) {
   sm2::Scalar k{};

@@ -102,6 +102,12 @@ class Oracle {
   zeph::BnCtxPtr ctx_;
 };
 
+// One oracle per process.
+inline const Oracle &Ref() {
+  static const Oracle oracle;
+  return oracle;
+}
+
 inline bool Same(const sm2::Point &a, const sm2::Point &b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 inline bool Same(const sm2::Scalar &a, const sm2::Scalar &b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 

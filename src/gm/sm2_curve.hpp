@@ -40,12 +40,12 @@ bool PointFromXY(const uint8_t xy[2 * kCoordLen], Point *out);
 // 0x04 || x || y.
 void PointTo65(const Point &p, uint8_t out[kPointLen]);
 
-// k·G, constant time in k. False when k ≡ 0 (mod n). Both write *out either
-// way (its contents are meaningless when false), so that success and failure
-// take the same path.
+// k·G, constant time in k. False when k ≡ 0 (mod n).
 bool MulBase(const Scalar &k, Point *out);
 // k·P, constant time in k. False when the result is the point at infinity.
 bool Mul(const Scalar &k, const Point &p, Point *out);
+// (MulBase and Mul write *out even when they return false, then with
+// meaningless contents, so that success and failure take the same path.)
 // s·G + t·P for public s and t (signature verification). False at infinity.
 bool MulBaseAdd(const Scalar &s, const Scalar &t, const Point &p, Point *out);
 // Whether s·G + t·P is finite and its x coordinate is congruent to x_mod_n

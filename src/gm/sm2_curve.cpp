@@ -132,15 +132,16 @@ constexpr int kVarRows = 52;  // 52·5 ≥ 257: the recoding can carry past bit 
 template <class F>
 bool MulCt(const Scalar &k, const Point &p, Point *out) {
   using C = Curve<F>;
-  Jac table[kVarEntries];  // table[j] = (j + 1)·P; j·P ≠ ±P below 16, so no case is special
-  table[0] = LoadJac<F>(p);
-  for (int j = 1; j < kVarEntries; ++j) {
-    if ((j & 1) != 0) {
-      C::Dbl(table[j], table[j / 2]);
-    } else {
-      C::Add(table[j], table[j - 1], table[0]);
-    }
-  }
+  // table[j] = (j + 1)·P: 2P by doubling, then P is carried along on each
+  // sum's Z and added again. j·P ≠ ±P below 16, so no case is special.
+  Jac table[kVarEntries];
+  Aff pa;
+  LoadAff<F>(pa, p);
+  table[0] = C::AsJac(pa);
+  C::Dbl(table[1], table[0]);
+  Jac step;
+  C::WithZ(step, pa, table[1].z);
+  for (int j = 2; j < kVarEntries; ++j) C::AddCoZ(table[j], step, table[j - 1]);
   Secrets<Jac> s(k);
   s.template ReadWindow<kVarWindow, kVarEntries, F>(kVarRows - 1, table);
   s.acc = s.q;  // zeros, at infinity, for a zero digit
@@ -197,10 +198,13 @@ Jac MulBaseAddJac(const Scalar &s, const Scalar &t, const Point &p) {
   sc::Load(tl, t.b);
   int sd[kNafMax + 1], td[kNafMax + 1];
   const int slen = Wnaf(sd, sl, ec::kOddWidth), tlen = Wnaf(td, tl, kPWidth);
+  // Odd multiples of P: 2P carried along on each sum's Z.
   Jac odd[kPEntries], p2;
-  odd[0] = LoadJac<F>(p);
-  C::Dbl(p2, odd[0]);
-  for (int j = 1; j < kPEntries; ++j) C::AddVar(odd[j], odd[j - 1], p2);
+  Aff pa;
+  LoadAff<F>(pa, p);
+  C::Dbl(p2, C::AsJac(pa));
+  C::WithZ(odd[0], pa, p2.z);
+  for (int j = 1; j < kPEntries; ++j) C::AddCoZ(odd[j], p2, odd[j - 1]);
   Jac acc{fp::kZero, fp::kZero, fp::kZero};
   for (int i = (slen > tlen ? slen : tlen) - 1; i >= 0; --i) {
     C::Dbl(acc, acc);

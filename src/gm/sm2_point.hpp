@@ -100,6 +100,37 @@ struct Curve {
     return flags;
   }
 
+  // Co-Z addition: a and b share their Z. r = a + b, and a is rewritten to
+  // share r's Z (5M + 2S), ready to be added again. a ≠ ±b; r is neither.
+  static void AddCoZ(Jac &r, Jac &a, const Jac &b) {
+    Fe h, hh, w1, w2, rr, t, e;
+    F::Sub(h, a.x, b.x);
+    F::Sqr(hh, h);
+    F::Mul(w1, a.x, hh);  // a.x on the new Z
+    F::Mul(w2, b.x, hh);
+    F::Sub(rr, a.y, b.y);
+    F::Sub(t, w1, w2);
+    F::Mul(e, a.y, t);  // a.y on the new Z
+    F::Mul(r.z, a.z, h);
+    F::Sqr(t, rr);
+    F::Sub(t, t, w1);
+    F::Sub(r.x, t, w2);
+    F::Sub(t, w1, r.x);
+    F::Mul(t, rr, t);
+    F::Sub(r.y, t, e);
+    a = Jac{w1, e, r.z};
+  }
+
+  // The affine point a as a Jacobian point with the given Z (3M + 1S).
+  static void WithZ(Jac &r, const Aff &a, const Fe &z) {
+    Fe zz, zzz;
+    F::Sqr(zz, z);
+    F::Mul(zzz, zz, z);
+    F::Mul(r.x, a.x, zz);
+    F::Mul(r.y, a.y, zzz);
+    r.z = z;
+  }
+
   // r = a + b with b affine (8M + 3S). r may be a.
   static SumFlags Add(Jac &r, const Jac &a, const Aff &b) {
     Fe z1z1, u2, s2, h, rr, hh, hhh, v, t;

@@ -9,6 +9,8 @@
 #include <set>
 #include <sstream>
 
+#include <sys/wait.h>
+
 #include "ci_support.hpp"
 #include "seal_record.hpp"
 
@@ -390,6 +392,48 @@ TEST_F(SealStore, AFailedFirstWriteKeepsTheStoredSealReadable) {
   unsetenv("ZEPH_SOFTKEY_FAULT");
   EXPECT_EQ(StampFile("SEAL01", "Cert"), std::nullopt);
   EXPECT_EQ(Ci(R"({"type":801,"keySN":"ZA_SEAL01","idx":1})").data, Base64(gb_));
+}
+
+TEST_F(SealStore, ZephSealCommandsDriveTheSlots) {
+  CreateSealKey("SEAL01");
+  const zeph_test::TempDir dir;
+  const std::string cfg = std::string(R"([{"type":1,"vid":"ZA","skfLib":")") + ZEPH_SOFTKEY_LIB + "\"}]";
+  zeph_test::WriteBytes(dir.file("cfg.json"), TextBytes(cfg));
+  zeph_test::WriteBytes(dir.file("info"), record_);
+  zeph_test::WriteBytes(dir.file("pic"), pic_);
+  zeph_test::WriteBytes(dir.file("cert"), cert_);
+  const std::string seals = std::string(ZEPH_SOURCE_DIR) + "/tests/data/seals/";
+  const struct {
+    std::string line;
+    int code;
+    std::string out;  // how the output begins, standard error folded in
+  } steps[] = {
+      {"store --slot 1 --pin 123456 --file " + seals + "gb-v4-user.esl", 0, "stored the seal in slot 1\n"},
+      {"store --slot 4 --pin 123456 --info info --pic pic --cert cert", 0, "stored the seal in slot 4\n"},
+      {"type --slot 4", 0, "TYPE1 (text-form seal)\n"},
+      {"type --slot 2", 1, "zeph seal: slot 2 holds no seal: no such file, code 167772209 (0x0A000031)\n"},
+      {"list", 0,
+       "slot 1  GB seal        OFD R&W 测试用印章, valid 20200422020900 to 20220422020900, picture 40 x 40, "
+       "SM2-with-SM3\nslot 4  text-form seal seal, valid 20210102030405 to 20310102030405, picture 40 x 40, "
+       "SHA256withRSA\n2 seal(s)\n"},
+      {"read --slot 1 --out back.der", 0, "back.der: DER seal, 17011 bytes\n"},
+      {"picture --slot 1 --out stamp", 0, "stamp.png (PNG, 15693 bytes)\n"},
+      {"picture --slot 4 --out stamp", 0, "stamp.png (-, 12 bytes)\n"},
+      {"store --slot 0 --pin 123456 --file back.der", 2, "zeph seal: --slot must be a slot number from 1 to 10\n"},
+  };
+  for (const auto &step : steps) {
+    const std::string cmd = "cd '" + dir.path().string() + "' && TZ=UTC '" + ZEPH_TOOL + "' seal " + step.line +
+                            " --key ZA_SEAL01 --config cfg.json 2>&1";
+    FILE *p = popen(cmd.c_str(), "r");
+    std::string out;
+    char buf[4096];
+    for (size_t n; p != nullptr && (n = std::fread(buf, 1, sizeof buf, p)) != 0;) out.append(buf, n);
+    const int status = p != nullptr ? pclose(p) : -1;
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, step.code) << step.line << "\n" << out;
+    EXPECT_EQ(out.substr(0, step.out.size()), step.out) << step.line;
+  }
+  EXPECT_EQ(zeph_test::ReadBytes(dir.file("back.der")), gb_);
+  EXPECT_EQ(zeph_test::ReadBytes(dir.file("stamp.png")), pic_);
 }
 
 }  // namespace

@@ -18,18 +18,7 @@ ZEPH_API uint32_t ZEPH_C_WriteFile(const char *path, const unsigned char *data, 
 
 ZEPH_API uint32_t ZEPH_C_ReadFile(const char *path, unsigned char *out, uint32_t *length_inout) {
   if (path == nullptr || length_inout == nullptr) return ERR_INVALID_PARAMETER;
-  // The file reader trusts its buffer: measure first, then read only into
-  // a buffer that holds the whole file.
-  uint32_t size = 0;
-  ZEPH_TRY(zeph_c_utils_readFile(path, nullptr, &size));
-  if (out == nullptr) {
-    *length_inout = size;
-    return 0;
-  }
-  if (*length_inout < size) {
-    *length_inout = size;
-    return ERR_BUFFER_TOO_SMALL;
-  }
+  // The file reader sizes by the output protocol itself.
   return zeph_c_utils_readFile(path, out, length_inout);
 }
 

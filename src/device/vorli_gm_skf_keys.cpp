@@ -70,12 +70,12 @@ uint32_t RsaSpkiFromBlob(const BYTE *blob_bytes, uint32_t blob_len, std::vector<
   zeph::BnPtr n(BN_bin2bn(blob.Modulus, sizeof blob.Modulus, nullptr));
   zeph::BnPtr e(BN_bin2bn(blob.PublicExponent, sizeof blob.PublicExponent, nullptr));
   if (!n || !e || BN_is_zero(n.get()) || BN_is_zero(e.get())) return ERR_PUBKEY_CONVERT_FAILED;
-  std::unique_ptr<OSSL_PARAM_BLD, zeph::Free<OSSL_PARAM_BLD_free>> bld(OSSL_PARAM_BLD_new());
+  zeph::ParamBldPtr bld(OSSL_PARAM_BLD_new());
   if (!bld || OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) != 1 ||
       OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) != 1) {
     return ERR_PUBKEY_CONVERT_FAILED;
   }
-  std::unique_ptr<OSSL_PARAM, zeph::Free<OSSL_PARAM_free>> params(OSSL_PARAM_BLD_to_param(bld.get()));
+  zeph::ParamPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
   zeph::EvpPkeyCtxPtr pctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
   EVP_PKEY *raw = nullptr;
   if (!params || !pctx || EVP_PKEY_fromdata_init(pctx.get()) != 1 ||
@@ -116,7 +116,7 @@ ZEPH_API int zeph_c_utils_RSAsignpad(unsigned char *buffer, int digest_nid, uint
   }
   ASN1_OBJECT *oid = OBJ_nid2obj(digest_nid);
   if (oid == nullptr || OBJ_length(oid) == 0 || digest_len > kMaxEncoding) return -1;
-  std::unique_ptr<X509_SIG, zeph::Free<X509_SIG_free>> info(X509_SIG_new());
+  zeph::X509SigPtr info(X509_SIG_new());
   if (!info) return -1;
   X509_ALGOR *alg = nullptr;
   ASN1_OCTET_STRING *digest = nullptr;

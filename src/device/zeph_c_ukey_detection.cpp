@@ -11,6 +11,7 @@
 #include "device/skf_functions.hpp"
 #include "foundation/json_owned.hpp"
 #include "foundation/log.hpp"
+#include "foundation/output.hpp"
 #include "foundation/owned.hpp"
 #include "foundation/status_flow.hpp"
 #include "zeph_c_device.h"
@@ -68,7 +69,7 @@ uint32_t ReadConfigFile() {
   char path[260] = {0};
   get_vorli_cfg_path(path);
   path[sizeof path - 1] = '\0';
-  std::unique_ptr<FILE, zeph::Free<std::fclose>> f(std::fopen(path[0] != '\0' ? path : kCfgFileName, "rb"));
+  zeph::FilePtr f(std::fopen(path[0] != '\0' ? path : kCfgFileName, "rb"));
   if (!f) return ERR_DEVICE_CONFIG_INVALID;
   char text[ZEPH_DEVICE_CFG_MAX];
   const size_t got = std::fread(text, 1, sizeof text, f.get());
@@ -308,18 +309,9 @@ ZEPH_API uint32_t ZEPH_C_ukey_detection_getList(char *out_text, uint32_t *in_out
       if (!printed) return ERR_OUT_OF_MEMORY;
       text = printed.get();
     }
-    const auto need = static_cast<uint32_t>(text.size() + 1);
-    if (out_text == nullptr) {
-      *in_out_length = need;
-      return 0;
-    }
-    if (*in_out_length < need) {
-      *in_out_length = need;
-      return ERR_BUFFER_TOO_SMALL;
-    }
-    std::memcpy(out_text, text.c_str(), need);
-    *in_out_length = need;
-    return 0;
+    // The length written back counts the terminator, also after a write.
+    return zeph::PutOutput({reinterpret_cast<const uint8_t *>(text.c_str()), text.size() + 1},
+                           reinterpret_cast<uint8_t *>(out_text), in_out_length);
   });
 }
 
@@ -340,18 +332,14 @@ ZEPH_API uint32_t ZEPH_C_ukey_detection_getDevErrStatus(char *out_text, uint32_t
     }
     zeph::JsonTextPtr printed(cJSON_Print(list.get()));
     if (!printed) return ERR_OUT_OF_MEMORY;
-    const uint32_t n = static_cast<uint32_t>(std::min<size_t>(std::strlen(printed.get()), 1023));
-    if (out_text == nullptr) {
-      *in_out_length = n;
-      return 0;
-    }
-    if (*in_out_length < n) {
-      *in_out_length = n;
-      return ERR_BUFFER_TOO_SMALL;
-    }
-    std::memcpy(out_text, printed.get(), n);
-    if (*in_out_length > n) out_text[n] = '\0';
-    *in_out_length = n;
+    const size_t n = std::min<size_t>(std::strlen(printed.get()), 1023);
+    const uint32_t capacity = *in_out_length;
+    ZEPH_TRY(zeph::PutOutput({reinterpret_cast<const uint8_t *>(printed.get()), n},
+                             reinterpret_cast<uint8_t *>(out_text), in_out_length));
+    // Compat: the text is handed out without its terminator and the length
+    // leaves it out; hosts have always read it as counted characters. A
+    // terminator is added only where the buffer has room for it.
+    if (out_text != nullptr && capacity > n) out_text[n] = '\0';
     return 0;
   });
 }

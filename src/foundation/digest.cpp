@@ -47,15 +47,10 @@ ZEPH_API uint32_t zeph_c_utils_digest(uint32_t algorithm, const unsigned char *d
   const EVP_MD *md = DigestFor(algorithm);
   if (md == nullptr || data == nullptr || data_length == 0) return ERR_DIGEST_FAILED;
   if (in_out_digest_length == nullptr) return ERR_INVALID_PARAMETER;
-  const auto md_len = static_cast<uint32_t>(EVP_MD_get_size(md));
-  if (out_digest == nullptr) {
-    *in_out_digest_length = md_len;
-    if (out_nid != nullptr) *out_nid = EVP_MD_get_type(md);
-    return 0;
-  }
-  if (*in_out_digest_length < md_len) {
-    *in_out_digest_length = md_len;
-    return ERR_BUFFER_TOO_SMALL;
+  // The size is known before hashing; a length query also reports the NID.
+  if (auto done = zeph::ReserveOutput(static_cast<size_t>(EVP_MD_get_size(md)), out_digest, in_out_digest_length)) {
+    if (*done == 0 && out_nid != nullptr) *out_nid = EVP_MD_get_type(md);
+    return *done;
   }
   uint8_t digest[EVP_MAX_MD_SIZE];
   unsigned int n = 0;
@@ -69,7 +64,7 @@ ZEPH_API uint32_t zeph_c_utils_digestWithFilePath(const char *file_name, uint32_
   if (md == nullptr) return ERR_DIGEST_FAILED;
   if (file_name == nullptr || in_out_digest_length == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
-    std::unique_ptr<FILE, zeph::Free<std::fclose>> f(std::fopen(file_name, "rb"));
+    zeph::FilePtr f(std::fopen(file_name, "rb"));
     if (!f) return ERR_FILE_OPEN_FAILED;
     zeph::EvpMdCtxPtr ctx(EVP_MD_CTX_new());
     if (!ctx) return ERR_OUT_OF_MEMORY;

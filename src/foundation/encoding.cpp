@@ -34,28 +34,6 @@ bool DecoderIgnoresAtEnd(char c) { return c == ' ' || c == '\t' || c == '\r' || 
 
 }  // namespace
 
-namespace zeph {
-
-uint32_t PutText(const char *text, size_t text_len, char *out, uint32_t *in_out_len) {
-  if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
-  if (text_len >= UINT32_MAX) return ERR_INVALID_PARAMETER;
-  const auto need = static_cast<uint32_t>(text_len + 1);
-  if (out == nullptr) {
-    *in_out_len = need;
-    return 0;
-  }
-  if (*in_out_len < need) {
-    *in_out_len = need;
-    return ERR_BUFFER_TOO_SMALL;
-  }
-  std::memcpy(out, text, text_len);
-  out[text_len] = '\0';
-  *in_out_len = static_cast<uint32_t>(text_len);
-  return 0;
-}
-
-}  // namespace zeph
-
 int l_base64_decode(const char *text, unsigned char **out_buffer) {
   if (out_buffer == nullptr) return -1;
   *out_buffer = nullptr;
@@ -88,12 +66,8 @@ ZEPH_API uint32_t File_PEMEncode(const unsigned char *data, uint32_t length, cha
   if (length == 0) return kFailed;
   const size_t text_len = Base64Length(length);
   if (text_len >= UINT32_MAX) return kFailed;
-  const auto need = static_cast<uint32_t>(text_len + 1);
-  if (out == nullptr || *out_length < need) {
-    const bool too_small = out != nullptr;
-    *out_length = need;
-    return too_small ? ERR_BUFFER_TOO_SMALL : 0;
-  }
+  // Encoded straight into the caller's buffer once it is known to fit.
+  if (auto done = zeph::ReserveOutput(text_len + 1, out, out_length)) return *done;
   EncodeBase64(data, length, out);
   *out_length = static_cast<uint32_t>(text_len);
   return 0;
@@ -156,12 +130,7 @@ ZEPH_API uint32_t zeph_c_utils_hex2ascii(const unsigned char *data, uint32_t len
                                          uint32_t *in_out_length) {
   if (in_out_length == nullptr || (data == nullptr && length != 0)) return ERR_INVALID_PARAMETER;
   const size_t need = size_t{length} * 2;
-  if (need > UINT32_MAX) return ERR_INVALID_PARAMETER;
-  if (out == nullptr || *in_out_length < need) {
-    const bool too_small = out != nullptr;
-    *in_out_length = static_cast<uint32_t>(need);
-    return too_small ? ERR_BUFFER_TOO_SMALL : 0;
-  }
+  if (auto done = zeph::ReserveOutput(need, out, in_out_length)) return *done;
   static constexpr char kDigits[] = "0123456789ABCDEF";
   for (uint32_t i = 0; i < length; ++i) {
     out[2 * i] = kDigits[data[i] >> 4];

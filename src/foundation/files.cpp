@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include "foundation/output.hpp"
 #include "foundation/owned.hpp"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
@@ -24,16 +25,9 @@ ZEPH_API uint32_t zeph_c_utils_readFile(const char *path, unsigned char *buffer,
   if (fstat(fileno(f.get()), &st) != 0 || !S_ISREG(st.st_mode)) return kFailed;
   if (static_cast<uint64_t>(st.st_size) > UINT32_MAX) return kFailed;
   const auto size = static_cast<uint32_t>(st.st_size);
-  if (buffer == nullptr) {
-    *in_out_length = size;
-    return 0;
-  }
   // Callers size the buffer with a first call; a stale length is refused
   // rather than written past.
-  if (*in_out_length < size) {
-    *in_out_length = size;
-    return ERR_BUFFER_TOO_SMALL;
-  }
+  if (auto done = zeph::ReserveOutput(size, buffer, in_out_length)) return *done;
   *in_out_length = size;
   if (size != 0 && std::fread(buffer, 1, size, f.get()) != size) return kFailed;
   return 0;

@@ -50,27 +50,13 @@ uint32_t EcbBlocks(int encrypt, const unsigned char *key, std::initializer_list<
   return 0;
 }
 
-// The size-query half of the output protocol: 0 when the caller's buffer can
-// take `need` bytes, else the status to return (length already written back).
-uint32_t ReserveOutput(size_t need, const unsigned char *out, uint32_t *in_out_len, bool *query) {
-  *query = out == nullptr;
-  if (*query || *in_out_len < need) {
-    const bool too_small = !*query;
-    *in_out_len = static_cast<uint32_t>(need);
-    return too_small ? ERR_BUFFER_TOO_SMALL : 0;
-  }
-  return 0;
-}
-
 uint32_t EcbNoPadding(int encrypt, const unsigned char *data, uint32_t data_length, const unsigned char *key,
                       uint32_t key_length, unsigned char *out, uint32_t *out_length) {
   if (data == nullptr || data_length == 0 || !KeyOk(key, key_length) || out_length == nullptr) {
     return ERR_INVALID_PARAMETER;
   }
   if (data_length % kBlock != 0) return ERR_ALG_UNSUPPORTED;
-  bool query = false;
-  ZEPH_TRY(ReserveOutput(data_length, out, out_length, &query));
-  if (query) return 0;
+  if (auto done = zeph::ReserveOutput(data_length, out, out_length)) return *done;
   ZEPH_TRY(EcbBlocks(encrypt, key, {{data, data_length, out}}));
   *out_length = data_length;
   return 0;
@@ -87,10 +73,7 @@ ZEPH_API uint32_t zeph_c_utils_encrypt(uint32_t algorithm, const unsigned char *
     return ERR_INVALID_PARAMETER;
   }
   const size_t padded = (size_t{data_length} + kBlock) & ~(kBlock - 1);
-  if (padded > UINT32_MAX) return ERR_INVALID_PARAMETER;
-  bool query = false;
-  ZEPH_TRY(ReserveOutput(padded, out, out_length, &query));
-  if (query) return 0;
+  if (auto done = zeph::ReserveOutput(padded, out, out_length)) return *done;
 
   // Whole blocks go straight from the input; only the last block is padded
   // apart, so no copy of the whole input is needed.

@@ -254,7 +254,7 @@ ZEPH_API uint32_t BIVO_sm3_hash_drbg_generate_file_of_arbitrary_bytes(BIVO_SM3_H
       [&]() -> uint32_t {
         zeph::SecureBytes bytes(size);
         if (size != 0) ZEPH_TRY(BIVO_sm3_hash_drbg_generate_arbitrary_bytes(state, size, bytes.data()));
-        std::unique_ptr<FILE, zeph::Free<std::fclose>> f(std::fopen(path, "wb"));
+        zeph::FilePtr f(std::fopen(path, "wb"));
         if (!f) return BIVO_ERR_FILE;
         if (size != 0) std::fwrite(bytes.data(), 1, size, f.get());
         return 0;

@@ -78,7 +78,7 @@ uint32_t CreateCipherFile(const uint8_t *in, uint32_t len, const uint8_t *iv, co
       [&]() -> uint32_t {
         std::vector<uint8_t> cipher(n);
         ZEPH_TRY(EncryptPadded(in, len, iv, key, cipher.data()));
-        std::unique_ptr<FILE, zeph::Free<std::fclose>> f(std::fopen(path, "wb"));
+        zeph::FilePtr f(std::fopen(path, "wb"));
         if (!f) return BIVO_ERR_FILE;
         std::fwrite(cipher.data(), 1, n, f.get());
         return 0;
@@ -112,7 +112,9 @@ ZEPH_API uint32_t AddPadding(const unsigned char *in, uint32_t len, unsigned cha
     *out_len = padded;
     return 0;
   }
-  if (*out_len < padded) return BIVO_ERR_BUFFER_TOO_SMALL;  // the length is not written back here
+  // Compat: the module's own buffer status, and the length is not written
+  // back; callers of the padding helpers have always sized out themselves.
+  if (*out_len < padded) return BIVO_ERR_BUFFER_TOO_SMALL;
   if (len != 0) std::memmove(out, in, len);
   std::memset(out + len, static_cast<int>(padded - len), padded - len);
   *out_len = padded;
@@ -129,7 +131,8 @@ ZEPH_API uint32_t RemovePadding(const unsigned char *in, uint32_t len, unsigned 
     *out_len = new_len;
     return 0;
   }
-  if (*out_len < new_len) return BIVO_ERR_BUFFER_TOO_SMALL;  // the length is not written back here
+  // Compat: as in AddPadding, the length is not written back.
+  if (*out_len < new_len) return BIVO_ERR_BUFFER_TOO_SMALL;
   if (new_len != 0) std::memmove(out, in, new_len);
   *out_len = new_len;
   return 0;

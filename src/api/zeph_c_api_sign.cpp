@@ -6,6 +6,7 @@
 #include "api/handle.hpp"
 #include "device/vorli_gm_skf.hpp"
 #include "foundation/owned.hpp"
+#include "foundation/sm2_params.hpp"
 #include "foundation/status_flow.hpp"
 #include "zeph_c_api.h"
 #include "zeph_c_device.h"
@@ -17,14 +18,15 @@ using zeph::api::SessionGuard;
 namespace {
 
 constexpr uint32_t kDeviceHashesItself = 10;  // this vendor's library hashes on the key
-constexpr size_t kWorkLen = 1024;
-constexpr size_t kRawSm2SigLen = 64;
+using zeph::kSignWorkLen;
+using zeph::kSm2CoordLen;
 
-// DER SEQUENCE { r, s } from 64 raw bytes, into a buffer that holds 72.
+// DER SEQUENCE { r, s } from raw r || s, into a buffer that holds
+// kSm2DerSignatureMax bytes.
 uint32_t EncodeSm2Signature(const uint8_t *raw, unsigned char *sig, uint32_t *sig_len) {
   zeph::EcdsaSigPtr der(ECDSA_SIG_new());
-  BIGNUM *r = BN_bin2bn(raw, 32, nullptr);
-  BIGNUM *s = BN_bin2bn(raw + 32, 32, nullptr);
+  BIGNUM *r = BN_bin2bn(raw, kSm2CoordLen, nullptr);
+  BIGNUM *s = BN_bin2bn(raw + kSm2CoordLen, kSm2CoordLen, nullptr);
   if (!der || r == nullptr || s == nullptr || ECDSA_SIG_set0(der.get(), r, s) != 1) {
     BN_free(r);
     BN_free(s);
@@ -66,12 +68,12 @@ ZEPH_API uint32_t ZEPH_C_DoSm2Sign(void *handle, const char *pin, const unsigned
   SessionGuard session{ctx};
   ZEPH_TRY(GM_SKF_CTX_OpenSession(ctx, ZEPH_OBJ_SM2_SIGN));
   ZEPH_TRY(GM_SKF_CTX_VerifyPin(ctx, pin, pin != nullptr ? static_cast<uint32_t>(std::strlen(pin)) : 0));
-  uint8_t raw[kRawSm2SigLen];
+  uint8_t raw[zeph::kSm2RawSignatureLen];
   uint32_t raw_len = sizeof raw;
   if (ctx->device_type == kDeviceHashesItself) {
     ZEPH_TRY(GM_SKF_CTX_SignHashEx(ctx, data, data_len, raw, &raw_len, nullptr));
   } else {
-    uint8_t value[kWorkLen];
+    uint8_t value[kSignWorkLen];
     uint32_t value_len = sizeof value;
     ZEPH_TRY(GM_SKF_CTX_DataOnPretreatment(ctx, data, data_len, value, &value_len, 0));
     ZEPH_TRY(GM_SKF_CTX_SignHash(ctx, value, value_len, raw, &raw_len));
@@ -93,7 +95,7 @@ ZEPH_API uint32_t ZEPH_C_DoRsaSign(void *handle, const char *pin, const unsigned
     uint32_t work_area[64] = {0};  // the vendor's own scratch space
     return GM_SKF_CTX_SignHashEx(ctx, data, data_len, sig, sig_len, work_area);
   }
-  uint8_t value[kWorkLen];
+  uint8_t value[kSignWorkLen];
   uint32_t value_len = sizeof value;
   ZEPH_TRY(GM_SKF_CTX_DataOnPretreatment(ctx, data, data_len, value, &value_len, digest_id));
   return GM_SKF_CTX_SignHash(ctx, value, value_len, sig, sig_len);

@@ -4,6 +4,7 @@
 
 #include "api/cert.hpp"
 #include "foundation/owned.hpp"
+#include "foundation/sm2_params.hpp"
 #include "foundation/status_flow.hpp"
 #include "zeph_c_device.h"
 #include "zeph_c_status.h"
@@ -13,7 +14,6 @@ extern "C" {
 ZEPH_API uint32_t zeph_c_cert_VerifySm2SignWithCert(const unsigned char *cert, uint32_t cert_len,
                                                     const unsigned char *data, uint32_t data_len,
                                                     const unsigned char *sig, uint32_t sig_len) {
-  static constexpr char kId[] = "1234567812345678";
   return zeph::Guarded(
       [&]() -> uint32_t {
         if (sig == nullptr || (data == nullptr && data_len != 0)) return ERR_SIGNATURE_INVALID;
@@ -27,7 +27,8 @@ ZEPH_API uint32_t zeph_c_cert_VerifySm2SignWithCert(const unsigned char *cert, u
         zeph::EvpMdCtxPtr md(EVP_MD_CTX_new());
         zeph::EvpPkeyCtxPtr pctx(EVP_PKEY_CTX_new(key, nullptr));
         const unsigned char empty = 0;
-        if (!md || !pctx || EVP_PKEY_CTX_set1_id(pctx.get(), kId, sizeof kId - 1) <= 0) return ERR_SIGNATURE_INVALID;
+        if (!md || !pctx || EVP_PKEY_CTX_set1_id(pctx.get(), zeph::kDefaultSm2Id, zeph::kDefaultSm2IdLen) <= 0)
+          return ERR_SIGNATURE_INVALID;
         EVP_MD_CTX_set_pkey_ctx(md.get(), pctx.get());  // md borrows pctx
         const bool ok = EVP_DigestVerifyInit(md.get(), nullptr, EVP_sm3(), nullptr, key) == 1 &&
                         EVP_DigestVerify(md.get(), sig, sig_len, data != nullptr ? data : &empty, data_len) == 1;

@@ -37,11 +37,11 @@ uint32_t EncryptPadded(const uint8_t *in, uint32_t len, const uint8_t *iv, const
   std::memset(last + rest, pad, pad);
   uint8_t *tail = out + whole * kSm4Block;
   if (iv == nullptr) {
-    zeph::gm::Sm4Ecb(in, out, whole, key, true);
-    zeph::gm::Sm4Ecb(last, tail, 1, key, true);
+    zeph::gm::Sm4EcbBlocks(in, out, whole, key, true);
+    zeph::gm::Sm4EcbBlocks(last, tail, 1, key, true);
   } else {
-    zeph::gm::Sm4Cbc(in, out, whole, iv, key, true);
-    zeph::gm::Sm4Cbc(last, tail, 1, whole == 0 ? iv : tail - kSm4Block, key, true);
+    zeph::gm::Sm4CbcBlocks(in, out, whole, iv, key, true);
+    zeph::gm::Sm4CbcBlocks(last, tail, 1, whole == 0 ? iv : tail - kSm4Block, key, true);
   }
   OPENSSL_cleanse(last, sizeof last);
   return 0;
@@ -57,9 +57,9 @@ uint32_t DecryptPadded(const uint8_t *in, uint32_t len, const uint8_t *iv, const
       [&]() -> uint32_t {
         zeph::SecureBytes plain(len);
         if (iv == nullptr) {
-          zeph::gm::Sm4Ecb(in, plain.data(), len / kSm4Block, key, false);
+          zeph::gm::Sm4EcbBlocks(in, plain.data(), len / kSm4Block, key, false);
         } else {
-          zeph::gm::Sm4Cbc(in, plain.data(), len / kSm4Block, iv, key, false);
+          zeph::gm::Sm4CbcBlocks(in, plain.data(), len / kSm4Block, iv, key, false);
         }
         if (!ValidPadding(plain.data(), len)) return BIVO_ERR_PADDING;
         const uint32_t plain_len = len - plain[len - 1];

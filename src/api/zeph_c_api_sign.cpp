@@ -4,7 +4,7 @@
 
 #include "api/cert.hpp"
 #include "api/handle.hpp"
-#include "device/vorli_gm_skf.hpp"
+#include "device/vendor_quirks.hpp"
 #include "foundation/owned.hpp"
 #include "foundation/sm2_params.hpp"
 #include "foundation/status_flow.hpp"
@@ -17,7 +17,6 @@ using zeph::api::SessionGuard;
 
 namespace {
 
-constexpr uint32_t kDeviceHashesItself = 10;  // this vendor's library hashes on the key
 using zeph::kSignWorkLen;
 using zeph::kSm2CoordLen;
 
@@ -70,7 +69,7 @@ ZEPH_API uint32_t ZEPH_C_DoSm2Sign(void *handle, const char *pin, const unsigned
   ZEPH_TRY(GM_SKF_CTX_VerifyPin(ctx, pin, pin != nullptr ? static_cast<uint32_t>(std::strlen(pin)) : 0));
   uint8_t raw[zeph::kSm2RawSignatureLen];
   uint32_t raw_len = sizeof raw;
-  if (ctx->device_type == kDeviceHashesItself) {
+  if (zeph::device::SignsWholeMessage(ctx)) {
     ZEPH_TRY(GM_SKF_CTX_SignHashEx(ctx, data, data_len, raw, &raw_len, nullptr));
   } else {
     uint8_t value[kSignWorkLen];
@@ -91,7 +90,7 @@ ZEPH_API uint32_t ZEPH_C_DoRsaSign(void *handle, const char *pin, const unsigned
   SessionGuard session{ctx};
   ZEPH_TRY(GM_SKF_CTX_OpenSession(ctx, ZEPH_OBJ_RSA_SIGN));
   ZEPH_TRY(GM_SKF_CTX_VerifyPin(ctx, pin, pin != nullptr ? static_cast<uint32_t>(std::strlen(pin)) : 0));
-  if (ctx->device_type == kDeviceHashesItself) {
+  if (zeph::device::SignsWholeMessage(ctx)) {
     uint32_t work_area[64] = {0};  // the vendor's own scratch space
     return GM_SKF_CTX_SignHashEx(ctx, data, data_len, sig, sig_len, work_area);
   }

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "device/vendor_quirks.hpp"
 #include "foundation/log.hpp"
 #include "foundation/output.hpp"
 #include "foundation/secure_bytes.hpp"
@@ -116,7 +117,7 @@ uint32_t CountContainers(GM_SKF_CTX *ctx, const std::vector<std::string> &apps, 
   return 0;
 }
 
-// Occupied seal slots: slot 1 is the file "Picture", slots 2 to 10 "Picture<n>".
+// Occupied seal slots, by the files that hold their pictures.
 uint32_t CountSeals(GM_SKF_CTX *ctx, const std::vector<std::string> &apps, uint32_t *out_count) {
   *out_count = 0;
   if (std::find(apps.begin(), apps.end(), "VorliStamp") == apps.end()) return 0;
@@ -126,14 +127,9 @@ uint32_t CountSeals(GM_SKF_CTX *ctx, const std::vector<std::string> &apps, uint3
   ZEPH_TRY(CallSkf(skf.SKF_OpenApplication, ERR_OPEN_SESSION_FAILED, ctx->device, name.data(), &app.app));
   std::vector<std::string> files;
   ZEPH_TRY(EnumNames(skf.SKF_EnumFiles, app.app, ERR_OPEN_SESSION_FAILED, &files));
-  for (uint32_t slot = 1; slot <= 10; ++slot) {
-    char file[32];
-    if (slot == 1) {
-      std::snprintf(file, sizeof file, "Picture");
-    } else {
-      std::snprintf(file, sizeof file, "Picture%u", slot);
-    }
-    if (std::find(files.begin(), files.end(), file) != files.end()) ++*out_count;
+  for (uint32_t slot = 1; slot <= zeph::device::kSealSlots; ++slot) {
+    const zeph::device::SealFileName file = zeph::device::SealSlotFile(slot);
+    if (std::find(files.begin(), files.end(), file.text) != files.end()) ++*out_count;
   }
   return 0;
 }

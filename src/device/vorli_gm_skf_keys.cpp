@@ -7,6 +7,7 @@
 #include <openssl/core_names.h>
 #include <openssl/param_build.h>
 
+#include "device/vendor_quirks.hpp"
 #include "device/vorli_gm_skf.hpp"
 #include "foundation/log.hpp"
 #include "foundation/output.hpp"
@@ -25,8 +26,6 @@ namespace {
 using zeph::kSignWorkLen;
 using zeph::kSm2CoordLen;
 using zeph::kSm2PointLen;
-constexpr uint32_t kVendorUnpaddedType = 10;
-constexpr uint32_t kMode50Type = 41;
 
 // 256-bit values sit right-aligned in the blobs' 64-byte fields.
 const BYTE *Low32(const BYTE (&field)[64]) { return field + (sizeof field - kSm2CoordLen); }
@@ -215,15 +214,15 @@ ZEPH_API uint32_t GM_SKF_CTX_DoAsymDec(GM_SKF_CTX *ctx, const unsigned char *cip
   if (cipher == nullptr || out == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
     std::vector<BYTE> in = Mutable(cipher, cipher_len);
-    const ULONG mode = ctx->device_type == kMode50Type ? 50u : (padding != 0 ? 1u : 2u);
+    const ULONG mode = zeph::device::RsaDecryptMode(ctx, padding);
     ULONG len = *in_out_len;
     ZEPH_LOG("SKF_RSADecryptProc uiInDataLen:", cipher_len);
     const uint32_t rv = ctx->skf.SKF_RSADecrypt(ctx->container, in.data(), cipher_len, out, &len, mode);
     ZEPH_LOG("SKF_RSADecryptProc end:", rv);
     if (rv != 0) return rv;
     if (len > *in_out_len) return ERR_ASYM_CRYPT_FAILED;  // the vendor overran what it was given
-    if (ctx->device_type == kVendorUnpaddedType) {
-      *in_out_len = len;  // this vendor unpads by itself
+    if (zeph::device::UnpadsRsaItself(ctx)) {
+      *in_out_len = len;
       return 0;
     }
     uint32_t plain_len = 0;

@@ -18,6 +18,15 @@ ZEPH_BEGIN_DECLS
 #define ZEPH_AREA_SM2  2u
 #define ZEPH_AREA_SEAL 4u
 
+/* Digest identifiers (the library's own numbering; hashing and RSA signing
+ * use the low 16 bits of a digest_id). */
+#define ZEPH_DIGEST_SM3    1u
+#define ZEPH_DIGEST_SHA1   2u
+#define ZEPH_DIGEST_SHA256 4u
+#define ZEPH_DIGEST_SHA384 8u
+#define ZEPH_DIGEST_SHA512 16u
+#define ZEPH_DIGEST_MD5    128u
+
 /* ---- Handle lifecycle ------------------------------------------------- */
 ZEPH_API uint32_t ZEPH_C_Initialize(void **handle_out, uint32_t device_type, const char *key_sn, uint32_t flags);
 ZEPH_API uint32_t ZEPH_C_Finalize(void *handle);

@@ -153,8 +153,8 @@ ZEPH_API uint32_t GM_SKF_CTX_DelAllApp(GM_SKF_CTX *ctx);
 /* ---- Key operations (inside a session on the key's container) ---------- */
 
 /* The value to sign: SM3(Z || M) for an SM2 signing session, otherwise the
- * DER DigestInfo of the message digest (digest_id: 1 SM3, 2 SHA-1,
- * 4 SHA-256, 8 SHA-384, 16 SHA-512, 128 MD5). */
+ * DER DigestInfo of the message digest (the low 16 bits of digest_id are a
+ * ZEPH_DIGEST_* identifier of zeph_c_api.h). */
 ZEPH_API uint32_t GM_SKF_CTX_DataOnPretreatment(GM_SKF_CTX *ctx, const unsigned char *msg, uint32_t msg_len,
                                                 unsigned char *out, uint32_t *in_out_len, uint32_t digest_id);
 /* RSA: the vendor's signature, *in_out_sig_len is the capacity. SM2: 64

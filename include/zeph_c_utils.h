@@ -81,7 +81,8 @@ ZEPH_API uint32_t zeph_getVorliAlgName(uint32_t code, char *out);
 ZEPH_API int zeph_parse_url(const char *url, char **out_host, char **out_port, int *out_is_https);
 
 /* ---- Digests, SM4-ECB and PKCS#5 ------------------------------------- */
-/* Digest identifiers: 1 SM3, 2 SHA-1, 4 SHA-256, 8 SHA-384, 16 SHA-512, 128 MD5. */
+/* algorithm: a digest identifier, ZEPH_DIGEST_SM3 ... ZEPH_DIGEST_MD5
+ * (zeph_c_api.h). */
 ZEPH_API uint32_t zeph_c_utils_digest(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
                                       unsigned char *out_digest, uint32_t *in_out_digest_length, int *out_nid);
 ZEPH_API uint32_t zeph_c_utils_digestWithFilePath(const char *file_name, uint32_t algorithm, unsigned char *out_digest,

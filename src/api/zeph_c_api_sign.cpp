@@ -5,6 +5,7 @@
 #include "api/cert.hpp"
 #include "api/handle.hpp"
 #include "device/vendor_quirks.hpp"
+#include "foundation/helpers.hpp"
 #include "foundation/owned.hpp"
 #include "foundation/sm2_params.hpp"
 #include "foundation/status_flow.hpp"
@@ -38,17 +39,11 @@ uint32_t EncodeSm2Signature(const uint8_t *raw, unsigned char *sig, uint32_t *si
   return 0;
 }
 
+// RSA verification knows the SHA-2 identifiers; every other value means SHA-1.
 const EVP_MD *RsaVerifyDigest(uint32_t digest_id) {
-  switch (digest_id & 0xFFFFu) {
-    case 4:
-      return EVP_sha256();
-    case 8:
-      return EVP_sha384();
-    case 16:
-      return EVP_sha512();
-    default:
-      return EVP_sha1();
-  }
+  const uint32_t id = digest_id & 0xFFFFu;
+  const bool sha2 = id == ZEPH_DIGEST_SHA256 || id == ZEPH_DIGEST_SHA384 || id == ZEPH_DIGEST_SHA512;
+  return zeph::DigestById(sha2 ? id : ZEPH_DIGEST_SHA1);
 }
 
 }  // namespace

@@ -11,8 +11,8 @@
 namespace zeph::ci {
 namespace {
 
-// The library's RSA digest identifier when the request names none: SHA-256.
-constexpr uint32_t kDefaultRsaDigest = 4;
+// The RSA digest when the request names none.
+constexpr uint32_t kDefaultRsaDigest = ZEPH_DIGEST_SHA256;
 // Room for an RSA signature of up to 8,192 bits; SM2 needs at most 72 bytes.
 constexpr uint32_t kMaxSignature = 1024;
 

@@ -2,34 +2,16 @@
 #include <cstdio>
 #include <vector>
 
+#include "foundation/helpers.hpp"
 #include "foundation/output.hpp"
 #include "foundation/owned.hpp"
 #include "foundation/status_flow.hpp"
+#include "zeph_c_api.h"
 #include "zeph_c_utils.h"
 
 namespace {
 
 constexpr size_t kFileChunk = 4u * 1024u * 1024u;
-
-// Identifier -> OpenSSL digest; null for an identifier the library does not know.
-const EVP_MD *DigestFor(uint32_t algorithm) {
-  switch (algorithm) {
-    case 1:
-      return EVP_sm3();
-    case 2:
-      return EVP_sha1();
-    case 4:
-      return EVP_sha256();
-    case 8:
-      return EVP_sha384();
-    case 16:
-      return EVP_sha512();
-    case 128:
-      return EVP_md5();
-    default:
-      return nullptr;
-  }
-}
 
 // Hands out a finished digest by the size-query protocol and reports the NID.
 uint32_t DeliverDigest(const EVP_MD *md, const uint8_t *digest, unsigned int n, unsigned char *out,
@@ -40,11 +22,34 @@ uint32_t DeliverDigest(const EVP_MD *md, const uint8_t *digest, unsigned int n, 
 
 }  // namespace
 
+namespace zeph {
+
+const EVP_MD *DigestById(uint32_t digest_id) {
+  switch (digest_id) {
+    case ZEPH_DIGEST_SM3:
+      return EVP_sm3();
+    case ZEPH_DIGEST_SHA1:
+      return EVP_sha1();
+    case ZEPH_DIGEST_SHA256:
+      return EVP_sha256();
+    case ZEPH_DIGEST_SHA384:
+      return EVP_sha384();
+    case ZEPH_DIGEST_SHA512:
+      return EVP_sha512();
+    case ZEPH_DIGEST_MD5:
+      return EVP_md5();
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace zeph
+
 extern "C" {
 
 ZEPH_API uint32_t zeph_c_utils_digest(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
                                       unsigned char *out_digest, uint32_t *in_out_digest_length, int *out_nid) {
-  const EVP_MD *md = DigestFor(algorithm);
+  const EVP_MD *md = zeph::DigestById(algorithm);
   if (md == nullptr || data == nullptr || data_length == 0) return ERR_DIGEST_FAILED;
   if (in_out_digest_length == nullptr) return ERR_INVALID_PARAMETER;
   // The size is known before hashing; a length query also reports the NID.
@@ -60,7 +65,7 @@ ZEPH_API uint32_t zeph_c_utils_digest(uint32_t algorithm, const unsigned char *d
 
 ZEPH_API uint32_t zeph_c_utils_digestWithFilePath(const char *file_name, uint32_t algorithm, unsigned char *out_digest,
                                                   uint32_t *in_out_digest_length, int *out_nid) {
-  const EVP_MD *md = DigestFor(algorithm);
+  const EVP_MD *md = zeph::DigestById(algorithm);
   if (md == nullptr) return ERR_DIGEST_FAILED;
   if (file_name == nullptr || in_out_digest_length == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {

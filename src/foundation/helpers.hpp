@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include <openssl/asn1.h>
+#include <openssl/evp.h>
 
 #include "zeph_c_status.h"
 
@@ -38,3 +39,11 @@ uint32_t l_P5padding_check(const unsigned char *data, size_t length, int front);
 // at least `length` bytes (it may alias `data`); *out_length gets the
 // unpadded length. 0, or ERR_PADDING_INVALID.
 uint32_t l_P5unpad(const unsigned char *data, size_t length, unsigned char *out, size_t *out_length, int front);
+
+namespace zeph {
+
+// The OpenSSL digest of a digest identifier (ZEPH_DIGEST_*), or null for an
+// identifier the library does not know.
+const EVP_MD *DigestById(uint32_t digest_id);
+
+}  // namespace zeph

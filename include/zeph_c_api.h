@@ -28,16 +28,16 @@ ZEPH_BEGIN_DECLS
 #define ZEPH_DIGEST_MD5    128u
 
 /* ---- Handle lifecycle ------------------------------------------------- */
-ZEPH_API uint32_t ZEPH_C_Initialize(void **handle_out, uint32_t device_type, const char *key_sn, uint32_t flags);
+ZEPH_API uint32_t ZEPH_C_Initialize(void **out_handle, uint32_t device_type, const char *key_sn, uint32_t flags);
 ZEPH_API uint32_t ZEPH_C_Finalize(void *handle);
 
 /* ---- Device listing (no handle) --------------------------------------- */
-ZEPH_API uint32_t ZEPH_C_ListPluginDevice(char *buffer, uint32_t *length_inout);
-ZEPH_API uint32_t ZEPH_C_ListKeySNDevice(char *buffer, uint32_t *length_inout);
-ZEPH_API uint32_t ZEPH_C_GetDeviceErrStatus(char *buffer, uint32_t *length_inout);
+ZEPH_API uint32_t ZEPH_C_ListPluginDevice(char *out_text, uint32_t *in_out_len);
+ZEPH_API uint32_t ZEPH_C_ListKeySNDevice(char *out_text, uint32_t *in_out_len);
+ZEPH_API uint32_t ZEPH_C_GetDeviceErrStatus(char *out_text, uint32_t *in_out_len);
 
 /* ---- PINs, device authentication, areas -------------------------------- */
-ZEPH_API uint32_t ZEPH_C_VerifyUserPin(void *handle, uint32_t usage, const char *pin, uint32_t *retry_count_out);
+ZEPH_API uint32_t ZEPH_C_VerifyUserPin(void *handle, uint32_t usage, const char *pin, uint32_t *out_retry);
 ZEPH_API uint32_t ZEPH_C_ChangeUserPin(void *handle, uint32_t usage, const char *old_pin, const char *new_pin);
 ZEPH_API uint32_t ZEPH_C_UnLockUserPinByAdminPin(void *handle, uint32_t usage, const char *admin_pin,
                                                  uint32_t admin_pin_len, const char *new_user_pin,
@@ -57,27 +57,27 @@ ZEPH_API uint32_t ZEPH_C_InitVorliStampArea(void *handle, const unsigned char *a
                                             uint32_t user_pin_retry, uint32_t reserved);
 
 /* ---- Version, enumeration, random -------------------------------------- */
-ZEPH_API uint32_t ZEPH_C_GetVersion(uint32_t *version_out);
+ZEPH_API uint32_t ZEPH_C_GetVersion(uint32_t *out_version);
 ZEPH_API uint32_t ZEPH_C_SetVersion(void *handle, const char *pin, uint32_t usage, const unsigned char *data,
                                     uint32_t data_len);
-ZEPH_API uint32_t ZEPH_C_EnumRSAandSM2andSealInfo(void *handle, uint32_t *rsa_out, uint32_t *sm2_out,
-                                                  uint32_t *seal_out);
-ZEPH_API uint32_t ZEPH_C_EnumAllInfoInCryptoDevice(void *handle, char *out, uint32_t *out_len);
-ZEPH_API uint32_t ZEPH_C_GenRandomBytes(void *handle, uint32_t count, unsigned char *buffer);
+ZEPH_API uint32_t ZEPH_C_EnumRSAandSM2andSealInfo(void *handle, uint32_t *out_rsa, uint32_t *out_sm2,
+                                                  uint32_t *out_seal);
+ZEPH_API uint32_t ZEPH_C_EnumAllInfoInCryptoDevice(void *handle, char *out, uint32_t *in_out_len);
+ZEPH_API uint32_t ZEPH_C_GenRandomBytes(void *handle, uint32_t count, unsigned char *out);
 
 /* ---- Files on the device (row = object index) -------------------------- */
 ZEPH_API uint32_t ZEPH_C_WriteUkeyFile(void *handle, const char *pin, uint32_t row, const char *file_name,
                                        const unsigned char *data, uint32_t data_len);
 ZEPH_API uint32_t ZEPH_C_ReadUkeyFile(void *handle, const char *pin, uint32_t row, const char *file_name,
-                                      unsigned char *out, uint32_t *out_len_inout);
+                                      unsigned char *out, uint32_t *in_out_len);
 ZEPH_API uint32_t ZEPH_C_DeleteFile(void *handle, const char *pin, uint32_t row, const char *file_name);
 
 /* ---- Files on disk and encodings --------------------------------------- */
 ZEPH_API uint32_t ZEPH_C_WriteFile(const char *path, const unsigned char *data, uint32_t length);
-ZEPH_API uint32_t ZEPH_C_ReadFile(const char *path, unsigned char *out, uint32_t *length_inout);
-ZEPH_API uint32_t ZEPH_C_Dob64tohex(const char *base64_text, unsigned char **out_ptr, uint32_t *out_len);
-ZEPH_API uint32_t ZEPH_C_Dohex2b64(const unsigned char *data, uint32_t length, char **out_ptr);
-ZEPH_API uint32_t ZEPH_C_b64tohex(const char *base64_text, unsigned char *out, uint32_t *out_len_inout);
+ZEPH_API uint32_t ZEPH_C_ReadFile(const char *path, unsigned char *out, uint32_t *in_out_len);
+ZEPH_API uint32_t ZEPH_C_Dob64tohex(const char *base64_text, unsigned char **out_buffer, uint32_t *out_len);
+ZEPH_API uint32_t ZEPH_C_Dohex2b64(const unsigned char *data, uint32_t length, char **out_text);
+ZEPH_API uint32_t ZEPH_C_b64tohex(const char *base64_text, unsigned char *out, uint32_t *in_out_len);
 ZEPH_API uint32_t ZEPH_C_hex2b64(const unsigned char *data, uint32_t length, char *out);
 ZEPH_API uint32_t ZEPH_C_MALLOC_FREE(void *pointer);
 
@@ -85,9 +85,9 @@ ZEPH_API uint32_t ZEPH_C_MALLOC_FREE(void *pointer);
 /* SM2: DER SEQUENCE { r, s } (70..72 bytes). RSA digest identifiers: 4
  * SHA-256, 8 SHA-384, 16 SHA-512 (verification: anything else SHA-1). */
 ZEPH_API uint32_t ZEPH_C_DoSm2Sign(void *handle, const char *pin, const unsigned char *data, uint32_t data_len,
-                                   unsigned char *sig, uint32_t *sig_len);
+                                   unsigned char *out_sig, uint32_t *out_sig_len);
 ZEPH_API uint32_t ZEPH_C_DoRsaSign(void *handle, const char *pin, const unsigned char *data, uint32_t data_len,
-                                   unsigned char *sig, uint32_t *sig_len, uint32_t digest_id);
+                                   unsigned char *out_sig, uint32_t *in_out_sig_len, uint32_t digest_id);
 ZEPH_API uint32_t ZEPH_C_VerifySm2SignWithCert(const unsigned char *cert, uint32_t cert_len, const unsigned char *data,
                                                uint32_t data_len, const unsigned char *sig, uint32_t sig_len);
 ZEPH_API uint32_t ZEPH_C_VerifyRsaSignWithCert(const unsigned char *cert, uint32_t cert_len, const unsigned char *data,
@@ -97,7 +97,7 @@ ZEPH_API uint32_t ZEPH_C_VerifySignWithCert(const unsigned char *cert, uint32_t 
                                             uint32_t data_len, const unsigned char *sig, uint32_t sig_len,
                                             uint32_t digest_id);
 ZEPH_API uint32_t ZEPH_C_HashDataWithAlgID(uint32_t digest_id, const unsigned char *data, uint32_t data_len,
-                                           unsigned char *out, uint32_t *out_len);
+                                           unsigned char *out, uint32_t *in_out_len);
 
 ZEPH_END_DECLS
 

@@ -51,11 +51,11 @@ const EVP_MD *RsaVerifyDigest(uint32_t digest_id) {
 extern "C" {
 
 ZEPH_API uint32_t ZEPH_C_DoSm2Sign(void *handle, const char *pin, const unsigned char *data, uint32_t data_len,
-                                   unsigned char *sig, uint32_t *sig_len) {
+                                   unsigned char *out_sig, uint32_t *out_sig_len) {
   if (handle == nullptr) return ERR_INVALID_PARAMETER;
   GM_SKF_CTX *ctx = zeph::api::ContextWord(handle);
   if (ctx == nullptr) return ERR_NO_DEVICE_LIBRARY;
-  if (sig == nullptr || sig_len == nullptr || (data == nullptr && data_len != 0)) return ERR_INVALID_PARAMETER;
+  if (out_sig == nullptr || out_sig_len == nullptr || (data == nullptr && data_len != 0)) return ERR_INVALID_PARAMETER;
   const unsigned char empty = 0;
   if (data == nullptr) data = &empty;
 
@@ -72,13 +72,13 @@ ZEPH_API uint32_t ZEPH_C_DoSm2Sign(void *handle, const char *pin, const unsigned
     ZEPH_TRY(GM_SKF_CTX_DataOnPretreatment(ctx, data, data_len, value, &value_len, 0));
     ZEPH_TRY(GM_SKF_CTX_SignHash(ctx, value, value_len, raw, &raw_len));
   }
-  return EncodeSm2Signature(raw, sig, sig_len);
+  return EncodeSm2Signature(raw, out_sig, out_sig_len);
 }
 
 ZEPH_API uint32_t ZEPH_C_DoRsaSign(void *handle, const char *pin, const unsigned char *data, uint32_t data_len,
-                                   unsigned char *sig, uint32_t *sig_len, uint32_t digest_id) {
+                                   unsigned char *out_sig, uint32_t *in_out_sig_len, uint32_t digest_id) {
   ZEPH_API_CONTEXT(handle, ctx);
-  if (sig_len == nullptr || (data == nullptr && data_len != 0)) return ERR_INVALID_PARAMETER;
+  if (in_out_sig_len == nullptr || (data == nullptr && data_len != 0)) return ERR_INVALID_PARAMETER;
   const unsigned char empty = 0;
   if (data == nullptr) data = &empty;
 
@@ -87,12 +87,12 @@ ZEPH_API uint32_t ZEPH_C_DoRsaSign(void *handle, const char *pin, const unsigned
   ZEPH_TRY(GM_SKF_CTX_VerifyPin(ctx, pin, pin != nullptr ? static_cast<uint32_t>(std::strlen(pin)) : 0));
   if (zeph::device::SignsWholeMessage(ctx)) {
     uint32_t work_area[64] = {0};  // the vendor's own scratch space
-    return GM_SKF_CTX_SignHashEx(ctx, data, data_len, sig, sig_len, work_area);
+    return GM_SKF_CTX_SignHashEx(ctx, data, data_len, out_sig, in_out_sig_len, work_area);
   }
   uint8_t value[kSignWorkLen];
   uint32_t value_len = sizeof value;
   ZEPH_TRY(GM_SKF_CTX_DataOnPretreatment(ctx, data, data_len, value, &value_len, digest_id));
-  return GM_SKF_CTX_SignHash(ctx, value, value_len, sig, sig_len);
+  return GM_SKF_CTX_SignHash(ctx, value, value_len, out_sig, in_out_sig_len);
 }
 
 ZEPH_API uint32_t ZEPH_C_VerifySm2SignWithCert(const unsigned char *cert, uint32_t cert_len, const unsigned char *data,
@@ -130,8 +130,8 @@ ZEPH_API uint32_t ZEPH_C_VerifySignWithCert(const unsigned char *cert, uint32_t 
 }
 
 ZEPH_API uint32_t ZEPH_C_HashDataWithAlgID(uint32_t digest_id, const unsigned char *data, uint32_t data_len,
-                                           unsigned char *out, uint32_t *out_len) {
-  return zeph_c_utils_digest(digest_id & 0xFFFFu, data, data_len, out, out_len, nullptr);
+                                           unsigned char *out, uint32_t *in_out_len) {
+  return zeph_c_utils_digest(digest_id & 0xFFFFu, data, data_len, out, in_out_len, nullptr);
 }
 
 }  // extern "C"

@@ -187,23 +187,23 @@ ZEPH_API uint32_t GM_SKF_CTX_DataOnPretreatment(GM_SKF_CTX *ctx, const unsigned 
 }
 
 ZEPH_API uint32_t GM_SKF_CTX_SignHash(GM_SKF_CTX *ctx, const unsigned char *value, uint32_t value_len,
-                                      unsigned char *sig, uint32_t *in_out_sig_len) {
+                                      unsigned char *out_sig, uint32_t *in_out_sig_len) {
   return SignValue(
-      ctx, value, value_len, sig, in_out_sig_len, ctx != nullptr ? ctx->skf.SKF_ECCSignData : nullptr,
+      ctx, value, value_len, out_sig, in_out_sig_len, ctx != nullptr ? ctx->skf.SKF_ECCSignData : nullptr,
       [&](BYTE *in, ULONG *len) {
         const auto &skf = ctx->skf;
         return skf.SKF_Ex_RSASignData != nullptr
-                   ? CallSkf(skf.SKF_Ex_RSASignData, ERR_SIGN_FAILED, ctx->container, 1u, in, value_len, sig, len)
-                   : CallSkf(skf.SKF_RSASignData, ERR_SIGN_FAILED, ctx->container, in, value_len, sig, len);
+                   ? CallSkf(skf.SKF_Ex_RSASignData, ERR_SIGN_FAILED, ctx->container, 1u, in, value_len, out_sig, len)
+                   : CallSkf(skf.SKF_RSASignData, ERR_SIGN_FAILED, ctx->container, in, value_len, out_sig, len);
       });
 }
 
 ZEPH_API uint32_t GM_SKF_CTX_SignHashEx(GM_SKF_CTX *ctx, const unsigned char *value, uint32_t value_len,
-                                        unsigned char *sig, uint32_t *in_out_sig_len, uint32_t *extra) {
-  return SignValue(ctx, value, value_len, sig, in_out_sig_len, ctx != nullptr ? ctx->skf.SKF_Eu_ECCSignData : nullptr,
-                   [&](BYTE *in, ULONG *len) {
-                     return CallSkf(ctx->skf.SKF_Eu_RSASignData, ERR_SIGN_FAILED, ctx->container, in, value_len, sig,
-                                    len, extra);
+                                        unsigned char *out_sig, uint32_t *in_out_sig_len, uint32_t *extra) {
+  return SignValue(ctx, value, value_len, out_sig, in_out_sig_len,
+                   ctx != nullptr ? ctx->skf.SKF_Eu_ECCSignData : nullptr, [&](BYTE *in, ULONG *len) {
+                     return CallSkf(ctx->skf.SKF_Eu_RSASignData, ERR_SIGN_FAILED, ctx->container, in, value_len,
+                                    out_sig, len, extra);
                    });
 }
 

@@ -86,8 +86,8 @@ using zeph::device::VendorEntry;
 
 extern "C" {
 
-ZEPH_API uint32_t ZEPH_C_ukey_detection_getList(char *out_text, uint32_t *in_out_length) {
-  if (in_out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t ZEPH_C_ukey_detection_getList(char *out_text, uint32_t *in_out_len) {
+  if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
     std::vector<VendorEntry> vendors;
     ZEPH_TRY(ReadVendorEntries(&vendors));
@@ -109,12 +109,12 @@ ZEPH_API uint32_t ZEPH_C_ukey_detection_getList(char *out_text, uint32_t *in_out
     }
     // The length written back counts the terminator, also after a write.
     return zeph::PutOutput({reinterpret_cast<const uint8_t *>(text.c_str()), text.size() + 1},
-                           reinterpret_cast<uint8_t *>(out_text), in_out_length);
+                           reinterpret_cast<uint8_t *>(out_text), in_out_len);
   });
 }
 
-ZEPH_API uint32_t ZEPH_C_ukey_detection_getDevErrStatus(char *out_text, uint32_t *in_out_length) {
-  if (in_out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t ZEPH_C_ukey_detection_getDevErrStatus(char *out_text, uint32_t *in_out_len) {
+  if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
     std::vector<VendorEntry> vendors;
     (void)ReadVendorEntries(&vendors);
@@ -131,9 +131,9 @@ ZEPH_API uint32_t ZEPH_C_ukey_detection_getDevErrStatus(char *out_text, uint32_t
     zeph::JsonTextPtr printed(cJSON_Print(list.get()));
     if (!printed) return ERR_OUT_OF_MEMORY;
     const size_t n = std::min<size_t>(std::strlen(printed.get()), 1023);
-    const uint32_t capacity = *in_out_length;
+    const uint32_t capacity = *in_out_len;
     ZEPH_TRY(zeph::PutOutput({reinterpret_cast<const uint8_t *>(printed.get()), n},
-                             reinterpret_cast<uint8_t *>(out_text), in_out_length));
+                             reinterpret_cast<uint8_t *>(out_text), in_out_len));
     // Compat: the text is handed out without its terminator and the length
     // leaves it out; hosts have always read it as counted characters. A
     // terminator is added only where the buffer has room for it.

@@ -48,26 +48,26 @@ const EVP_MD *DigestById(uint32_t digest_id) {
 extern "C" {
 
 ZEPH_API uint32_t zeph_c_utils_digest(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
-                                      unsigned char *out_digest, uint32_t *in_out_digest_length, int *out_nid) {
+                                      unsigned char *out_digest, uint32_t *in_out_digest_len, int *out_nid) {
   const EVP_MD *md = zeph::DigestById(algorithm);
   if (md == nullptr || data == nullptr || data_length == 0) return ERR_DIGEST_FAILED;
-  if (in_out_digest_length == nullptr) return ERR_INVALID_PARAMETER;
+  if (in_out_digest_len == nullptr) return ERR_INVALID_PARAMETER;
   // The size is known before hashing; a length query also reports the NID.
-  if (auto done = zeph::ReserveOutput(static_cast<size_t>(EVP_MD_get_size(md)), out_digest, in_out_digest_length)) {
+  if (auto done = zeph::ReserveOutput(static_cast<size_t>(EVP_MD_get_size(md)), out_digest, in_out_digest_len)) {
     if (*done == 0 && out_nid != nullptr) *out_nid = EVP_MD_get_type(md);
     return *done;
   }
   uint8_t digest[EVP_MAX_MD_SIZE];
   unsigned int n = 0;
   if (EVP_Digest(data, data_length, digest, &n, md, nullptr) != 1) return ERR_DIGEST_FAILED;
-  return DeliverDigest(md, digest, n, out_digest, in_out_digest_length, out_nid);
+  return DeliverDigest(md, digest, n, out_digest, in_out_digest_len, out_nid);
 }
 
 ZEPH_API uint32_t zeph_c_utils_digestWithFilePath(const char *file_name, uint32_t algorithm, unsigned char *out_digest,
-                                                  uint32_t *in_out_digest_length, int *out_nid) {
+                                                  uint32_t *in_out_digest_len, int *out_nid) {
   const EVP_MD *md = zeph::DigestById(algorithm);
   if (md == nullptr) return ERR_DIGEST_FAILED;
-  if (file_name == nullptr || in_out_digest_length == nullptr) return ERR_INVALID_PARAMETER;
+  if (file_name == nullptr || in_out_digest_len == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
     zeph::FilePtr f(std::fopen(file_name, "rb"));
     if (!f) return ERR_FILE_OPEN_FAILED;
@@ -88,7 +88,7 @@ ZEPH_API uint32_t zeph_c_utils_digestWithFilePath(const char *file_name, uint32_
     uint8_t digest[EVP_MAX_MD_SIZE];
     unsigned int n = 0;
     if (EVP_DigestFinal_ex(ctx.get(), digest, &n) != 1) return ERR_DIGEST_FAILED;
-    return DeliverDigest(md, digest, n, out_digest, in_out_digest_length, out_nid);
+    return DeliverDigest(md, digest, n, out_digest, in_out_digest_len, out_nid);
   });
 }
 

@@ -34,7 +34,9 @@ bool DecoderIgnoresAtEnd(char c) { return c == ' ' || c == '\t' || c == '\r' || 
 
 }  // namespace
 
-int l_base64_decode(const char *text, unsigned char **out_buffer) {
+namespace zeph {
+
+int Base64Decode(const char *text, unsigned char **out_buffer) {
   if (out_buffer == nullptr) return -1;
   *out_buffer = nullptr;
   if (text == nullptr) return -1;
@@ -59,22 +61,24 @@ int l_base64_decode(const char *text, unsigned char **out_buffer) {
   return decoded - static_cast<int>(pads);
 }
 
+}  // namespace zeph
+
 extern "C" {
 
-ZEPH_API uint32_t File_PEMEncode(const unsigned char *data, uint32_t length, char *out, uint32_t *out_length) {
-  if (data == nullptr || out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t File_PEMEncode(const unsigned char *data, uint32_t length, char *out, uint32_t *in_out_len) {
+  if (data == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   if (length == 0) return kFailed;
   const size_t text_len = Base64Length(length);
   if (text_len >= UINT32_MAX) return kFailed;
   // Encoded straight into the caller's buffer once it is known to fit.
-  if (auto done = zeph::ReserveOutput(text_len + 1, out, out_length)) return *done;
+  if (auto done = zeph::ReserveOutput(text_len + 1, out, in_out_len)) return *done;
   EncodeBase64(data, length, out);
-  *out_length = static_cast<uint32_t>(text_len);
+  *in_out_len = static_cast<uint32_t>(text_len);
   return 0;
 }
 
-ZEPH_API uint32_t File_PEMDecode(const char *text, uint32_t length, unsigned char *out, uint32_t *out_length) {
-  if (text == nullptr || out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t File_PEMDecode(const char *text, uint32_t length, unsigned char *out, uint32_t *in_out_len) {
+  if (text == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   if (length == 0 || length > INT_MAX) return kFailed;
   return zeph::Guarded([&]() -> uint32_t {
     // The block decoder keeps the zero bytes that "=" padding stands for.
@@ -82,33 +86,33 @@ ZEPH_API uint32_t File_PEMDecode(const char *text, uint32_t length, unsigned cha
     const int n =
         EVP_DecodeBlock(scratch.data(), reinterpret_cast<const unsigned char *>(text), static_cast<int>(length));
     if (n <= 0) return kFailed;
-    const uint32_t rv = zeph::PutOutput({scratch.data(), static_cast<size_t>(n)}, out, out_length);
+    const uint32_t rv = zeph::PutOutput({scratch.data(), static_cast<size_t>(n)}, out, in_out_len);
     OPENSSL_cleanse(scratch.data(), scratch.size());
     return rv;
   });
 }
 
-ZEPH_API uint32_t zeph_c_utils_b64tohex(const char *text, unsigned char **out_buffer, uint32_t *out_length) {
-  if (text == nullptr || out_buffer == nullptr || out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t zeph_c_utils_b64tohex(const char *text, unsigned char **out_buffer, uint32_t *out_len) {
+  if (text == nullptr || out_buffer == nullptr || out_len == nullptr) return ERR_INVALID_PARAMETER;
   unsigned char *buf = nullptr;
-  const int n = l_base64_decode(text, &buf);
+  const int n = zeph::Base64Decode(text, &buf);
   *out_buffer = nullptr;
   if (n <= 0) {
     std::free(buf);
     return kFailed;
   }
   *out_buffer = buf;
-  *out_length = static_cast<uint32_t>(n);
+  *out_len = static_cast<uint32_t>(n);
   return 0;
 }
 
-ZEPH_API uint32_t zeph_c_utils_b64tohex2(const char *text, unsigned char *out, uint32_t *in_out_length) {
-  if (text == nullptr || in_out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t zeph_c_utils_b64tohex2(const char *text, unsigned char *out, uint32_t *in_out_len) {
+  if (text == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   unsigned char *raw = nullptr;
-  const int n = l_base64_decode(text, &raw);
+  const int n = zeph::Base64Decode(text, &raw);
   const zeph::MallocPtr<unsigned char> buf(raw);
   if (n <= 0) return ERR_BASE64_INVALID;
-  const uint32_t rv = zeph::PutOutput({buf.get(), static_cast<size_t>(n)}, out, in_out_length);
+  const uint32_t rv = zeph::PutOutput({buf.get(), static_cast<size_t>(n)}, out, in_out_len);
   OPENSSL_cleanse(buf.get(), static_cast<size_t>(n));
   return rv;
 }
@@ -126,37 +130,36 @@ ZEPH_API uint32_t zeph_c_utils_hex2b64(const unsigned char *data, uint32_t lengt
   return 0;
 }
 
-ZEPH_API uint32_t zeph_c_utils_hex2ascii(const unsigned char *data, uint32_t length, char *out,
-                                         uint32_t *in_out_length) {
-  if (in_out_length == nullptr || (data == nullptr && length != 0)) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t zeph_c_utils_hex2ascii(const unsigned char *data, uint32_t length, char *out, uint32_t *in_out_len) {
+  if (in_out_len == nullptr || (data == nullptr && length != 0)) return ERR_INVALID_PARAMETER;
   const size_t need = size_t{length} * 2;
-  if (auto done = zeph::ReserveOutput(need, out, in_out_length)) return *done;
+  if (auto done = zeph::ReserveOutput(need, out, in_out_len)) return *done;
   static constexpr char kDigits[] = "0123456789ABCDEF";
   for (uint32_t i = 0; i < length; ++i) {
     out[2 * i] = kDigits[data[i] >> 4];
     out[2 * i + 1] = kDigits[data[i] & 0x0F];
   }
-  *in_out_length = static_cast<uint32_t>(need);
+  *in_out_len = static_cast<uint32_t>(need);
   return 0;
 }
 
 // Kept for callers of the older interface; converts nothing.
-ZEPH_API uint32_t zeph_c_utils_ascii2hex(const char *text, uint32_t length, unsigned char *out, uint32_t *out_length) {
+ZEPH_API uint32_t zeph_c_utils_ascii2hex(const char *text, uint32_t length, unsigned char *out, uint32_t *in_out_len) {
   return 0;
 }
 
 // GBK to UTF-8 is not provided: both entries succeed without output.
 ZEPH_API uint32_t zeph_c_gbk2utf8(char *out, const char *text, uint32_t length) { return 0; }
 
-ZEPH_API uint32_t zeph_gbk2utf8_malloc(const char *text, uint32_t length, char **out) {
-  if (out != nullptr) *out = nullptr;
+ZEPH_API uint32_t zeph_gbk2utf8_malloc(const char *text, uint32_t length, char **out_text) {
+  if (out_text != nullptr) *out_text = nullptr;
   return 0;
 }
 
 ZEPH_API uint32_t zeph_c_utils_mergeBuffer(const unsigned char *first, uint32_t first_length,
                                            const unsigned char *second, uint32_t second_length,
-                                           unsigned char **out_buffer, uint32_t *out_length) {
-  if (out_buffer == nullptr || out_length == nullptr || (first == nullptr && first_length != 0) ||
+                                           unsigned char **out_buffer, uint32_t *out_len) {
+  if (out_buffer == nullptr || out_len == nullptr || (first == nullptr && first_length != 0) ||
       (second == nullptr && second_length != 0)) {
     return ERR_INVALID_PARAMETER;
   }
@@ -168,7 +171,7 @@ ZEPH_API uint32_t zeph_c_utils_mergeBuffer(const unsigned char *first, uint32_t 
   if (first_length != 0) std::memcpy(buf, first, first_length);
   if (second_length != 0) std::memcpy(buf + first_length, second, second_length);
   *out_buffer = buf;
-  *out_length = static_cast<uint32_t>(total);
+  *out_len = static_cast<uint32_t>(total);
   return 0;
 }
 

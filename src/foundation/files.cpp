@@ -16,8 +16,8 @@ constexpr uint32_t kFailed = 0xFFFFFFFFu;
 
 extern "C" {
 
-ZEPH_API uint32_t zeph_c_utils_readFile(const char *path, unsigned char *buffer, uint32_t *in_out_length) {
-  if (path == nullptr || in_out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t zeph_c_utils_readFile(const char *path, unsigned char *out, uint32_t *in_out_len) {
+  if (path == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   zeph::FilePtr f(std::fopen(path, "rb"));
   if (!f) return kFailed;
   // Only a regular file has a size to announce before reading.
@@ -25,11 +25,11 @@ ZEPH_API uint32_t zeph_c_utils_readFile(const char *path, unsigned char *buffer,
   if (fstat(fileno(f.get()), &st) != 0 || !S_ISREG(st.st_mode)) return kFailed;
   if (static_cast<uint64_t>(st.st_size) > UINT32_MAX) return kFailed;
   const auto size = static_cast<uint32_t>(st.st_size);
-  // Callers size the buffer with a first call; a stale length is refused
+  // Callers size the out with a first call; a stale length is refused
   // rather than written past.
-  if (auto done = zeph::ReserveOutput(size, buffer, in_out_length)) return *done;
-  *in_out_length = size;
-  if (size != 0 && std::fread(buffer, 1, size, f.get()) != size) return kFailed;
+  if (auto done = zeph::ReserveOutput(size, out, in_out_len)) return *done;
+  *in_out_len = size;
+  if (size != 0 && std::fread(out, 1, size, f.get()) != size) return kFailed;
   return 0;
 }
 

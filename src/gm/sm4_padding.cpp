@@ -104,37 +104,37 @@ ZEPH_API uint32_t BIVO_ComputeSm4EcbCipherLen(uint32_t len) {
   return padded > UINT32_MAX ? 0 : static_cast<uint32_t>(padded);
 }
 
-ZEPH_API uint32_t AddPadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *out_len) {
-  if (out_len == nullptr || (in == nullptr && len != 0)) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t AddPadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *in_out_len) {
+  if (in_out_len == nullptr || (in == nullptr && len != 0)) return ERR_INVALID_PARAMETER;
   const uint32_t padded = BIVO_ComputeSm4EcbCipherLen(len);
   if (padded == 0) return ERR_INVALID_PARAMETER;
   if (out == nullptr) {
-    *out_len = padded;
+    *in_out_len = padded;
     return 0;
   }
   // Compat: the module's own buffer status, and the length is not written
   // back; callers of the padding helpers have always sized out themselves.
-  if (*out_len < padded) return BIVO_ERR_BUFFER_TOO_SMALL;
+  if (*in_out_len < padded) return BIVO_ERR_BUFFER_TOO_SMALL;
   if (len != 0) std::memmove(out, in, len);
   std::memset(out + len, static_cast<int>(padded - len), padded - len);
-  *out_len = padded;
+  *in_out_len = padded;
   return 0;
 }
 
-ZEPH_API uint32_t RemovePadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *out_len) {
-  if (out_len == nullptr || (in == nullptr && len != 0)) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t RemovePadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *in_out_len) {
+  if (in_out_len == nullptr || (in == nullptr && len != 0)) return ERR_INVALID_PARAMETER;
   // The pad value itself is trusted (see CheckPaddingValidity); only one
   // that reaches past the start of the input is refused.
   if (len == 0 || in[len - 1] > len) return BIVO_ERR_PADDING;
   const uint32_t new_len = len - in[len - 1];
   if (out == nullptr) {
-    *out_len = new_len;
+    *in_out_len = new_len;
     return 0;
   }
   // Compat: as in AddPadding, the length is not written back.
-  if (*out_len < new_len) return BIVO_ERR_BUFFER_TOO_SMALL;
+  if (*in_out_len < new_len) return BIVO_ERR_BUFFER_TOO_SMALL;
   if (new_len != 0) std::memmove(out, in, new_len);
-  *out_len = new_len;
+  *in_out_len = new_len;
   return 0;
 }
 

@@ -166,11 +166,11 @@ TEST(Sm4Ecb, PaddingRulesAndRefusedInputs) {
 TEST(Padding, TrailingAndFrontForms) {
   const unsigned char abc[] = {'a', 'b', 'c'};
   unsigned char out[8];
-  ASSERT_EQ(l_P5pad(abc, 3, out, 8, 0), 0);
+  ASSERT_EQ(zeph::P5Pad(abc, 3, out, 8, 0), 0);
   EXPECT_EQ(ToHex(out, 8), "6162630505050505");
-  ASSERT_EQ(l_P5pad(abc, 3, out, 8, 1), 0);
+  ASSERT_EQ(zeph::P5Pad(abc, 3, out, 8, 1), 0);
   EXPECT_EQ(ToHex(out, 8), "0505050505616263");
-  EXPECT_EQ(l_P5pad(abc, 3, out, 3, 0), -1);
+  EXPECT_EQ(zeph::P5Pad(abc, 3, out, 3, 0), -1);
   const struct {
     const char *hex;
     int front;
@@ -189,10 +189,10 @@ TEST(Padding, TrailingAndFrontForms) {
     SCOPED_TRACE(std::string(c.hex) + (c.front ? " front" : " trailing"));
     const Bytes in = FromHex(c.hex);
     const uint32_t status = c.kept ? 0 : ERR_PADDING_INVALID;
-    EXPECT_EQ(l_P5padding_check(in.data(), in.size(), c.front), status);
+    EXPECT_EQ(zeph::P5PaddingCheck(in.data(), in.size(), c.front), status);
     Bytes kept(in.size() + 1);
     size_t kept_len = 0;
-    ASSERT_EQ(l_P5unpad(in.data(), in.size(), kept.data(), &kept_len, c.front), status);
+    ASSERT_EQ(zeph::P5Unpad(in.data(), in.size(), kept.data(), &kept_len, c.front), status);
     EXPECT_EQ(c.kept ? ToHex(kept.data(), kept_len) : "", c.kept ? c.kept : "");
   }
   for (uint32_t n : {0u, 15u, 16u, 17u}) {  // the allocating helpers

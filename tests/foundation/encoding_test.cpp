@@ -25,7 +25,7 @@ TEST(Base64, DecodedLengthFollowsTrailingEquals) {
   for (const auto &c : cases) {
     SCOPED_TRACE(c.text);
     unsigned char *buf = reinterpret_cast<unsigned char *>(1);
-    const int n = l_base64_decode(c.text, &buf);
+    const int n = zeph::Base64Decode(c.text, &buf);
     EXPECT_EQ(n, c.expected);
     EXPECT_EQ(buf == nullptr, n <= 0);
     EXPECT_EQ(n > 0 ? std::string(reinterpret_cast<char *>(buf), static_cast<size_t>(n)) : "", c.bytes ? c.bytes : "");
@@ -91,8 +91,8 @@ TEST(NullArguments, GetAStatus) {
   char *text = nullptr;
   uint32_t len = 0;
   const std::pair<uint32_t, uint32_t> statuses[] = {
-      {static_cast<uint32_t>(l_base64_decode(nullptr, &buf)), 0xFFFFFFFFu},
-      {static_cast<uint32_t>(l_base64_decode("QUJD", nullptr)), 0xFFFFFFFFu},
+      {static_cast<uint32_t>(zeph::Base64Decode(nullptr, &buf)), 0xFFFFFFFFu},
+      {static_cast<uint32_t>(zeph::Base64Decode("QUJD", nullptr)), 0xFFFFFFFFu},
       {zeph_c_utils_b64tohex2(nullptr, nullptr, &len), ERR_INVALID_PARAMETER},
       {zeph_c_utils_b64tohex2("QUI=", nullptr, nullptr), ERR_INVALID_PARAMETER},
       {zeph_c_utils_b64tohex(nullptr, &buf, &len), ERR_INVALID_PARAMETER},

@@ -22,8 +22,9 @@ namespace {
 
 constexpr uint32_t kLibraryVersion = 611680;  // printed as 95560 in hex
 
-// Selector to object index. PIN verification and change fall back to the
-// RSA area; unlock and version writing refuse an unknown selector (0).
+// Selector to object index. Compat: PIN verification and change fall back to
+// the RSA area for an unknown selector, while unlock and version writing
+// refuse it (0); hosts rely on both.
 uint32_t PinRow(uint32_t usage) {
   switch (usage) {
     case ZEPH_AREA_SM2:
@@ -78,6 +79,7 @@ uint32_t InitArea(void *handle, uint32_t row, const unsigned char *auth_code, ui
 extern "C" {
 
 ZEPH_API uint32_t ZEPH_C_Initialize(void **out_handle, uint32_t device_type, const char *key_sn, uint32_t flags) {
+  // Compat: a missing keySN and a failed allocation report the PIN status.
   if (key_sn == nullptr || key_sn[0] == '\0') return ERR_PIN_VERIFY_FAILED;
   if (out_handle == nullptr) return ERR_INVALID_PARAMETER;
   // calloc, so that ZEPH_C_MALLOC_FREE can release the record.
@@ -92,8 +94,8 @@ ZEPH_API uint32_t ZEPH_C_Finalize(void *handle) {
   GM_SKF_CTX *ctx = zeph::api::ContextOf(handle);
   if (ctx == nullptr) return 0;
   GM_SKF_CTX_Finalize(ctx);
-  // The record itself stays with the caller (ZEPH_C_MALLOC_FREE releases it);
-  // a second Finalize finds no context.
+  // Compat: the record itself stays with the caller, who releases it with
+  // ZEPH_C_MALLOC_FREE; a second Finalize finds no context.
   zeph::api::ContextWord(handle) = nullptr;
   return 0;
 }
@@ -231,6 +233,8 @@ ZEPH_API uint32_t ZEPH_C_GenRandomBytes(void *handle, uint32_t count, unsigned c
     if (count > static_cast<uint32_t>(INT_MAX)) return ERR_INVALID_PARAMETER;
     return RAND_bytes(out, static_cast<int>(count)) == 1 ? 0 : ERR_INVALID_PARAMETER;
   }
+  // Compat: a handle without a context is a parameter error here, not the
+  // missing-handle status.
   GM_SKF_CTX *ctx = zeph::api::ContextWord(handle);
   if (ctx == nullptr) return ERR_INVALID_PARAMETER;
   return GM_SKF_CTX_GenRandom(ctx, count, out);
@@ -252,7 +256,8 @@ ZEPH_API uint32_t ZEPH_C_ReadUkeyFile(void *handle, const char *pin, uint32_t ro
   if (file_name == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   SessionGuard session{ctx};
   ZEPH_TRY(GM_SKF_CTX_OpenSession(ctx, row));
-  // Files readable by everyone need no PIN: an empty one skips verification.
+  // Compat: files readable by everyone need no PIN, so an empty one skips
+  // verification here, while writing and deleting always verify.
   if (pin != nullptr && pin[0] != '\0') ZEPH_TRY(GM_SKF_CTX_VerifyPin(ctx, pin, TextLen(pin)));
   return GM_SKF_CTX_GetFileFromCryptoDevice(ctx, file_name, out, in_out_len);
 }

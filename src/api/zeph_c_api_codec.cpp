@@ -26,7 +26,9 @@ ZEPH_API uint32_t ZEPH_C_Dob64tohex(const char *base64_text, unsigned char **out
   if (base64_text == nullptr || out_buffer == nullptr || out_len == nullptr) return ERR_INVALID_PARAMETER;
   uint32_t size = 0;
   (void)zeph_c_utils_b64tohex2(base64_text, nullptr, &size);
-  if (size == 0) return 0;  // nothing decoded: nothing allocated, outputs untouched
+  // Compat: a text that decodes to nothing (or not at all) succeeds with
+  // nothing allocated and the outputs untouched.
+  if (size == 0) return 0;
   auto *buffer = static_cast<unsigned char *>(std::calloc(size, 1));
   if (buffer == nullptr) return ERR_OUT_OF_MEMORY;
   uint32_t len = size;
@@ -58,7 +60,8 @@ ZEPH_API uint32_t ZEPH_C_hex2b64(const unsigned char *data, uint32_t length, cha
   char *text = nullptr;
   if (zeph_c_utils_hex2b64(data, length, &text) != 0 || text == nullptr) return ERR_ENCODE_FAILED;
   zeph::MallocPtr<char> owned(text);
-  // The caller zero-filled a buffer of the base64 length; no terminator here.
+  // Compat: no terminator and no length; the caller zero-filled a buffer of
+  // the base64 length.
   std::memcpy(out, text, std::strlen(text));
   return 0;
 }

@@ -52,6 +52,8 @@ extern "C" {
 
 ZEPH_API uint32_t ZEPH_C_DoSm2Sign(void *handle, const char *pin, const unsigned char *data, uint32_t data_len,
                                    unsigned char *out_sig, uint32_t *out_sig_len) {
+  // Compat: unlike the other device calls, a missing handle is a parameter
+  // error and a missing context the no-library status.
   if (handle == nullptr) return ERR_INVALID_PARAMETER;
   GM_SKF_CTX *ctx = zeph::api::ContextWord(handle);
   if (ctx == nullptr) return ERR_NO_DEVICE_LIBRARY;
@@ -72,6 +74,8 @@ ZEPH_API uint32_t ZEPH_C_DoSm2Sign(void *handle, const char *pin, const unsigned
     ZEPH_TRY(GM_SKF_CTX_DataOnPretreatment(ctx, data, data_len, value, &value_len, 0));
     ZEPH_TRY(GM_SKF_CTX_SignHash(ctx, value, value_len, raw, &raw_len));
   }
+  // Compat: *out_sig_len is only written, never read as a capacity; hosts
+  // have always given the signature kSm2DerSignatureMax bytes.
   return EncodeSm2Signature(raw, out_sig, out_sig_len);
 }
 

@@ -110,8 +110,8 @@ constexpr std::array<Handler, kGroups * kSlots> BuildTable() {
   return table;
 }
 
-// Dispatcher failures keep the status zero-extended (2181562459 for
-// 0x8208005B); handlers store theirs sign-extended.
+// Compat: dispatcher failures keep the status zero-extended (2181562459 for
+// 0x8208005B) while handlers store theirs sign-extended; hosts match both.
 constexpr int64_t kDispatchFailure = static_cast<int64_t>(uint64_t{ERR_INVALID_PARAMETER});
 
 // Frees the request's owned texts and wipes it on every path.
@@ -230,6 +230,9 @@ ZEPH_API uint32_t ZEPH_C_CI(const char *request, char *out_response) {
   zeph::Guarded([&]() -> uint32_t {
     Reply reply;
     zeph::ci::Run(request, &reply);
+    // Compat: the response is written without a capacity (the host sizes it
+    // for the largest reply it asks for) and the call always returns 0: the
+    // outcome is the document's "code".
     if (out_response != nullptr && reply.text) {
       std::memcpy(out_response, reply.text.get(), std::strlen(reply.text.get()) + 1);
     }

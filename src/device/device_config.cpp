@@ -96,7 +96,9 @@ ZEPH_API uint32_t ZEPH_C_SetConfigInfo(const char *json_text) {
   if (n >= ZEPH_DEVICE_CFG_MAX) return ERR_DEVICE_CONFIG_INVALID;
   {
     std::lock_guard<std::mutex> lock(f_cfg_mutex);
-    std::memcpy(f_cfg, json_text, n);  // without terminator: an old tail stays
+    // Compat: copied without its terminator, so an old tail stays behind a
+    // shorter text; the parser reads the first complete value only.
+    std::memcpy(f_cfg, json_text, n);
     f_cfg_len = static_cast<uint32_t>(n);
   }
   ZEPH_LOG(n != 0 ? json_text : "read config file", 0);
@@ -113,7 +115,8 @@ ZEPH_API uint32_t ZEPH_C_ukey_detection_parseInfoWithKSN(const char *key_sn, uin
     std::vector<VendorEntry> vendors;
     ZEPH_TRY(ReadVendorEntries(&vendors));
     for (const VendorEntry &v : vendors) {
-      // Anywhere in the keySN, unlike the prefix rule of the library lookup.
+      // Compat: the vid may stand anywhere in the keySN, unlike the prefix
+      // rule of the library lookup.
       const char *at = std::strstr(key_sn, v.vid);
       if (at == nullptr) continue;
       const char *rest = at + std::strlen(v.vid);

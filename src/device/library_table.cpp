@@ -74,7 +74,8 @@ ZEPH_API void *getCryptoDeviceHandleWithKeySN(const char *key_sn) {
   const char *sep = std::strchr(key_sn, '_');
   const size_t prefix_len = sep != nullptr ? static_cast<size_t>(sep - key_sn) : std::strlen(key_sn);
   if (prefix_len == 0) return nullptr;
-  // A library that failed to load ends the walk: vendors after it are hidden.
+  // Compat: a library that failed to load ends the walk, so the vendors
+  // listed after it are hidden; detection stops at the same place.
   for (const LibraryEntry &entry : table->entries) {
     if (entry.module == nullptr) break;
     if (std::strncmp(entry.vid, key_sn, prefix_len) == 0) return entry.module;

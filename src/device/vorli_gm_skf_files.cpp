@@ -89,7 +89,8 @@ ZEPH_API uint32_t GM_SKF_CTX_DeleteFile(GM_SKF_CTX *ctx, const char *name) {
   if (name == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
     std::vector<char> file = NameCopy(name);
-    ZEPH_LOG("GM_SKF_CTX_SetFileIntoCryptoDevice:", 0);  // the writer's text, as the log has always read
+    // Compat: the writer's text, as the log has always read.
+    ZEPH_LOG("GM_SKF_CTX_SetFileIntoCryptoDevice:", 0);
     const uint32_t rv = CallSkf(ctx->skf.SKF_DeleteFile, ERR_DEVICE_FILE_WRITE_FAILED, ctx->application, file.data());
     ZEPH_LOG("SKF_DeleteFileProc end:", rv);
     return rv;

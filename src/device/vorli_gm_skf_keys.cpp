@@ -94,6 +94,7 @@ uint32_t SignSm2(PFN_SKF_ECCSignData sign, GM_SKF_CTX *ctx, const unsigned char 
   std::vector<BYTE> in = Mutable(value, value_len);
   ECCSIGNATUREBLOB blob{};
   ZEPH_TRY(CallSkf(sign, ERR_SIGN_FAILED, ctx->container, in.data(), value_len, &blob));
+  // Compat: r || s is written whatever the capacity; callers hand 64 bytes.
   std::memcpy(sig, Low32(blob.r), kSm2CoordLen);
   std::memcpy(sig + kSm2CoordLen, Low32(blob.s), kSm2CoordLen);
   *in_out_sig_len = zeph::kSm2RawSignatureLen;

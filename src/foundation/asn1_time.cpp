@@ -66,7 +66,8 @@ ZEPH_API uint32_t zeph_c_utils_GMTgetStandardTime(const ASN1_TIME *asn1_time, ch
   size_t n = 0;
   std::tm t{};
   if (ASN1_TIME_to_tm(asn1_time, &t) == 1) {
-    // The hour is shifted but not normalised: 24 and above print as they stand.
+    // Compat: the hour is shifted but not normalised; 24 and above print as
+    // they stand.
     t.tm_hour += l_getLocalTimeZone();
     n = FormatLocal(t, text);
   }

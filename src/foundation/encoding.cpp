@@ -11,6 +11,7 @@
 
 namespace {
 
+// Compat: the encoders' own failure is 0xFFFFFFFF, not a library status.
 constexpr uint32_t kFailed = 0xFFFFFFFFu;
 
 size_t Base64Length(size_t n) { return (n + 2) / 3 * 4; }

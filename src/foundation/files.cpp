@@ -10,6 +10,7 @@
 
 namespace {
 
+// Compat: files that do not open or read give 0xFFFFFFFF, not a library status.
 constexpr uint32_t kFailed = 0xFFFFFFFFu;
 
 }  // namespace

@@ -34,6 +34,8 @@ int P5Pad(const unsigned char *data, size_t length, unsigned char *out, size_t o
 uint32_t P5PaddingCheck(const unsigned char *data, size_t length, int front) {
   if (data == nullptr || length == 0) return ERR_PADDING_INVALID;
   const unsigned char value = front != 0 ? data[0] : data[length - 1];
+  // Compat: a pad value of 0 passes and removes nothing; decryption has always
+  // accepted such a last block.
   if (value > kBlock || value > length) return ERR_PADDING_INVALID;
   const unsigned char *pad = front != 0 ? data : data + length - value;
   for (size_t i = 0; i < value; ++i) {
@@ -66,6 +68,7 @@ ZEPH_API uint32_t zeph_c_utils_add_P5_padding(const unsigned char *data, uint32_
   const size_t padded = PaddedLength(length);
   if (padded > UINT32_MAX) return ERR_INVALID_PARAMETER;
   auto *buf = static_cast<unsigned char *>(std::malloc(padded));
+  // Compat: a failed allocation reports the padding status.
   if (buf == nullptr) return ERR_PADDING_INVALID;
   zeph::P5Pad(data, length, buf, padded, 0);
   *out_buffer = buf;

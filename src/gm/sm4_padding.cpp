@@ -80,6 +80,8 @@ uint32_t CreateCipherFile(const uint8_t *in, uint32_t len, const uint8_t *iv, co
         ZEPH_TRY(EncryptPadded(in, len, iv, key, cipher.data()));
         zeph::FilePtr f(std::fopen(path, "wb"));
         if (!f) return BIVO_ERR_FILE;
+        // Compat: the write is not checked; the module has only ever
+        // reported a file that does not open.
         std::fwrite(cipher.data(), 1, n, f.get());
         return 0;
       },
@@ -123,8 +125,9 @@ ZEPH_API uint32_t AddPadding(const unsigned char *in, uint32_t len, unsigned cha
 
 ZEPH_API uint32_t RemovePadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *in_out_len) {
   if (in_out_len == nullptr || (in == nullptr && len != 0)) return ERR_INVALID_PARAMETER;
-  // The pad value itself is trusted (see CheckPaddingValidity); only one
-  // that reaches past the start of the input is refused.
+  // Compat: the pad value itself is trusted (CheckPaddingValidity is the
+  // checker, run first by the decrypting callers); only one that reaches past
+  // the start of the input is refused.
   if (len == 0 || in[len - 1] > len) return BIVO_ERR_PADDING;
   const uint32_t new_len = len - in[len - 1];
   if (out == nullptr) {

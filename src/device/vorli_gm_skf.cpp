@@ -217,6 +217,8 @@ ZEPH_API uint32_t GM_SKF_CTX_NewSession(GM_SKF_CTX *ctx, uint32_t index, const c
     ZEPH_TRY(CallSkf(skf.SKF_CreateApplication, ERR_OPEN_SESSION_FAILED, ctx->device, loc.application,
                      reinterpret_cast<char *>(admin.data()), admin_pin_retry, reinterpret_cast<char *>(user.data()),
                      user_pin_retry, SECURE_USER_ACCOUNT, &ctx->application));
+    // Compat: a new RSA encryption container counts as a signing key here,
+    // unlike an opened one.
     ctx->key_kind = KindForIndex(index, false);
     ULONG retry = 0;
     ZEPH_TRY(CallSkf(skf.SKF_VerifyPIN, ERR_PIN_VERIFY_FAILED, ctx->application, USER_TYPE,
@@ -276,7 +278,8 @@ ZEPH_API uint32_t GM_SKF_CTX_VerifyPinRetryCnt(GM_SKF_CTX *ctx, const char *pin,
         ULONG max_retry = 0;
         BOOL is_default = FALSE;
         CallSkf(ctx->skf.SKF_GetPINInfo, 0, ctx->application, USER_TYPE, &max_retry, retry, &is_default);
-        // The complete record, PIN included, goes to the host's log callback only.
+        // Compat: the record is complete, PIN included, as hosts' logs have
+        // always shown it; it goes to the host's log callback only.
         const int n = std::snprintf(nullptr, 0,
                                     "{\"SKF_VerifyPIN: maxretryCnt\":\"%d\",\"retryCnt\":\"%d\","
                                     "\"IsDefaultPin\":\"%d\",\"UserPin\":\"%s\"}",

@@ -105,13 +105,14 @@ uint32_t SignSm2(PFN_SKF_ECCSignData sign, GM_SKF_CTX *ctx, const unsigned char 
 // RSA keys the vendor's signature within the caller's capacity.
 template <class RsaSign>
 uint32_t SignValue(GM_SKF_CTX *ctx, const unsigned char *value, uint32_t value_len, unsigned char *sig,
-                   uint32_t *in_out_sig_len, PFN_SKF_ECCSignData sm2_sign, RsaSign rsa_sign) {
+                   uint32_t *in_out_sig_len, PFN_SKF_ECCSignData zeph::device::SkfFunctions::*sm2_sign,
+                   RsaSign rsa_sign) {
   if (!HasContainer(ctx)) return ERR_SIGN_FAILED;
   if (value == nullptr || in_out_sig_len == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
     if (ctx->key_kind == ZEPH_KEY_SM2_SIGN) {
       if (sig == nullptr) return ERR_INVALID_PARAMETER;
-      return SignSm2(sm2_sign, ctx, value, value_len, sig, in_out_sig_len);
+      return SignSm2(ctx->skf.*sm2_sign, ctx, value, value_len, sig, in_out_sig_len);
     }
     std::vector<BYTE> in = Mutable(value, value_len);
     ULONG len = *in_out_sig_len;
@@ -128,6 +129,8 @@ extern "C" {
 ZEPH_API int zeph_c_utils_RSAsignpad(unsigned char *buffer, int digest_nid, uint32_t digest_len, uint32_t *out_len) {
   constexpr uint32_t kMaxEncoding = 117;  // fits a 1024-bit PKCS#1 v1.5 block
   if (buffer == nullptr || out_len == nullptr) return -1;
+  // Compat: MD5+SHA-1 is taken as a 32-byte value and passed through
+  // without a DigestInfo, as callers of this encoder have always relied on.
   if (digest_nid == NID_md5_sha1) {
     if (digest_len != 32) return -1;
     *out_len = digest_len;
@@ -190,7 +193,7 @@ ZEPH_API uint32_t GM_SKF_CTX_DataOnPretreatment(GM_SKF_CTX *ctx, const unsigned 
 ZEPH_API uint32_t GM_SKF_CTX_SignHash(GM_SKF_CTX *ctx, const unsigned char *value, uint32_t value_len,
                                       unsigned char *out_sig, uint32_t *in_out_sig_len) {
   return SignValue(
-      ctx, value, value_len, out_sig, in_out_sig_len, ctx != nullptr ? ctx->skf.SKF_ECCSignData : nullptr,
+      ctx, value, value_len, out_sig, in_out_sig_len, &zeph::device::SkfFunctions::SKF_ECCSignData,
       [&](BYTE *in, ULONG *len) {
         const auto &skf = ctx->skf;
         return skf.SKF_Ex_RSASignData != nullptr
@@ -201,8 +204,8 @@ ZEPH_API uint32_t GM_SKF_CTX_SignHash(GM_SKF_CTX *ctx, const unsigned char *valu
 
 ZEPH_API uint32_t GM_SKF_CTX_SignHashEx(GM_SKF_CTX *ctx, const unsigned char *value, uint32_t value_len,
                                         unsigned char *out_sig, uint32_t *in_out_sig_len, uint32_t *extra) {
-  return SignValue(ctx, value, value_len, out_sig, in_out_sig_len,
-                   ctx != nullptr ? ctx->skf.SKF_Eu_ECCSignData : nullptr, [&](BYTE *in, ULONG *len) {
+  return SignValue(ctx, value, value_len, out_sig, in_out_sig_len, &zeph::device::SkfFunctions::SKF_Eu_ECCSignData,
+                   [&](BYTE *in, ULONG *len) {
                      return CallSkf(ctx->skf.SKF_Eu_RSASignData, ERR_SIGN_FAILED, ctx->container, in, value_len,
                                     out_sig, len, extra);
                    });

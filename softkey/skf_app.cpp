@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "registry.hpp"
+#include "entry.hpp"
 
 using namespace softkey;
 

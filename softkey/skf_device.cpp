@@ -5,7 +5,7 @@
 
 #include <openssl/rand.h>
 
-#include "registry.hpp"
+#include "entry.hpp"
 
 using namespace softkey;
 
@@ -113,7 +113,7 @@ ULONG SKF_DevAuth(DEVHANDLE hDev, BYTE *pbAuthData, ULONG ulLen) {
     ZEPH_ENSURE(challenge.has_value(), SAR_FAIL);
     uint8_t block[16] = {}, expected[16];
     std::memcpy(block, challenge->data(), 8);
-    ZEPH_ENSURE(Sm4Ecb(true, d.dev->auth_key, block, sizeof block, expected), SAR_FAIL);
+    ZEPH_ENSURE(Sm4EcbBlocks(true, d.dev->auth_key, block, expected), SAR_FAIL);
     ZEPH_ENSURE(CRYPTO_memcmp(expected, pbAuthData, 16) == 0, SAR_FAIL);
     d.obj->authenticated = true;
     return SAR_OK;

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <vector>
 
-#include "registry.hpp"
+#include "entry.hpp"
 
 using namespace softkey;
 

@@ -1,6 +1,5 @@
 // The shared library exports exactly the documented names: no mangled C++
 // symbol, nothing unlisted, and every listed name present.
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -8,29 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include "test_support.hpp"
+
 namespace {
 
-std::set<std::string> DynamicSymbols(const std::string &lib) {
-  std::set<std::string> names;
-  const std::string cmd = "nm -D --defined-only '" + lib + "'";
-  FILE *p = popen(cmd.c_str(), "r");
-  if (p == nullptr) return names;
-  char line[4096];
-  while (std::fgets(line, sizeof line, p) != nullptr) {
-    // "<address> <type> <name>"
-    std::string s(line);
-    while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
-    const auto last = s.rfind(' ');
-    if (last == std::string::npos || last < 2) continue;
-    const char type = s[last - 1];
-    std::string name = s.substr(last + 1);
-    if (type == 'A') continue;  // linker-defined absolute symbols
-    if (const auto at = name.find('@'); at != std::string::npos) name.resize(at);
-    names.insert(name);
-  }
-  pclose(p);
-  return names;
-}
+using zeph_test::DynamicSymbols;
 
 std::set<std::string> ListedNames() {
   std::set<std::string> names;

@@ -1,27 +1,14 @@
 // The zeph command-line host, run as a user would: output, files, exit codes.
-#include <sys/wait.h>
-
 #include <gtest/gtest.h>
 
 #include "test_support.hpp"
 
 namespace {
 
-struct ToolRun {
-  int code = -1;
-  std::string out;
-};
+using zeph_test::ShellResult;
 
 // Runs "zeph <args>" through the shell, standard error folded into the output.
-ToolRun Zeph(const std::string &args) {
-  FILE *p = popen(("'" ZEPH_TOOL "' " + args + " 2>&1").c_str(), "r");
-  ToolRun r;
-  char buf[4096];
-  for (size_t n = 0; p != nullptr && (n = std::fread(buf, 1, sizeof buf, p)) != 0;) r.out.append(buf, n);
-  const int status = p != nullptr ? pclose(p) : -1;
-  r.code = p != nullptr && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return r;
-}
+ShellResult Zeph(const std::string &args) { return zeph_test::Shell("'" ZEPH_TOOL "' " + args); }
 
 class ZephTool : public testing::Test {
  protected:
@@ -59,7 +46,7 @@ TEST_F(ZephTool, Sm4FileRoundTripWithoutOverwriting) {
   ASSERT_EQ(Zeph("sm4 encrypt " + key + Q("doc")).out, dir_.file("doc.enc") + "\n");
   ASSERT_EQ(Zeph("sm4 decrypt " + key + Q("doc.enc")).code, 0);
   EXPECT_EQ(zeph_test::ReadBytes(dir_.file("doc.enc.dec")), plain);
-  const ToolRun again = Zeph("sm4 encrypt " + key + Q("doc"));
+  const ShellResult again = Zeph("sm4 encrypt " + key + Q("doc"));
   EXPECT_EQ(again.code, 1);
   EXPECT_NE(again.out.find("already exists"), std::string::npos) << again.out;
 }

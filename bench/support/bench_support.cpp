@@ -1,0 +1,68 @@
+#include "bench_support.hpp"
+
+#include <cstdlib>
+#include <filesystem>
+
+#ifndef ZEPH_SOFTKEY_TOOL
+#error "ZEPH_SOFTKEY_TOOL is not defined: the software key must be built with the benchmarks"
+#endif
+
+namespace zeph_bench {
+
+void RatioReporter::ReportRuns(const std::vector<Run> &runs) {
+  for (const Run &r : runs) {
+    if (r.run_type != Run::RT_Iteration || r.error_occurred || r.iterations == 0) continue;
+    const std::string name = r.benchmark_name();
+    seconds_[name] = r.real_accumulated_time / static_cast<double>(r.iterations);
+    if (const auto it = r.counters.find("bytes_per_second"); it != r.counters.end()) {
+      double &best = best_rate_[name];
+      if (it->second.value > best) best = it->second.value;
+    }
+  }
+  ConsoleReporter::ReportRuns(runs);
+}
+
+double RatioReporter::Seconds(const std::string &name) const {
+  const auto it = seconds_.find(name);
+  return it == seconds_.end() ? 0 : it->second;
+}
+
+double RatioReporter::BestBytesPerSecond(const std::string &name) const {
+  const auto it = best_rate_.find(name);
+  return it == best_rate_.end() ? 0 : it->second;
+}
+
+int RunWithRatios(int argc, char **argv, const std::function<void(const RatioReporter &)> &summary) {
+  benchmark::Initialize(&argc, argv);
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  summary(reporter);
+  benchmark::Shutdown();
+  return 0;
+}
+
+BenchSoftkey::BenchSoftkey() {
+  std::string tmpl = (std::filesystem::temp_directory_path() / "zeph-bench-XXXXXX").string();
+  if (mkdtemp(tmpl.data()) == nullptr) return;
+  root_ = tmpl;
+  setenv("ZEPH_SOFTKEY_ROOT", root_.c_str(), 1);
+}
+
+BenchSoftkey::~BenchSoftkey() {
+  std::error_code ec;
+  if (!root_.empty()) std::filesystem::remove_all(root_, ec);
+}
+
+bool BenchSoftkey::Tool(const std::string &args) const {
+  const std::string cmd = std::string("'") + ZEPH_SOFTKEY_TOOL + "' --root '" + root_ + "' " + args + " >/dev/null";
+  return ok() && std::system(cmd.c_str()) == 0;
+}
+
+bool BenchSoftkey::MakeSm2Key(const std::string &serial, const std::string &app, const std::string &user_pin) const {
+  const std::string dev = " --serial " + serial + " --app " + app;
+  return Tool("create-device --serial " + serial) &&
+         Tool("create-app" + dev + " --admin-pin 12345678 --user-pin " + user_pin) &&
+         Tool("gen-key" + dev + " --container ECC --alg sm2 --user-pin " + user_pin);
+}
+
+}  // namespace zeph_bench

@@ -21,7 +21,7 @@ struct CommandLine {
   std::set<std::string> flags;
   bool help = false;  // -h or --help
 
-  bool Has(const std::string &option) const { return options.count(option) != 0; }
+  bool Has(const std::string &option) const { return options.count(option) != 0 || flags.count(option) != 0; }
   std::string Get(const std::string &option, const std::string &fallback = "") const;
 };
 

@@ -15,8 +15,8 @@ std::vector<Group> &Registry() {
   return groups;
 }
 
-bool TakesValue(const Group &group, const std::string &option) {
-  return std::find(group.value_options.begin(), group.value_options.end(), option) != group.value_options.end();
+bool Lists(const std::vector<std::string> &options, const std::string &option) {
+  return std::find(options.begin(), options.end(), option) != options.end();
 }
 
 }  // namespace
@@ -39,7 +39,8 @@ const Group *FindGroup(const std::string &name) {
 }
 
 bool ParseArgs(const Group &group, const std::vector<std::string> &argv, Args *args, std::string *error) {
-  const zeph_tools::OptionRules rules{[&](const std::string &option) { return TakesValue(group, option); }, {}};
+  const zeph_tools::OptionRules rules{[&](const std::string &option) { return Lists(group.value_options, option); },
+                                      [&](const std::string &option) { return Lists(group.flag_options, option); }};
   return zeph_tools::ParseCommandLine(argv, rules, args, error);
 }
 

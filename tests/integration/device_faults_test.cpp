@@ -102,16 +102,16 @@ class FaultTest : public SoftkeyTest, public ::testing::WithParamInterface<size_
 };
 
 TEST_P(FaultTest, EachVendorStatusComesBackAndEverythingCloses) {
-  const FaultCase &c = Cases()[GetParam()];
-  const std::string serial = "FLT" + std::to_string(GetParam()), key_sn = std::string(c.vid) + "_" + serial;
-  const std::string prepare = c.prepare != nullptr ? c.prepare : "";
+  const FaultCase &fault_case = Cases()[GetParam()];
+  const std::string serial = "FLT" + std::to_string(GetParam()), key_sn = std::string(fault_case.vid) + "_" + serial;
+  const std::string prepare = fault_case.prepare != nullptr ? fault_case.prepare : "";
   CreateStandardKey(serial);
   CreateApp(serial, "VorliStamp");
   MustTool("write-file --serial " + serial + " --app VorliStamp --file Picture --text seal");
   Handle h(key_sn);
 
   Prepare(prepare, serial);
-  const auto clean = Traced([&] { ASSERT_EQ(c.op(h.get(), key_sn), 0u); });
+  const auto clean = Traced([&] { ASSERT_EQ(fault_case.op(h.get(), key_sn), 0u); });
   ASSERT_FALSE(clean.empty());
   EXPECT_TRUE(AllClosed(clean));
   std::map<std::string, int> seen;
@@ -122,17 +122,17 @@ TEST_P(FaultTest, EachVendorStatusComesBackAndEverythingCloses) {
     uint32_t rv = 0;
     const auto trace = Traced([&] {
       setenv("ZEPH_SOFTKEY_FAULT", fault.c_str(), 1);
-      rv = c.op(h.get(), key_sn);
+      rv = fault_case.op(h.get(), key_sn);
       unsetenv("ZEPH_SOFTKEY_FAULT");
     });
     EXPECT_TRUE(AllClosed(trace));
     const bool closing = call.fn.find("Close") != std::string::npos || call.fn == "SKF_DisConnectDev";
-    EXPECT_TRUE(closing || c.ignored.count(call.fn) != 0 || rv == kInjected) << rv << ": " << Names(trace);
+    EXPECT_TRUE(closing || fault_case.ignored.count(call.fn) != 0 || rv == kInjected) << rv << ": " << Names(trace);
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, FaultTest, ::testing::Range<size_t>(0, Cases().size()),
-                         [](const auto &info) { return std::string(Cases()[info.param].name); });
+                         [](const auto &param_info) { return std::string(Cases()[param_info.param].name); });
 
 }  // namespace
 }  // namespace zeph_it

@@ -5,6 +5,7 @@
 #include <openssl/core_names.h>
 #include <openssl/obj_mac.h>
 #include <openssl/param_build.h>
+#include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
 
@@ -147,6 +148,15 @@ bool AddNameEntries(X509_NAME *name, const std::string &subject) {
     pos = end + 1;
   }
   return added > 0;
+}
+
+Bytes Der(X509 *x) {
+  unsigned char *der = nullptr;
+  const int n = i2d_X509(x, &der);
+  if (n <= 0) return {};
+  Bytes out(der, der + n);
+  OPENSSL_free(der);
+  return out;
 }
 
 bool AddExtension(X509 *x, int nid, const char *value) {
@@ -506,12 +516,14 @@ Bytes SelfSignedCert(EVP_PKEY *k, const std::string &subject, int days, bool enc
   if (EVP_DigestSignInit(md.get(), nullptr, sm2 ? EVP_sm3() : EVP_sha256(), nullptr, k) != 1 ||
       X509_sign_ctx(x.get(), md.get()) <= 0)
     return {};
-  unsigned char *der = nullptr;
-  const int n = i2d_X509(x.get(), &der);
-  if (n <= 0) return {};
-  Bytes out(der, der + n);
-  OPENSSL_free(der);
-  return out;
+  return Der(x.get());
+}
+
+Bytes CertificateDer(ByteSpan file) {
+  zeph::BioPtr bio(BIO_new_mem_buf(file.data(), static_cast<int>(file.size())));
+  zeph::X509Ptr x(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+  if (x) return Der(x.get());
+  return IsCertificate(file) ? Bytes(file.begin(), file.end()) : Bytes{};
 }
 
 bool IsCertificate(ByteSpan der) {

@@ -81,6 +81,8 @@ bool ToRsaBlob(EVP_PKEY *k, RSAPUBLICKEYBLOB &out_blob);
 // for SM2 keys, sha256WithRSAEncryption for RSA. Subject "CN=a,O=b" or
 // "/CN=a/O=b". Empty on failure (bad subject).
 Bytes SelfSignedCert(EVP_PKEY *k, const std::string &subject, int days, bool encryption);
+// A certificate file's DER: PEM or DER in, empty when it is neither.
+Bytes CertificateDer(ByteSpan file);
 bool IsCertificate(ByteSpan der);
 
 }  // namespace softkey

@@ -31,6 +31,14 @@ ULONG Call(const char *fn, In in, HANDLE *out, F &&body) {
 ULONG PutBytes(ByteSpan result, BYTE *out, ULONG *in_out_len);
 // A name list: each name terminated, one more terminator at the end.
 ULONG PutNameList(const std::vector<std::string> &names, LPSTR out, ULONG *in_out_len);
+// The list of the names of applications, containers or files, in their order.
+template <class T>
+ULONG PutNamesOf(const std::vector<T> &objects, LPSTR out, ULONG *in_out_len) {
+  if (in_out_len == nullptr) return SAR_INVALIDPARAMERR;
+  std::vector<std::string> names;
+  for (const T &o : objects) names.push_back(o.name);
+  return PutNameList(names, out, in_out_len);
+}
 // A caller's text of at most max bytes (longer ones are reported, not read).
 enum class Text { kOk, kNull, kEmpty, kTooLong };
 Text ReadText(const char *p, size_t max, std::string_view &out_text);

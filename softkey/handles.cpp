@@ -66,4 +66,26 @@ ULONG ResolveContainer(HANDLE h, ConRef &out_ref) {
   return out_ref.con != nullptr ? SAR_OK : SAR_INVALIDHANDLEERR;
 }
 
+Application *AppIn(Device &dev, const AppObj &obj) { return dev.AppById(obj.app_id); }
+
+Container *ContainerIn(Device &dev, const ContainerObj &obj) {
+  Application *app = dev.AppById(obj.app_id);
+  return app != nullptr ? app->ContainerById(obj.con_id) : nullptr;
+}
+
+HANDLE AddAppHandle(const std::string &dir, const std::string &app_id, HANDLE parent) {
+  auto obj = std::make_unique<AppObj>();
+  obj->dir = dir;
+  obj->app_id = app_id;
+  return Handles().Add(std::move(obj), parent);
+}
+
+HANDLE AddContainerHandle(const std::string &dir, const std::string &app_id, const std::string &con_id, HANDLE parent) {
+  auto obj = std::make_unique<ContainerObj>();
+  obj->dir = dir;
+  obj->app_id = app_id;
+  obj->con_id = con_id;
+  return Handles().Add(std::move(obj), parent);
+}
+
 }  // namespace softkey

@@ -126,6 +126,23 @@ ULONG ResolveDevice(HANDLE h, DevRef &out_ref);
 ULONG ResolveApp(HANDLE h, AppRef &out_ref);
 ULONG ResolveContainer(HANDLE h, ConRef &out_ref);
 
+// The application or container a handle names, in a device being changed;
+// null when it was deleted meanwhile (the handle is then stale).
+Application *AppIn(Device &dev, const AppObj &obj);
+Container *ContainerIn(Device &dev, const ContainerObj &obj);
+
+// New handles on an application or a container of the device folder `dir`.
+HANDLE AddAppHandle(const std::string &dir, const std::string &app_id, HANDLE parent);
+HANDLE AddContainerHandle(const std::string &dir, const std::string &app_id, const std::string &con_id, HANDLE parent);
+
+// Closes a handle of kind T with everything opened through it.
+template <class T>
+ULONG CloseAs(HANDLE h) {
+  if (Handles().Get<T>(h) == nullptr) return SAR_INVALIDHANDLEERR;
+  Handles().Close(h);
+  return SAR_OK;
+}
+
 // Symmetric keys: SM4 in ECB, CBC, CFB or OFB mode.
 bool IsSymmAlg(ULONG alg);
 HANDLE NewSymmKey(const std::string &dir, ULONG alg, ByteSpan key16, HANDLE parent);

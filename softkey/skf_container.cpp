@@ -49,8 +49,7 @@ ULONG StoreKey(const ConRef &c, bool sign, EVP_PKEY *key) {
   ZEPH_ENSURE(WrapKeyPair(key, c.app_obj->master.span(), kp), SAR_FAIL);
   const ULONG type = kp.alg == SGD_RSA ? CONTAINER_TYPE_RSA : CONTAINER_TYPE_ECC;
   return Change(c.obj->dir, [&](Device &dev) -> ULONG {
-    Application *app = dev.AppById(c.obj->app_id);
-    Container *con = app != nullptr ? app->ContainerById(c.obj->con_id) : nullptr;
+    Container *con = ContainerIn(dev, *c.obj);
     ZEPH_ENSURE(con != nullptr, SAR_INVALIDHANDLEERR);
     // One container holds one kind of key.
     ZEPH_ENSURE(con->Type() == CONTAINER_TYPE_EMPTY || con->Type() == type, SAR_KEYINFOTYPEERR);
@@ -129,18 +128,14 @@ ULONG SKF_CreateContainer(HAPPLICATION hApplication, LPSTR szContainerName, HCON
     con.name = std::string(name);
     con.id = RandomId();
     ZEPH_TRY(Change(a.obj->dir, [&](Device &dev) -> ULONG {
-      Application *app = dev.AppById(a.obj->app_id);
+      Application *app = AppIn(dev, *a.obj);
       ZEPH_ENSURE(app != nullptr, SAR_INVALIDHANDLEERR);
       ZEPH_ENSURE(app->FindContainer(name) == nullptr, SAR_FILE_ALREADY_EXIST);
       ZEPH_ENSURE(app->containers.size() < kMaxContainers, SAR_REACH_MAX_CONTAINER_COUNT);
       app->containers.push_back(con);
       return SAR_OK;
     }));
-    auto obj = std::make_unique<ContainerObj>();
-    obj->dir = a.obj->dir;
-    obj->app_id = a.obj->app_id;
-    obj->con_id = con.id;
-    *phContainer = Handles().Add(std::move(obj), hApplication);
+    *phContainer = AddContainerHandle(a.obj->dir, a.obj->app_id, con.id, hApplication);
     return SAR_OK;
   });
 }
@@ -153,7 +148,7 @@ ULONG SKF_DeleteContainer(HAPPLICATION hApplication, LPSTR szContainerName) {
     ZEPH_TRY(ReadContainerName(szContainerName, name));
     ZEPH_TRY(NeedUser(*a.obj));
     return Change(a.obj->dir, [&](Device &dev) -> ULONG {
-      Application *app = dev.AppById(a.obj->app_id);
+      Application *app = AppIn(dev, *a.obj);
       ZEPH_ENSURE(app != nullptr, SAR_INVALIDHANDLEERR);
       Container *con = app->FindContainer(name);
       ZEPH_ENSURE(con != nullptr, SAR_FILE_NOT_EXIST);
@@ -172,31 +167,20 @@ ULONG SKF_OpenContainer(HAPPLICATION hApplication, LPSTR szContainerName, HCONTA
     ZEPH_ENSURE(phContainer != nullptr, SAR_INVALIDPARAMERR);
     const Container *con = a.app->FindContainer(name);
     ZEPH_ENSURE(con != nullptr, SAR_FILE_NOT_EXIST);
-    auto obj = std::make_unique<ContainerObj>();
-    obj->dir = a.obj->dir;
-    obj->app_id = a.obj->app_id;
-    obj->con_id = con->id;
-    *phContainer = Handles().Add(std::move(obj), hApplication);
+    *phContainer = AddContainerHandle(a.obj->dir, a.obj->app_id, con->id, hApplication);
     return SAR_OK;
   });
 }
 
 ULONG SKF_CloseContainer(HCONTAINER hContainer) {
-  return Call("SKF_CloseContainer", H(hContainer), nullptr, [&]() -> ULONG {
-    ZEPH_ENSURE(Handles().Get<ContainerObj>(hContainer) != nullptr, SAR_INVALIDHANDLEERR);
-    Handles().Close(hContainer);
-    return SAR_OK;
-  });
+  return Call("SKF_CloseContainer", H(hContainer), nullptr, [&] { return CloseAs<ContainerObj>(hContainer); });
 }
 
 ULONG SKF_EnumContainer(HAPPLICATION hApplication, LPSTR szContainerName, ULONG *pulSize) {
   return Call("SKF_EnumContainer", H(hApplication), nullptr, [&]() -> ULONG {
     AppRef a;
     ZEPH_TRY(ResolveApp(hApplication, a));
-    ZEPH_ENSURE(pulSize != nullptr, SAR_INVALIDPARAMERR);
-    std::vector<std::string> names;
-    for (const auto &c : a.app->containers) names.push_back(c.name);
-    return PutNameList(names, szContainerName, pulSize);
+    return PutNamesOf(a.app->containers, szContainerName, pulSize);
   });
 }
 
@@ -220,8 +204,7 @@ ULONG SKF_ImportCertificate(HCONTAINER hContainer, BOOL bSignFlag, BYTE *pbCert,
     const Bytes der(pbCert, pbCert + ulCertLen);
     ZEPH_ENSURE(IsCertificate(der), SAR_INVALIDPARAMERR);
     return Change(c.obj->dir, [&](Device &dev) -> ULONG {
-      Application *app = dev.AppById(c.obj->app_id);
-      Container *con = app != nullptr ? app->ContainerById(c.obj->con_id) : nullptr;
+      Container *con = ContainerIn(dev, *c.obj);
       ZEPH_ENSURE(con != nullptr, SAR_INVALIDHANDLEERR);
       (bSignFlag != FALSE ? con->sign_cert : con->enc_cert) = der;
       return SAR_OK;

@@ -48,11 +48,7 @@ ULONG SKF_ConnectDev(LPSTR szName, DEVHANDLE *phDev) {
 }
 
 ULONG SKF_DisConnectDev(DEVHANDLE hDev) {
-  return Call("SKF_DisConnectDev", H(hDev), nullptr, [&]() -> ULONG {
-    ZEPH_ENSURE(Handles().Get<DeviceObj>(hDev) != nullptr, SAR_INVALIDHANDLEERR);
-    Handles().Close(hDev);
-    return SAR_OK;
-  });
+  return Call("SKF_DisConnectDev", H(hDev), nullptr, [&] { return CloseAs<DeviceObj>(hDev); });
 }
 
 ULONG SKF_GetDevInfo(DEVHANDLE hDev, DEVINFO *pDevInfo) {

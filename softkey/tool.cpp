@@ -364,27 +364,12 @@ void GenKeyCmd(const Context &c) {
               << "/" << con_name << (m.cert.empty() ? "" : ", certificate " + CertSubject(m.cert)) << "\n";
 }
 
-Bytes CertificateFrom(const Bytes &file) {
-  // PEM or DER
-  zeph::BioPtr bio(BIO_new_mem_buf(file.data(), static_cast<int>(file.size())));
-  zeph::X509Ptr x(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
-  if (x) {
-    unsigned char *der = nullptr;
-    const int n = i2d_X509(x.get(), &der);
-    if (n <= 0) return {};
-    Bytes out(der, der + n);
-    OPENSSL_free(der);
-    return out;
-  }
-  return IsCertificate(file) ? file : Bytes{};
-}
-
 void ImportCertCmd(const Context &c) {
   const std::string app_name = c.args.Get("app"), con_name = c.args.Get("container");
   const std::string path = c.args.Get("cert"), usage = c.args.Get("usage", "sign");
   if (usage != "sign" && usage != "enc") Fail("--usage must be sign or enc", 2);
   c.args.CheckAllUsed();
-  const Bytes der = CertificateFrom(ReadInput(path));
+  const Bytes der = CertificateDer(ReadInput(path));
   if (der.empty()) Fail(path + " is not a certificate (PEM or DER)");
   c.Update([&](Device &d) {
     Container *con = AppIn(d, app_name, d.serial).FindContainer(con_name);

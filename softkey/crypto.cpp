@@ -239,7 +239,7 @@ bool UnwrapMaster(const Pin &rec, std::string_view pin, SecureBytes &out_master)
 
 // ---- SM4 -------------------------------------------------------------------
 
-bool Sm4EcbBlocks(bool encrypt, ByteSpan key16, ByteSpan in, uint8_t *out) {
+bool Sm4EcbUnpadded(bool encrypt, ByteSpan key16, ByteSpan in, uint8_t *out) {
   if (key16.size() != 16 || in.size() % 16 != 0 || in.size() > INT32_MAX) return false;
   EvpCipherCtxPtr c(EVP_CIPHER_CTX_new());
   int outl = 0;

@@ -40,7 +40,7 @@ void RewrapPin(Pin &rec, std::string_view pin, ByteSpan master);
 
 // SM4-ECB over whole blocks (a multiple of 16 bytes), no padding; out holds
 // in.size() bytes.
-bool Sm4EcbBlocks(bool encrypt, ByteSpan key16, ByteSpan in, uint8_t *out);
+bool Sm4EcbUnpadded(bool encrypt, ByteSpan key16, ByteSpan in, uint8_t *out);
 
 // SM2 keys (OpenSSL type "SM2").
 EvpPkeyPtr Sm2Generate();

@@ -1,16 +1,23 @@
 #include "device_json.hpp"
 
 #include <cstdint>
+#include <memory>
 #include <new>
 
 #include <cjson/cJSON.h>
 #include <openssl/evp.h>
 
-#include "foundation/json_owned.hpp"
+#include "foundation/owned.hpp"
 
 namespace softkey {
 
 namespace {
+
+// Owners of the cJSON trees and texts of this file (the software key takes
+// no JSON header from the library).
+using JsonPtr = std::unique_ptr<cJSON, zeph::Free<cJSON_Delete>>;
+void FreeText(char *p) noexcept { cJSON_free(p); }
+using JsonTextPtr = std::unique_ptr<char, zeph::Free<FreeText>>;
 
 constexpr int kFormat = 1;
 
@@ -75,7 +82,7 @@ cJSON *Checked(cJSON *item) {
 }
 
 void Put(cJSON *o, const char *k, cJSON *item) {
-  zeph::JsonPtr owned(Checked(item));
+  JsonPtr owned(Checked(item));
   if (!cJSON_AddItemToObject(o, k, owned.get())) throw std::bad_alloc();
   owned.release();
 }
@@ -89,7 +96,7 @@ void PutArray(cJSON *o, const char *k, const std::vector<T> &items, F &&fill) {
   cJSON *array = Checked(cJSON_CreateArray());
   Put(o, k, array);
   for (const T &item : items) {
-    zeph::JsonPtr element(Checked(cJSON_CreateObject()));
+    JsonPtr element(Checked(cJSON_CreateObject()));
     fill(element.get(), item);
     if (!cJSON_AddItemToArray(array, element.get())) throw std::bad_alloc();
     element.release();
@@ -97,7 +104,7 @@ void PutArray(cJSON *o, const char *k, const std::vector<T> &items, F &&fill) {
 }
 
 cJSON *PinJson(const Pin &p) {
-  zeph::JsonPtr o(Checked(cJSON_CreateObject()));
+  JsonPtr o(Checked(cJSON_CreateObject()));
   PutU32(o.get(), "max", p.max_retry);
   PutU32(o.get(), "remain", p.remain);
   Put(o.get(), "default", cJSON_CreateBool(p.is_default));
@@ -112,7 +119,7 @@ constexpr const char *kWrappedKey = "sealed";
 
 cJSON *KeyJson(const std::optional<KeyPair> &k) {
   if (!k) return cJSON_CreateNull();
-  zeph::JsonPtr o(Checked(cJSON_CreateObject()));
+  JsonPtr o(Checked(cJSON_CreateObject()));
   PutU32(o.get(), "alg", k->alg);
   PutU32(o.get(), "bits", k->bits);
   PutText(o.get(), "pub", Hex(k->pub));
@@ -238,7 +245,7 @@ bool ParseApp(const cJSON *o, Application &a) {
 }  // namespace
 
 std::string Serialize(const Device &d) {
-  zeph::JsonPtr root(Checked(cJSON_CreateObject()));
+  JsonPtr root(Checked(cJSON_CreateObject()));
   cJSON *o = root.get();
   PutU32(o, "format", kFormat);
   PutText(o, "serial", d.serial);
@@ -248,13 +255,13 @@ std::string Serialize(const Device &d) {
   PutText(o, "authKey", Hex(d.auth_key));
   PutU32(o, "totalSpace", d.total_space);
   PutArray(o, "apps", d.apps, AppJson);
-  zeph::JsonTextPtr text(cJSON_Print(o));
+  JsonTextPtr text(cJSON_Print(o));
   if (!text) throw std::bad_alloc();
   return std::string(text.get()) + "\n";
 }
 
 bool Parse(std::string_view text, Device &out_device) {
-  zeph::JsonPtr root(cJSON_ParseWithLength(text.data(), text.size()));
+  JsonPtr root(cJSON_ParseWithLength(text.data(), text.size()));
   const cJSON *o = root.get();
   uint32_t format = 0;
   Device d;

@@ -281,7 +281,7 @@ ULONG SKF_ImportECCKeyPair(HCONTAINER hContainer, ENVELOPEDKEYBLOB *pEnvelopedKe
     ZEPH_ENSURE(symm.size() == 16, SAR_INDATAERR);
     // The plaintext is the 64-byte private key field: zero upper half, then d.
     SecureBytes field(64);
-    ZEPH_ENSURE(Sm4EcbBlocks(false, symm.span(), ByteSpan(env->cbEncryptedPriKey, 64), field.data()), SAR_FAIL);
+    ZEPH_ENSURE(Sm4EcbUnpadded(false, symm.span(), ByteSpan(env->cbEncryptedPriKey, 64), field.data()), SAR_FAIL);
     static const uint8_t kZero[32] = {};
     ZEPH_ENSURE(CRYPTO_memcmp(field.data(), kZero, 32) == 0, SAR_INDATAERR);
     EvpPkeyPtr key = Sm2FromScalar(field.span().subspan(32));
@@ -308,7 +308,8 @@ ULONG SKF_ImportRSAKeyPair(HCONTAINER hContainer, ULONG ulSymAlgId, BYTE *pbWrap
     ZEPH_ENSURE(symm.size() == 16, SAR_INDATAERR);
     // DER RSAPrivateKey, padded (PKCS#5) or not.
     SecureBytes der(ulEncryptedDataLen);
-    ZEPH_ENSURE(Sm4EcbBlocks(false, symm.span(), ByteSpan(pbEncryptedData, ulEncryptedDataLen), der.data()), SAR_FAIL);
+    ZEPH_ENSURE(Sm4EcbUnpadded(false, symm.span(), ByteSpan(pbEncryptedData, ulEncryptedDataLen), der.data()),
+                SAR_FAIL);
     EvpPkeyPtr key = RsaFromPrivateDer(der.span());
     const uint8_t pad = der[der.size() - 1];
     if (key == nullptr && pad >= 1 && pad <= 16) key = RsaFromPrivateDer(der.span().first(der.size() - pad));

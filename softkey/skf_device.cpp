@@ -109,7 +109,7 @@ ULONG SKF_DevAuth(DEVHANDLE hDev, BYTE *pbAuthData, ULONG ulLen) {
     ZEPH_ENSURE(challenge.has_value(), SAR_FAIL);
     uint8_t block[16] = {}, expected[16];
     std::memcpy(block, challenge->data(), 8);
-    ZEPH_ENSURE(Sm4EcbBlocks(true, d.dev->auth_key, block, expected), SAR_FAIL);
+    ZEPH_ENSURE(Sm4EcbUnpadded(true, d.dev->auth_key, block, expected), SAR_FAIL);
     ZEPH_ENSURE(CRYPTO_memcmp(expected, pbAuthData, 16) == 0, SAR_FAIL);
     d.obj->authenticated = true;
     return SAR_OK;

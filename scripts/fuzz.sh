@@ -23,7 +23,16 @@ run_one() {
   mkdir -p "$corpus"
   local args=("$corpus")
   [ -d "$seeds" ] && args+=("$seeds")
-  if (cd "$build" && "$t" -max_total_time="$seconds" -max_len=8192 -rss_limit_mb=2048 -print_final_stats=0 \
+  # Per-target settings: tests/fuzz/<name>.options may raise max_len and name
+  # a further seed folder (relative to the tree).
+  local max_len=8192 options="$root/tests/fuzz/${name#fuzz_}.options" value
+  if [ -f "$options" ]; then
+    value=$(sed -n 's/^max_len *= *//p' "$options")
+    [ -n "$value" ] && max_len=$value
+    value=$(sed -n 's/^seeds *= *//p' "$options")
+    [ -n "$value" ] && [ -d "$root/$value" ] && args+=("$root/$value")
+  fi
+  if (cd "$build" && "$t" -max_total_time="$seconds" -max_len="$max_len" -rss_limit_mb=2048 -print_final_stats=0 \
         "${args[@]}" >"$build/$name.log" 2>&1); then
     echo "fuzz: $name ${seconds}s: $(grep -E "^(#[0-9]+\s+DONE|Done [0-9]+ runs)" "$build/$name.log" | tail -n 1)"
   else

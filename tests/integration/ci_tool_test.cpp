@@ -10,12 +10,14 @@ class CiTool : public ci_test::SoftKeyCi {
   // <sig> stands for the first line of the last "sign" output.
   int Zeph(std::string line, const std::string &input, std::string *out) {
     if (const size_t at = line.find("<sig>"); at != std::string::npos) line.replace(at, 5, sig_);
-    const zeph_test::ShellResult r =
+    std::string text;
+    const int code =
         zeph_test::Shell("cd '" + dir_.path().string() + "' && " + (input.empty() ? "" : "echo '" + input + "' | ") +
-                         "'" + ZEPH_TOOL + "' " + line + " --config cfg.json");
-    out->append(r.out);
+                             "'" + ZEPH_TOOL + "' " + line + " --config cfg.json",
+                         &text);
+    out->append(text);
     if (line.rfind("sign ", 0) == 0) sig_ = out->substr(0, out->find('\n'));
-    return r.code;
+    return code;
   }
   zeph_test::TempDir dir_;
   std::string sig_;

@@ -25,13 +25,13 @@ void SoftkeyFixture::SetUp() {
 
 void SoftkeyFixture::TearDown() { HooksOff(); }
 
-ShellResult SoftkeyFixture::Tool(const std::string &args) const {
-  return Shell(std::string("'") + ZEPH_SOFTKEY_TOOL + "' --root '" + root.path().string() + "' " + args);
+int SoftkeyFixture::Tool(const std::string &args, std::string *out) const {
+  return Shell(std::string("'") + ZEPH_SOFTKEY_TOOL + "' --root '" + root.path().string() + "' " + args, out);
 }
 
 void SoftkeyFixture::MustTool(const std::string &args) const {
-  const ShellResult r = Tool(args);
-  EXPECT_EQ(r.code, 0) << "zeph-softkey " << args << "\n" << r.out;
+  std::string out;
+  EXPECT_EQ(Tool(args, &out), 0) << "zeph-softkey " << args << "\n" << out;
 }
 
 }  // namespace zeph_test

@@ -17,8 +17,8 @@ class SoftkeyFixture : public ::testing::Test {
   void SetUp() override;     // ZEPH_SOFTKEY_ROOT is this test's folder
   void TearDown() override;  // no fault injection, no trace left behind
 
-  // "zeph-softkey --root <root> <args>".
-  ShellResult Tool(const std::string &args) const;
+  // "zeph-softkey --root <root> <args>": its exit code, its words in *out.
+  int Tool(const std::string &args, std::string *out = nullptr) const;
   // The same, failing the test (with the utility's words) unless it succeeds.
   void MustTool(const std::string &args) const;
 

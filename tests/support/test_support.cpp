@@ -73,15 +73,15 @@ std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
   return v;
 }
 
-ShellResult Shell(const std::string &command) {
-  ShellResult r;
+int Shell(const std::string &command, std::string *out) {
   FILE *p = popen((command + " 2>&1").c_str(), "r");
-  if (p == nullptr) return r;
+  if (p == nullptr) return -1;
   char buf[4096];
-  for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) != 0;) r.out.append(buf, n);
+  std::string text;
+  for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) != 0;) text.append(buf, n);
   const int status = pclose(p);
-  r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return r;
+  if (out != nullptr) *out = text;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::set<std::string> DynamicSymbols(const std::string &library) {

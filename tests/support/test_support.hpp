@@ -34,13 +34,9 @@ std::string ToHex(const uint8_t *data, size_t n);
 inline std::string ToHex(const std::vector<uint8_t> &v) { return ToHex(v.data(), v.size()); }
 std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed);
 
-// A shell command's exit status (-1 when it did not exit) and its output,
-// standard error folded in.
-struct ShellResult {
-  int code = -1;
-  std::string out;
-};
-ShellResult Shell(const std::string &command);
+// Runs a shell command; its exit code (-1 if it did not exit), standard
+// output (and error, folded in) into *out when given.
+int Shell(const std::string &command, std::string *out = nullptr);
 
 // The names a shared library exports (nm -D), without version suffixes and
 // linker-defined absolute symbols.

@@ -111,7 +111,7 @@ void Summary(const zeph_bench::RatioReporter &r) {
   };
   std::printf("\n%-48s %12s %12s %7s %7s\n", "comparison", "MB/s", "vs MB/s", "ratio", "target");
   for (const Pair &p : pairs) {
-    const double a = r.BestBytesPerSecond(p.mine), b = r.BestBytesPerSecond(p.theirs);
+    const double a = r.BestRate(p.mine), b = r.BestRate(p.theirs);
     if (a == 0 || b == 0) continue;
     const double ratio = a / b;
     std::printf("%-48s %12.1f %12.1f %6.2fx %6.2fx %s\n", p.what, a / 1e6, b / 1e6, ratio, p.target,

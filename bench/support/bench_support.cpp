@@ -14,9 +14,11 @@ void RatioReporter::ReportRuns(const std::vector<Run> &runs) {
     if (r.run_type != Run::RT_Iteration || r.error_occurred || r.iterations == 0) continue;
     const std::string name = r.benchmark_name();
     seconds_[name] = r.real_accumulated_time / static_cast<double>(r.iterations);
-    if (const auto it = r.counters.find("bytes_per_second"); it != r.counters.end()) {
-      double &best = best_rate_[name];
-      if (it->second.value > best) best = it->second.value;
+    for (const char *rate : {"items_per_second", "bytes_per_second"}) {
+      if (const auto it = r.counters.find(rate); it != r.counters.end()) {
+        double &best = best_rate_[name];
+        if (it->second.value > best) best = it->second.value;
+      }
     }
   }
   ConsoleReporter::ReportRuns(runs);
@@ -27,7 +29,7 @@ double RatioReporter::Seconds(const std::string &name) const {
   return it == seconds_.end() ? 0 : it->second;
 }
 
-double RatioReporter::BestBytesPerSecond(const std::string &name) const {
+double RatioReporter::BestRate(const std::string &name) const {
   const auto it = best_rate_.find(name);
   return it == best_rate_.end() ? 0 : it->second;
 }

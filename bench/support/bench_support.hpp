@@ -2,12 +2,13 @@
 // (OpenSSL, cJSON) in the same run and prints their ratio:
 //   - Interleaved() times both sides in every iteration, the order swapped
 //     each time, for pairs that should cost the same;
-//   - RatioReporter keeps every run's time per iteration and best bytes/s, so
+//   - RatioReporter keeps every run's time per iteration and best rate, so
 //     the summary printed after the runs compares benchmarks by name;
 //   - BenchSoftkey sets up a software key in a temporary root.
 #pragma once
 
 #include <chrono>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <string>
@@ -21,22 +22,33 @@ struct SideSeconds {
   double ours = 0, reference = 0;
 };
 
+// Wall-clock time, or this thread's CPU time (on a shared machine wall-clock
+// time mostly measures the other processes; CPU time misses waiting, so it
+// suits only work done in this thread).
+enum class Timer { kWall, kThreadCpu };
+
+inline double Now(Timer timer) {
+  if (timer == Timer::kWall)
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+  timespec ts{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
 // Runs `ours` and `reference` once per iteration, alternating which goes
 // first so neither always meets a warm cache; the iteration's time (manual
 // time) is ours. Returns the total seconds of each side.
 template <class Ours, class Reference>
-SideSeconds Interleaved(benchmark::State &state, Ours ours, Reference reference) {
-  using Clock = std::chrono::steady_clock;
+SideSeconds Interleaved(benchmark::State &state, Ours ours, Reference reference, Timer timer = Timer::kWall) {
   SideSeconds total;
   bool ours_first = true;
   for (auto _ : state) {
-    const auto t0 = Clock::now();
+    const double t0 = Now(timer);
     ours_first ? ours() : reference();
-    const auto t1 = Clock::now();
+    const double t1 = Now(timer);
     ours_first ? reference() : ours();
-    const auto t2 = Clock::now();
-    const double first = std::chrono::duration<double>(t1 - t0).count();
-    const double second = std::chrono::duration<double>(t2 - t1).count();
+    const double t2 = Now(timer);
+    const double first = t1 - t0, second = t2 - t1;
     const double mine = ours_first ? first : second;
     total.ours += mine;
     total.reference += ours_first ? second : first;
@@ -51,9 +63,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run> &runs) override;
   // Seconds per iteration of the last run of that name; 0 when none ran.
   double Seconds(const std::string &name) const;
-  // The best bytes per second of every run of that name (repetitions
-  // registered under one name included); 0 when none ran.
-  double BestBytesPerSecond(const std::string &name) const;
+  // The best items or bytes per second of every run of that name
+  // (repetitions registered under one name included); 0 when none ran.
+  double BestRate(const std::string &name) const;
 
  private:
   std::map<std::string, double> seconds_, best_rate_;

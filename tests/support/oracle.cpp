@@ -98,6 +98,20 @@ Bytes SignatureDer(const uint8_t *r, const uint8_t *s) {
   return out;
 }
 
+Bytes Sm2Sign(EVP_PKEY *key, const Bytes &data, const std::string &id) {
+  MdCtxPtr md(EVP_MD_CTX_new());
+  EVP_PKEY_CTX *pctx = nullptr;  // owned by md
+  size_t n = 0;
+  if (!md || EVP_DigestSignInit(md.get(), &pctx, EVP_sm3(), nullptr, key) != 1 ||
+      EVP_PKEY_CTX_set1_id(pctx, id.data(), id.size()) != 1 ||
+      EVP_DigestSign(md.get(), nullptr, &n, data.data(), data.size()) != 1)
+    return {};
+  Bytes sig(n);
+  if (EVP_DigestSign(md.get(), sig.data(), &n, data.data(), data.size()) != 1) return {};
+  sig.resize(n);
+  return sig;
+}
+
 Bytes Encrypt(EVP_PKEY *key, const Bytes &plain, int rsa_padding) {
   PkeyCtxPtr ctx(EVP_PKEY_CTX_new(key, nullptr));
   size_t n = 0;

@@ -31,6 +31,8 @@ Bytes FromBase64(const std::string &text);
 bool Verifies(const Bytes &cert_der, const EVP_MD *md, const Bytes &data, const Bytes &sig);
 // An SM2 signature (r, s: 32 bytes each, big-endian) as DER.
 Bytes SignatureDer(const uint8_t *r, const uint8_t *s);
+// OpenSSL's SM2 signature (DER) on SM3(Z || data) with the identity; empty on failure.
+Bytes Sm2Sign(EVP_PKEY *key, const Bytes &data, const std::string &id = "1234567812345678");
 
 // Public-key encryption: SM2 gives the DER SM2 ciphertext (x, y, C3, C2);
 // RSA uses the padding given.

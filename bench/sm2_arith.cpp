@@ -135,29 +135,16 @@ void InvOpenSsl(benchmark::State &state) {
 }
 
 void Summary(const zeph_bench::RatioReporter &reporter) {
-  struct Pair {
-    const char *what, *mine, *theirs;
-    double target;
-  };
-  const Pair pairs[] = {
-      {"k·G (MulBase vs EC_POINT_mul)", "kG/own", "kG/openssl", 6.0},
-      {"k·P (Mul vs EC_POINT_mul)", "kP/own", "kP/openssl", 0},
-      {"s·G + t·P (MulBaseAdd vs EC_POINT_mul)", "sG+tP/own", "sG+tP/openssl", 0},
-      {"s·G + t·P, x check (MulBaseAddXModN)", "sG+tP-x/own", "sG+tP/openssl", 0},
-      {"n inverse (ModInv vs BN_mod_inverse)", "inv/own", "inv/openssl", 0},
-      {"k·G, portable build", "kG/portable", "kG/openssl", 0},
-      {"k·P, portable build", "kP/portable", "kP/openssl", 0},
-      {"s·G + t·P, portable build", "sG+tP/portable", "sG+tP/openssl", 0},
-  };
-  std::printf("\n%-42s %12s %12s %7s %7s\n", "comparison", "own op/s", "OpenSSL op/s", "ratio", "target");
-  for (const Pair &p : pairs) {
-    const double a = reporter.BestRate(p.mine), b = reporter.BestRate(p.theirs);
-    if (a == 0 || b == 0) continue;
-    const double ratio = a / b;
-    std::printf("%-42s %12.0f %12.0f %6.2fx", p.what, a, b, ratio);
-    if (p.target > 0) std::printf(" %6.2fx %s", p.target, ratio >= p.target ? "ok" : "BELOW");
-    std::printf("\n");
-  }
+  zeph_bench::PrintRatios(reporter, {
+                                        {"k·G (MulBase vs EC_POINT_mul)", "kG/own", "kG/openssl", 6.0},
+                                        {"k·P (Mul vs EC_POINT_mul)", "kP/own", "kP/openssl"},
+                                        {"s·G + t·P (MulBaseAdd vs EC_POINT_mul)", "sG+tP/own", "sG+tP/openssl"},
+                                        {"s·G + t·P, x check (MulBaseAddXModN)", "sG+tP-x/own", "sG+tP/openssl"},
+                                        {"n inverse (ModInv vs BN_mod_inverse)", "inv/own", "inv/openssl"},
+                                        {"k·G, portable build", "kG/portable", "kG/openssl"},
+                                        {"k·P, portable build", "kP/portable", "kP/openssl"},
+                                        {"s·G + t·P, portable build", "sG+tP/portable", "sG+tP/openssl"},
+                                    });
 }
 
 }  // namespace

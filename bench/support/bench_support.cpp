@@ -1,5 +1,6 @@
 #include "bench_support.hpp"
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -32,6 +33,19 @@ double RatioReporter::Seconds(const std::string &name) const {
 double RatioReporter::BestRate(const std::string &name) const {
   const auto it = best_rate_.find(name);
   return it == best_rate_.end() ? 0 : it->second;
+}
+
+void PrintRatios(const RatioReporter &reporter, const std::vector<RatioRow> &rows) {
+  std::printf("\n%-48s %16s %16s %8s %7s\n", "comparison", "zeph", "reference", "ratio", "target");
+  for (const RatioRow &r : rows) {
+    const double ours = reporter.BestRate(r.ours), theirs = reporter.BestRate(r.theirs);
+    if (ours == 0 || theirs == 0) continue;
+    const double ratio = ours / theirs;
+    std::printf("%-48s %11.1f %-4s %11.1f %-4s %7.2fx", r.what, ours * r.scale, r.unit, theirs * r.scale, r.unit,
+                ratio);
+    if (r.target > 0) std::printf(" %6.2fx %s", r.target, ratio >= r.target ? "ok" : "BELOW");
+    std::printf("\n");
+  }
 }
 
 int RunWithRatios(int argc, char **argv, const std::function<void(const RatioReporter &)> &summary) {

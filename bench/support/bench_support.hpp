@@ -71,6 +71,18 @@ class RatioReporter : public benchmark::ConsoleReporter {
   std::map<std::string, double> seconds_, best_rate_;
 };
 
+// One comparison of the summary: our benchmark's best rate against theirs.
+struct RatioRow {
+  const char *what, *ours, *theirs;
+  double target = 0;          // the ratio to reach; 0: none
+  const char *unit = "op/s";  // of the rates as printed
+  double scale = 1;           // rate * scale is printed (1e-6 for MB/s)
+};
+
+// The summary table: both rates, their ratio, and "ok" or "BELOW" against
+// the target. Rows whose benchmarks did not run are left out.
+void PrintRatios(const RatioReporter &reporter, const std::vector<RatioRow> &rows);
+
 // Runs the registered benchmarks with a RatioReporter, then the summary.
 int RunWithRatios(int argc, char **argv, const std::function<void(const RatioReporter &)> &summary);
 

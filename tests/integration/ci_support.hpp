@@ -7,8 +7,8 @@
 #include <vector>
 
 #include <cjson/cJSON.h>
-#include <openssl/evp.h>
 
+#include "oracle.hpp"
 #include "softkey_env.hpp"
 #include "zeph_c_ci.h"
 #include "zeph_c_device.h"
@@ -49,21 +49,8 @@ inline Reply Ci(const std::string &request) {
 // A status as a handler prints it (sign-extended from 32 bits).
 inline int64_t Signed(uint32_t status) { return static_cast<int32_t>(status); }
 
-inline std::string Base64(const std::vector<uint8_t> &bytes) {
-  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  out.resize(static_cast<size_t>(
-      EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), bytes.data(), static_cast<int>(bytes.size()))));
-  return out;
-}
-
-inline std::vector<uint8_t> FromBase64(const std::string &text) {
-  std::vector<uint8_t> out(text.size() / 4 * 3 + 3);
-  const int n =
-      EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char *>(text.data()), static_cast<int>(text.size()));
-  const size_t pads = text.size() >= 2 ? (text.back() == '=') + (text[text.size() - 2] == '=') : 0;
-  out.resize(n < 0 ? 0 : static_cast<size_t>(n) - pads);
-  return out;
-}
+using zeph_test::Base64;
+using zeph_test::FromBase64;
 
 // Device CI0001 (keySN ZS_CI0001): VorliEcc with an SM2 signing pair in ECC
 // and VorliRsa with an RSA 2048 pair in RSA1, 5 tries for every PIN. Vendor

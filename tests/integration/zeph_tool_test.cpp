@@ -1,6 +1,4 @@
 // The zeph command-line host, run as a user would: output, files, exit codes.
-#include <sys/wait.h>
-
 #include <gtest/gtest.h>
 
 #include "test_support.hpp"
@@ -14,12 +12,8 @@ struct ToolRun {
 
 // Runs "zeph <args>" through the shell, standard error folded into the output.
 ToolRun Zeph(const std::string &args) {
-  FILE *p = popen(("'" ZEPH_TOOL "' " + args + " 2>&1").c_str(), "r");
   ToolRun r;
-  char buf[4096];
-  for (size_t n = 0; p != nullptr && (n = std::fread(buf, 1, sizeof buf, p)) != 0;) r.out.append(buf, n);
-  const int status = p != nullptr ? pclose(p) : -1;
-  r.code = p != nullptr && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  r.code = zeph_test::Shell("'" ZEPH_TOOL "' " + args, &r.out);
   return r;
 }
 

@@ -4,6 +4,7 @@
 
 #include "zeph_c.h"
 #include "zeph_c_api.h"
+#include "zeph_c_bivo_math.h"
 #include "zeph_c_ci.h"
 #include "zeph_c_export.h"
 #include "zeph_c_gm.h"
@@ -52,5 +53,6 @@ int zeph_c_header_check(void) {
     free(port);
     if (ZEPH_C_SetConfig(NULL) != 0xFFFFFFFFu) return 13;
   }
+  if (BIVO_get_version(NULL) != BIVO_VERSION) return 14;
   return 0;
 }

@@ -210,7 +210,7 @@ ZEPH_API uint32_t BIVO_Client_AssemblySigEncodeWithPubKey(const unsigned char *d
  * Unlike the other steps, C3_out, C2_out and C1_out are written as soon as
  * the ciphertext has been taken apart, before C1 is checked against the
  * curve: use them only when the status is 0. Coordinates that do not fit
- * 32 bytes or are not below p give 17 with C1_out untouched. */
+ * 32 bytes or are not below p give 17 with nothing written. */
 ZEPH_API uint32_t BIVO_Client_CreatePlaintextShare(const unsigned char *cipher_der, uint32_t cipher_len,
                                                    const unsigned char *d1_inv, unsigned char *T1_out,
                                                    unsigned char *C1_out, unsigned char *C2_out, uint32_t *C2_len,

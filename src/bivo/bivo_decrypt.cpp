@@ -120,12 +120,12 @@ uint32_t ClientShare(const uint8_t *der, uint32_t der_len, const uint8_t *d1_inv
     *c2_len = static_cast<uint32_t>(c.c2.size());
     return BIVO_ERR_BUFFER_TOO_SMALL;
   }
-  // The parts go out before C1 is checked (callers keep them for the
-  // combine); only coordinates that are no field elements stay back.
+  if (!BelowP(c)) return BIVO_ERR_PLAINTEXT_SHARE;
+  // The parts go out before C1 is checked against the curve: callers keep
+  // them for the combine.
   std::memcpy(c3_out, c.c3, sizeof c.c3);
   if (!c.c2.empty()) std::memcpy(c2_out, c.c2.data(), c.c2.size());
   *c2_len = static_cast<uint32_t>(c.c2.size());
-  if (!BelowP(c)) return BIVO_ERR_PLAINTEXT_SHARE;
   PutC1(c, c1_out);
   bivo::Point c1, t1;
   ZEPH_TRY(bivo::CiphertextC1(c, &c1));

@@ -25,13 +25,12 @@ struct Material {
     BIVO_Server_CreateKeyShareCredential(d2_inv.data(), cred.data());
     BIVO_Client_CreateSigShareOnDigest(e.data(), k1.data(), Q1.data());
     BIVO_Server_CreateSigShare(e.data(), Q1.data(), d2.data(), r.data(), s2.data(), s3.data());
-    cipher = Der(Coordinate(1), Coordinate(33), RandomBytes(32, 2), RandomBytes(20, 3));
+    cipher = Der(x(), y(), RandomBytes(32, 2), RandomBytes(20, 3));
   }
-  // A coordinate of a curve point, for ciphertexts whose C1 is sound.
-  Bytes Coordinate(size_t at) const {
-    const Bytes c1 = ref.Point(ref.Scalar(4));
-    return Bytes(c1.begin() + static_cast<long>(at), c1.begin() + static_cast<long>(at) + 32);
-  }
+  // The coordinates of a curve point, for ciphertexts whose C1 is sound.
+  const Bytes c1 = ref.Point(ref.Scalar(4));
+  Bytes x() const { return Bytes(c1.begin() + 1, c1.begin() + 33); }
+  Bytes y() const { return Bytes(c1.begin() + 33, c1.end()); }
   // DER of the four fields; x and y are INTEGER magnitudes (negative: a
   // negative INTEGER).
   static Bytes Der(const Bytes &x, const Bytes &y, const Bytes &c3, const Bytes &c2, bool negative = false) {
@@ -75,13 +74,30 @@ TEST(BivoHostile, EveryStepRefusesBadValuesWithoutWriting) {
   const Material m;
   const Bytes n = Ref::N(), off = With(m.P, 64, 1), beyond = Cat({{0x04}, kP, Bytes(m.P.begin() + 33, m.P.end())});
   const Bytes minus_g = m.ref.Point(m.ref.Sub(n, Ref::One())), other_cred = m.ref.Point(m.ref.Scalar(9));
-  const std::string long_id(8192, 'i');
-  const Bytes msg = {1, 2, 3}, junk_cert = {0x30, 0x03, 0x02, 0x01, 0x01};
-  const Bytes r1 = m.ref.Add(m.r, Ref::One());
+  const Bytes msg = {1, 2, 3};
   // s3 that makes s = d1·k1·s2 + d1·s3 - r vanish.
   const Bytes s3_zero_s = m.ref.Mul(m.ref.Sub(m.r, m.ref.Mul(m.ref.Mul(m.d1, m.k1), m.s2)), m.ref.Inv(m.d1));
   using Call = std::function<uint32_t(Outputs &)>;
-  auto assemble = [&](const Bytes &d1, const Bytes &k1, const Bytes &r, const Bytes &s2, const Bytes &s3) -> Call {
+  // One factory per step: the row gives the values, the step writes into o.
+  auto server_key = [&](Bytes p1) -> Call {
+    return [=](Outputs &o) { return BIVO_Server_CreateKeyShare(p1.data(), o.a, o.b, o.c); };
+  };
+  auto credential = [&](Bytes k) -> Call {
+    return [=](Outputs &o) { return BIVO_Server_CreateKeyShareCredential(k.data(), o.a); };
+  };
+  auto verify = [&](Bytes d1, Bytes p, Bytes cred) -> Call {
+    return [=](Outputs &) { return BIVO_Client_VerifyKeyShares(d1.data(), p.data(), cred.data()); };
+  };
+  auto client_sig = [&](std::string id, Bytes key, uint32_t key_len) -> Call {
+    return [=](Outputs &o) {
+      return BIVO_Client_CreateSigShareWithPubKey(id.c_str(), key.data(), key_len, msg.data(), 3, o.a, o.b, o.c);
+    };
+  };
+  auto server_sig = [&](Bytes q1, Bytes d2) -> Call {
+    return [=, &m](Outputs &o) { return BIVO_Server_CreateSigShare(m.e.data(), q1.data(), d2.data(), o.a, o.b, o.c); };
+  };
+  // Both assembly forms must refuse alike.
+  auto assemble = [&](Bytes d1, Bytes k1, Bytes r, Bytes s2, Bytes s3) -> Call {
     return [=, &m](Outputs &o) {
       const uint32_t plain =
           BIVO_Client_AssemblySigEncode(d1.data(), k1.data(), r.data(), s2.data(), s3.data(), o.sig, &o.len);
@@ -90,55 +106,37 @@ TEST(BivoHostile, EveryStepRefusesBadValuesWithoutWriting) {
       return plain == checked ? plain : 0xBAD;
     };
   };
-  auto checked = [&](const Bytes &r, const Bytes &s3, const Bytes &e, const Bytes &key) -> Call {
+  auto checked = [&](Bytes r, Bytes s3, Bytes e, Bytes key) -> Call {
     return [=, &m](Outputs &o) {
       return BIVO_Client_AssemblySigEncodeWithPubKey(m.d1.data(), m.k1.data(), r.data(), m.s2.data(), s3.data(),
                                                      e.data(), key.data(), 65, o.sig, &o.len);
     };
   };
-  auto server_sig = [&](const Bytes &q1, const Bytes &d2) -> Call {
-    return [=, &m](Outputs &o) { return BIVO_Server_CreateSigShare(m.e.data(), q1.data(), d2.data(), o.a, o.b, o.c); };
+  auto server_pt = [&](Bytes t1, Bytes k) -> Call {
+    return [=](Outputs &o) { return BIVO_Server_CreatePlaintextShare(t1.data(), k.data(), o.a); };
   };
+  Twins t(1);
   const struct {
     const char *what;
     Call call;
     uint32_t status;
   } rows[] = {
-      {"P1 off the curve", [&](Outputs &o) { return BIVO_Server_CreateKeyShare(off.data(), o.a, o.b, o.c); }, 10},
-      {"P1 with x = p", [&](Outputs &o) { return BIVO_Server_CreateKeyShare(beyond.data(), o.a, o.b, o.c); }, 10},
-      {"P1 = (0, 0)", [&](Outputs &o) { return BIVO_Server_CreateKeyShare(kZeroPoint.data(), o.a, o.b, o.c); }, 10},
-      {"credential of 0", [&](Outputs &o) { return BIVO_Server_CreateKeyShareCredential(kZero.data(), o.a); }, 11},
-      {"credential of n", [&](Outputs &o) { return BIVO_Server_CreateKeyShareCredential(n.data(), o.a); }, 11},
-      {"P off the curve",
-       [&](Outputs &) { return BIVO_Client_VerifyKeyShares(m.d1.data(), off.data(), m.cred.data()); }, 12},
-      {"P = -G", [&](Outputs &) { return BIVO_Client_VerifyKeyShares(m.d1.data(), minus_g.data(), m.cred.data()); },
-       12},
-      {"foreign credential",
-       [&](Outputs &) { return BIVO_Client_VerifyKeyShares(m.d1.data(), m.P.data(), other_cred.data()); }, 12},
-      {"d1 = n", [&](Outputs &) { return BIVO_Client_VerifyKeyShares(n.data(), m.P.data(), m.cred.data()); }, 12},
-      {"signing key off the curve",
-       [&](Outputs &o) {
-         return BIVO_Client_CreateSigShareWithPubKey("id", off.data(), 65, msg.data(), 3, o.a, o.b, o.c);
-       },
-       13},
-      {"signing key of 64 bytes",
-       [&](Outputs &o) {
-         return BIVO_Client_CreateSigShareWithPubKey("id", m.P.data(), 64, msg.data(), 3, o.a, o.b, o.c);
-       },
-       13},
-      {"identity of 8192 bytes",
-       [&](Outputs &o) {
-         return BIVO_Client_CreateSigShareWithPubKey(long_id.c_str(), m.P.data(), 65, msg.data(), 3, o.a, o.b, o.c);
-       },
-       6},
+      {"P1 off the curve", server_key(off), 10},
+      {"P1 with x = p", server_key(beyond), 10},
+      {"P1 = (0, 0)", server_key(kZeroPoint), 10},
+      {"credential of 0", credential(kZero), 11},
+      {"credential of n", credential(n), 11},
+      {"P off the curve", verify(m.d1, off, m.cred), 12},
+      {"P = -G", verify(m.d1, minus_g, m.cred), 12},
+      {"foreign credential", verify(m.d1, m.P, other_cred), 12},
+      {"d1 = n", verify(n, m.P, m.cred), 12},
+      {"signing key off the curve", client_sig("id", off, 65), 13},
+      {"signing key of 64 bytes", client_sig("id", m.P, 64), 13},
+      {"identity of 8192 bytes", client_sig(std::string(8192, 'i'), m.P, 65), 6},
       {"certificate without a key",
-       [&](Outputs &o) {
-         return BIVO_Client_CreateSigShareWithCert(junk_cert.data(), Len(junk_cert), msg.data(), 3, o.a, o.b, o.c);
-       },
-       5},
+       [&](Outputs &o) { return BIVO_Client_CreateSigShareWithCert(msg.data(), 3, msg.data(), 3, o.a, o.b, o.c); }, 5},
       {"no external bytes",
        [&](Outputs &o) {
-         Twins t(1);
          return BIVO_Client_CreateSigShareOnDigestWithMixedSource(t.h, m.e.data(), nullptr, o.a, o.b);
        },
        1},
@@ -149,7 +147,6 @@ TEST(BivoHostile, EveryStepRefusesBadValuesWithoutWriting) {
       {"d2 = n", server_sig(m.Q1, n), 13},
       {"no 64 external bytes",
        [&](Outputs &o) {
-         Twins t(2);
          return BIVO_Server_CreateSigShareWithMixedSource(t.h, m.e.data(), m.Q1.data(), nullptr, m.d2.data(), o.a, o.b,
                                                           o.c);
        },
@@ -162,13 +159,12 @@ TEST(BivoHostile, EveryStepRefusesBadValuesWithoutWriting) {
       {"k1 = n", assemble(m.d1, n, m.r, m.s2, m.s3), 14},
       {"s3 giving s = 0", assemble(m.d1, m.k1, m.r, m.s2, s3_zero_s), 15},
       {"s3 + 1", checked(m.r, m.ref.Add(m.s3, Ref::One()), m.e, m.P), 8},
-      {"r + 1", checked(r1, m.s3, m.e, m.P), 8},
+      {"r + 1", checked(m.ref.Add(m.r, Ref::One()), m.s3, m.e, m.P), 8},
       {"another digest", checked(m.r, m.s3, With(m.e, 0, 1), m.P), 8},
       {"another key", checked(m.r, m.s3, m.e, m.P1), 8},
       {"key off the curve", checked(m.r, m.s3, m.e, off), 8},
-      {"T1 off the curve",
-       [&](Outputs &o) { return BIVO_Server_CreatePlaintextShare(off.data(), m.d2_inv.data(), o.a); }, 17},
-      {"d2^-1 = n", [&](Outputs &o) { return BIVO_Server_CreatePlaintextShare(m.P.data(), n.data(), o.a); }, 17},
+      {"T1 off the curve", server_pt(off, m.d2_inv), 17},
+      {"d2^-1 = n", server_pt(m.P, n), 17},
   };
   for (const auto &row : rows) {
     Outputs o;
@@ -182,7 +178,7 @@ TEST(BivoHostile, EveryStepRefusesBadValuesWithoutWriting) {
 
 TEST(BivoHostile, CiphertextsAndServerAnswersToTheDecryption) {
   const Material m;
-  const Bytes x = m.Coordinate(1), y = m.Coordinate(33), c3 = RandomBytes(32, 2), c2 = RandomBytes(20, 3);
+  const Bytes x = m.x(), y = m.y(), c3 = RandomBytes(32, 2), c2 = RandomBytes(20, 3);
   const Bytes wide = Cat({{0x01}, x});
   enum Parts { kNone, kAll };
   const struct {

@@ -9,10 +9,6 @@
 #include <string>
 #include <vector>
 
-#include <openssl/core_names.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-
 #include <gtest/gtest.h>
 
 #include "test_support.hpp"
@@ -39,21 +35,12 @@ bool Shell(const std::string &dir, const std::string &script) {
   return std::system(("cd '" + dir + "' && { " + script + " ; } >run.log 2>&1").c_str()) == 0;
 }
 
-// The joint key as a PEM SubjectPublicKeyInfo, written by OpenSSL.
-bool WritePem(const std::string &path, const Bytes &point) {
-  OSSL_PARAM params[] = {
-      OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, const_cast<char *>("SM2"), 0),
-      OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, const_cast<uint8_t *>(point.data()), point.size()),
-      OSSL_PARAM_construct_end()};
-  EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new_from_name(nullptr, "SM2", nullptr);
-  EVP_PKEY *key = nullptr;
-  FILE *f = std::fopen(path.c_str(), "w");
-  const bool ok = ctx != nullptr && f != nullptr && EVP_PKEY_fromdata_init(ctx) == 1 &&
-                  EVP_PKEY_fromdata(ctx, &key, EVP_PKEY_PUBLIC_KEY, params) == 1 && PEM_write_PUBKEY(f, key) == 1;
-  if (f != nullptr) std::fclose(f);
-  EVP_PKEY_free(key);
-  EVP_PKEY_CTX_free(ctx);
-  return ok;
+// The joint key as a DER SubjectPublicKeyInfo (id-ecPublicKey, the SM2 curve);
+// openssl turns it into PEM.
+Bytes Spki(const uint8_t *point) {
+  Bytes der = zeph_test::FromHex("3059301306072A8648CE3D020106082A811CCF5501822D034200");
+  der.insert(der.end(), point, point + 65);
+  return der;
 }
 
 class BivoOpenSsl : public testing::Test {
@@ -66,8 +53,9 @@ class BivoOpenSsl : public testing::Test {
              BIVO_Server_CreateKeyShare(P1, d2_, d2_inv_, P_) == 0 &&
              BIVO_Server_CreateKeyShareCredential(d2_inv_, credential) == 0 &&
              BIVO_Client_VerifyKeyShares(d1_, P_, credential) == 0;
-    ready_ = ready_ && WritePem(File("joint.pem"), Bytes(P_, P_ + 65));
+    WriteBytes(File("joint.der"), Spki(P_));
     std::string script =
+        "openssl pkey -pubin -inform DER -in joint.der -out joint.pem && "
         "openssl ecparam -name SM2 -genkey -noout -out ca.key && "
         "openssl req -x509 -new -sm3 -key ca.key -subj /CN=zeph-ca -days 2 -out ca.pem && "
         "openssl req -new -sm3 -key ca.key -subj /CN=cosigner -out user.csr && "
@@ -172,9 +160,6 @@ TEST_F(BivoOpenSsl, EverySigningVariantVerifiesWithOpenSsl) {
     sig.resize(n);
     EXPECT_EQ(BIVO_VerifySm2SignatureWithPubKey(msg.data(), Len(msg), variants[v].id.c_str(), P_, 65, sig.data(), n),
               0u);
-    if (variants[v].id == def) {
-      EXPECT_EQ(BIVO_VerifySm2Signature(msg.data(), Len(msg), cert.data(), Len(cert), sig.data(), n), 0u);
-    }
     WriteBytes(File(Name("s", v)), sig);
     WriteBytes(File(Name("s", v, ".msg")), msg);
     script +=

@@ -66,6 +66,7 @@ TEST(Bivo, ChosenSharesGiveTheStandardKeySignatureAndDecryption) {
     EXPECT_EQ(o1, d1);
     EXPECT_EQ(o2, ref.Inv(d1));
     EXPECT_EQ(P1, ref.Point(ref.Inv(d1)));
+    P1[0] = 0x05;  // only the coordinates of a point argument count
     ASSERT_EQ(
         BIVO_Server_CreateKeyShareWithMixedSource(t.h, t.Steer(d2).data(), P1.data(), o1.data(), o2.data(), P.data()),
         0u);

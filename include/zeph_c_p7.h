@@ -67,7 +67,8 @@ typedef struct SM2_Envelope_Item_st {
 } SM2_Envelope_Item;
 
 /* OpenSSL 3.0 has no stack functions for OCTET STRINGs. */
-#ifndef sk_ASN1_OCTET_STRING_num
+#ifndef ZEPH_SK_ASN1_OCTET_STRING_DEFINED /* shared with zeph_c_seal.h */
+#define ZEPH_SK_ASN1_OCTET_STRING_DEFINED
 SKM_DEFINE_STACK_OF(ASN1_OCTET_STRING, ASN1_OCTET_STRING, ASN1_OCTET_STRING)
 #endif
 SKM_DEFINE_STACK_OF(SM2_SIGN_INFO, SM2_SIGN_INFO, SM2_SIGN_INFO)

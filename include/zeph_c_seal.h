@@ -28,7 +28,8 @@
 ZEPH_BEGIN_DECLS
 
 /* Stacks of strings that OpenSSL does not declare itself. */
-#ifndef sk_ASN1_OCTET_STRING_num
+#ifndef ZEPH_SK_ASN1_OCTET_STRING_DEFINED /* shared with zeph_c_p7.h */
+#define ZEPH_SK_ASN1_OCTET_STRING_DEFINED
 DEFINE_STACK_OF(ASN1_OCTET_STRING)
 #endif
 #ifndef sk_ASN1_BIT_STRING_num

@@ -28,11 +28,12 @@
 ZEPH_BEGIN_DECLS
 
 /* Stacks of strings that OpenSSL does not declare itself. */
-#ifndef ZEPH_SK_ASN1_OCTET_STRING_DEFINED /* shared with zeph_c_p7.h */
+#ifndef ZEPH_SK_ASN1_OCTET_STRING_DEFINED
 #define ZEPH_SK_ASN1_OCTET_STRING_DEFINED
 DEFINE_STACK_OF(ASN1_OCTET_STRING)
 #endif
-#ifndef sk_ASN1_BIT_STRING_num
+#ifndef ZEPH_SK_ASN1_BIT_STRING_DEFINED
+#define ZEPH_SK_ASN1_BIT_STRING_DEFINED
 DEFINE_STACK_OF(ASN1_BIT_STRING)
 #endif
 

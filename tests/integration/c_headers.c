@@ -4,6 +4,7 @@
 
 #include "zeph_c.h"
 #include "zeph_c_api.h"
+#include "zeph_c_bivo_math.h"
 #include "zeph_c_ci.h"
 #include "zeph_c_export.h"
 #include "zeph_c_gm.h"
@@ -86,5 +87,7 @@ int zeph_c_header_check(void) {
     if (!built) return 20;
     if (ZEPH_C_CheckSealType(NULL, 5, &type) != 0 || type != ZEPH_SEAL_TYPE_PICTURE) return 21;
   }
+
+  if (BIVO_get_version(NULL) != BIVO_VERSION) return 22;
   return 0;
 }

@@ -10,6 +10,7 @@
 #include "zeph_c_p7.h"
 #include "zeph_c_pki.h"
 #include "zeph_c_sdbi.h"
+#include "zeph_c_seal.h"
 #include "zeph_c_sm2.h"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
@@ -72,6 +73,18 @@ int zeph_c_header_check(void) {
     SM2_Sign_free(msg);
     if (nonce == NULL || ASN1_STRING_length(nonce) > 8) return 19;
     ASN1_INTEGER_free(nonce);
+  }
+
+  /* The seal structures and detection through the C view. */
+  {
+    SESeal *seal = SESeal_new();
+    VORLI_ExtData_structure *ext = VORLI_ExtData_structure_new();
+    int32_t type = 0;
+    const int built = seal != NULL && seal->SES_SealInfo != NULL && ext != NULL && ext->_critical == -1;
+    SESeal_free(seal);
+    VORLI_ExtData_structure_free(ext);
+    if (!built) return 20;
+    if (ZEPH_C_CheckSealType(NULL, 5, &type) != 0 || type != ZEPH_SEAL_TYPE_PICTURE) return 21;
   }
   return 0;
 }

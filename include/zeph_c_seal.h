@@ -28,7 +28,8 @@
 ZEPH_BEGIN_DECLS
 
 /* Stacks of strings that OpenSSL does not declare itself. */
-#ifndef sk_ASN1_OCTET_STRING_num
+#ifndef ZEPH_STACK_OF_ASN1_OCTET_STRING /* shared with zeph_c_p7.h */
+#define ZEPH_STACK_OF_ASN1_OCTET_STRING
 DEFINE_STACK_OF(ASN1_OCTET_STRING)
 #endif
 #ifndef sk_ASN1_BIT_STRING_num

@@ -91,6 +91,8 @@ uint32_t PutEnvelope(Span der, uint8_t *out, uint32_t *in_out_len);
 // by PutEnvelope. key_type 1 RSA, 2 SM2, else ERR_UNSUPPORTED_VALUE.
 uint32_t BuildSm2Envelope(const X509 *recipient, uint32_t key_type, Span enc_key, Span enc_content, uint8_t *out,
                           uint32_t *in_out_len);
+// The same envelope as DER.
+uint32_t EncodeSm2Envelope(const X509 *recipient, uint32_t key_type, Span enc_key, Span enc_content, Bytes *der);
 
 // Seals data for a certificate under the 16-byte content key: wrapper
 // ZEPH_ENVELOPE_DEFAULT or ZEPH_ENVELOPE_GM.

@@ -53,15 +53,41 @@ Pkcs7RecipInfoPtr RecipientInfo(const X509 *recipient, const char *key_alg, Span
   return ri;
 }
 
+// DER straight into the vector: the content may be megabytes.
 template <class T>
 bool Encode(const T *obj, int (*i2d)(const T *, unsigned char **), Bytes *der) {
-  unsigned char *p = nullptr;
-  const int n = i2d(obj, &p);
+  const int n = i2d(obj, nullptr);
   if (n <= 0) return false;
-  der->assign(p, p + n);
-  OPENSSL_free(p);
-  return true;
+  der->resize(static_cast<size_t>(n));
+  unsigned char *p = der->data();
+  return i2d(obj, &p) == n;
 }
+
+// Lends the encrypted content to an OCTET STRING for the time of one
+// encoding instead of copying it; declared after the structure that holds
+// the string, so it hands the bytes back before that structure is freed.
+class LentOctets {
+ public:
+  LentOctets(ASN1_OCTET_STRING **field, Span bytes) : field_(field) {
+    if (*field_ == nullptr) *field_ = ASN1_OCTET_STRING_new();
+    if (*field_ != nullptr) {
+      ASN1_STRING_set0(*field_, const_cast<uint8_t *>(bytes.data()), static_cast<int>(bytes.size()));
+    }
+  }
+  ~LentOctets() {
+    // Not ASN1_STRING_set0, which would free the lent bytes.
+    if (*field_ != nullptr) {
+      (*field_)->data = nullptr;
+      (*field_)->length = 0;
+    }
+  }
+  LentOctets(const LentOctets &) = delete;
+  LentOctets &operator=(const LentOctets &) = delete;
+  bool ok() const { return *field_ != nullptr; }
+
+ private:
+  ASN1_OCTET_STRING **field_;
+};
 
 uint32_t RsaEncrypt(X509 *recipient, Span key, Bytes *out) {
   EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(X509_get0_pubkey(recipient), nullptr));
@@ -113,7 +139,8 @@ uint32_t SealPkcs7(X509 *recipient, Span key16, Span data, Bytes *der) {
   ZEPH_ENSURE(X509_ALGOR_set0(ec->algorithm, OBJ_nid2obj(NID_sm4_cbc), V_ASN1_OCTET_STRING, iv_param.get()) == 1,
               ERR_OUT_OF_MEMORY);
   iv_param.release();
-  ZEPH_ENSURE(SetOctets(&ec->enc_data, enc_content), ERR_OUT_OF_MEMORY);
+  const LentOctets content(&ec->enc_data, enc_content);
+  ZEPH_ENSURE(content.ok(), ERR_OUT_OF_MEMORY);
   Pkcs7RecipInfoPtr ri = RecipientInfo(recipient, ZEPH_OID_RSA_ENCRYPTION, enc_key);
   ZEPH_ENSURE(ri && PKCS7_add_recipient_info(p7.get(), ri.get()) == 1, ERR_OUT_OF_MEMORY);
   ri.release();
@@ -322,8 +349,8 @@ uint32_t EncodeSm2Envelope(const X509 *recipient, uint32_t key_type, Span enc_ke
   PKCS7_ENC_CONTENT *ec = item->enc_data;
   ASN1_OBJECT_free(ec->content_type);
   ec->content_type = type.release();
-  ZEPH_ENSURE(SetNullAlgorithm(ec->algorithm, ZEPH_OID_SM4) && SetOctets(&ec->enc_data, enc_content),
-              ERR_OUT_OF_MEMORY);
+  const LentOctets content(&ec->enc_data, enc_content);
+  ZEPH_ENSURE(SetNullAlgorithm(ec->algorithm, ZEPH_OID_SM4) && content.ok(), ERR_OUT_OF_MEMORY);
 
   return Encode(env.get(), i2d_SM2_Envelope, der) ? 0 : ERR_ENVELOPE_FAILED;
 }

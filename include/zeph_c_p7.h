@@ -67,11 +67,9 @@ typedef struct SM2_Envelope_Item_st {
   PKCS7_ENC_CONTENT *enc_data;
 } SM2_Envelope_Item;
 
-/* OpenSSL 3.0 has no stack functions for OCTET STRINGs; the stack
- * functions are inline functions, so every header that needs them defines
- * them under this one guard. */
-#ifndef ZEPH_STACK_OF_ASN1_OCTET_STRING
-#define ZEPH_STACK_OF_ASN1_OCTET_STRING
+/* OpenSSL 3.0 has no stack functions for OCTET STRINGs. */
+#ifndef ZEPH_SK_ASN1_OCTET_STRING_DEFINED
+#define ZEPH_SK_ASN1_OCTET_STRING_DEFINED
 DEFINE_STACK_OF(ASN1_OCTET_STRING)
 #endif
 SKM_DEFINE_STACK_OF(SM2_SIGN_INFO, SM2_SIGN_INFO, SM2_SIGN_INFO)

@@ -61,6 +61,21 @@ uint32_t SetBase64Output(ZEPH_RES_PARAM *res, size_t capacity, Op &&op) {
   return SetBase64Data(res, result.data(), result.size());
 }
 
+// "raw" (base64) decrypted by the request's key through
+// op(handle, in, in_len, out, &out_len); the result, never longer than its
+// input, as base64 data.
+template <class Op>
+uint32_t DecryptRaw(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res, Op &&op) {
+  ZEPH_ENSURE(req.value != nullptr, ERR_INVALID_PARAMETER);
+  SecureBytes in;
+  ZEPH_TRY(DecodeBase64(req.value, &in));
+  KeyHandle key;
+  ZEPH_TRY(key.Open(req));
+  return SetBase64Output(res, in.size(), [&](uint8_t *out, uint32_t *out_len) {
+    return op(key.get(), in.data(), static_cast<uint32_t>(in.size()), out, out_len);
+  });
+}
+
 // Room for an envelope of n bytes to a certificate of cert_len bytes.
 inline size_t EnvelopeCapacity(size_t cert_len, size_t n) { return n + cert_len + 1024; }
 

@@ -101,28 +101,8 @@ uint32_t SignatureToPkcs7(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
 // ---- Envelopes ------------------------------------------------------------
 
 uint32_t DecodeEnveloper(const ZEPH_REQ_PARAM &req, uint32_t asym_id, ZEPH_RES_PARAM *res) {
-  ZEPH_ENSURE(req.value != nullptr, ERR_INVALID_PARAMETER);
-  SecureBytes env;
-  ZEPH_TRY(DecodeBase64(req.value, &env));
-  KeyHandle key;
-  ZEPH_TRY(key.Open(req));
-  // The content is shorter than its envelope.
-  return SetBase64Output(res, env.size(), [&](uint8_t *out, uint32_t *out_len) {
-    return ZEPH_C_DecodeEnveloper(key.get(), req.pin.s, asym_id, env.data(), static_cast<uint32_t>(env.size()), out,
-                                  out_len);
-  });
-}
-
-uint32_t DecodeSymkey(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res,
-                      uint32_t (*decode)(void *, const char *, const unsigned char *, uint32_t, unsigned char *,
-                                         uint32_t *)) {
-  ZEPH_ENSURE(req.value != nullptr, ERR_INVALID_PARAMETER);
-  SecureBytes cipher;
-  ZEPH_TRY(DecodeBase64(req.value, &cipher));
-  KeyHandle key;
-  ZEPH_TRY(key.Open(req));
-  return SetBase64Output(res, cipher.size(), [&](uint8_t *out, uint32_t *out_len) {
-    return decode(key.get(), req.pin.s, cipher.data(), static_cast<uint32_t>(cipher.size()), out, out_len);
+  return DecryptRaw(req, res, [&](void *key, const uint8_t *in, uint32_t in_len, uint8_t *out, uint32_t *out_len) {
+    return ZEPH_C_DecodeEnveloper(key, req.pin.s, asym_id, in, in_len, out, out_len);
   });
 }
 
@@ -247,7 +227,9 @@ uint32_t l_ci4decodeEnveloper(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
   return Answer(res, DecodeEnveloper(*req, req->asymid, res));
 }
 uint32_t l_ci4decodeSM2SymkeyCipher(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
-  return Answer(res, DecodeSymkey(*req, res, ZEPH_C_DecodeSM2SymkeyCipher));
+  return Answer(res, DecryptRaw(*req, res, [&](void *key, const uint8_t *in, uint32_t n, uint8_t *out, uint32_t *len) {
+                  return ZEPH_C_DecodeSM2SymkeyCipher(key, req->pin.s, in, n, out, len);
+                }));
 }
 uint32_t l_ci4doSignatureToPKCS7(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
   return Answer(res, SignatureToPkcs7(*req, res));

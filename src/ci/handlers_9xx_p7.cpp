@@ -50,23 +50,13 @@ uint32_t VerifyForP7(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   });
 }
 
-uint32_t DecodeRsaSymkey(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
-  ZEPH_ENSURE(req.value != nullptr, ERR_INVALID_PARAMETER);
-  SecureBytes cipher;
-  ZEPH_TRY(DecodeBase64(req.value, &cipher));
-  KeyHandle key;
-  ZEPH_TRY(key.Open(req));
-  return SetBase64Output(res, cipher.size(), [&](uint8_t *out, uint32_t *out_len) {
-    return ZEPH_C_DecodeRSASymkeyCipher(key.get(), req.pin.s, cipher.data(), static_cast<uint32_t>(cipher.size()), out,
-                                        out_len);
-  });
-}
-
 }  // namespace
 
 uint32_t l_ci4doBIVO_doSignatureforCorvex(ZEPH_REQ_PARAM *, ZEPH_RES_PARAM *res) { return NotOffered(res); }
 uint32_t l_ci4decodeRSASymkeyCipher(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
-  return Answer(res, DecodeRsaSymkey(*req, res));
+  return Answer(res, DecryptRaw(*req, res, [&](void *key, const uint8_t *in, uint32_t n, uint8_t *out, uint32_t *len) {
+                  return ZEPH_C_DecodeRSASymkeyCipher(key, req->pin.s, in, n, out, len);
+                }));
 }
 uint32_t l_ci4SM2SignForP7_301(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
   return Answer(res, SignForP7(*req, res, ZEPH_C_DoSm2SignToPKCS7_301));

@@ -442,4 +442,27 @@ TEST_F(P7, TimeStampedPkcs7ThroughTheJsonRow) {
   PKCS7_free(parsed);
 }
 
+TEST_F(P7, CommandLineRoundTrips) {
+  const std::string cfg = std::string(R"([{"type":0,"vid":"ZS","skfLib":")") + ZEPH_SOFTKEY_LIB + R"("}])";
+  Put("cfg.json", B(cfg));
+  Put("doc.txt", B("a document for zeph p7\n"));
+  const std::string z = std::string("'") + ZEPH_TOOL + "' p7 ";
+  const std::string key = " --config " + F("cfg.json") + " --key " + kKey + " --pin " + kPin + " ";
+  std::string out;
+  EXPECT_EQ(
+      Shell(z + "sign" + key + "--gm501 --out " + F("doc.sm2") + " " + F("doc.txt") + " && " + z + "verify --out " +
+                F("doc.back") + " " + F("doc.sm2") + " && " + z + "sign" + key + "--area rsa --detached --out " +
+                F("doc.p7") + " " + F("doc.txt") + " && " + z + "verify --content " + F("doc.txt") + " " + F("doc.p7") +
+                " && " + z + "envelope --cert " + F("sm2enc.pem") + " --out " + F("doc.env") + " " + F("doc.txt") +
+                " && " + z + "open" + key + "--out " + F("doc.open") + " " + F("doc.env"),
+            &out),
+      0)
+      << out;
+  EXPECT_EQ(zeph_test::ReadBytes(F("doc.back")), zeph_test::ReadBytes(F("doc.txt")));
+  EXPECT_EQ(zeph_test::ReadBytes(F("doc.open")), zeph_test::ReadBytes(F("doc.txt")));
+  // A message that does not verify exits 1; a usage mistake 2.
+  EXPECT_EQ(Shell(z + "verify --content " + F("doc.sm2") + " " + F("doc.p7") + " 2>/dev/null"), 1);
+  EXPECT_EQ(Shell(z + "sign --gm301 --gm501 --pin 1 " + F("doc.txt") + " 2>/dev/null"), 2);
+}
+
 }  // namespace

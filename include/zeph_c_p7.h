@@ -116,10 +116,11 @@ DECLARE_ASN1_FUNCTIONS_attr(ZEPH_API, SM2_Envelope)
  * *in_out_len is the capacity (ERR_BUFFER_TOO_SMALL with the length when it
  * is short) and receives the length written.
  *
- * Statuses: those of the key (PIN, signing) unchanged; ERR_GET_CERT_FAILED
- * when the key holds no signing certificate; ERR_CERT_CHAIN_FAILED for a
- * bundle that does not decode; ERR_INVALID_PARAMETER for a missing handle,
- * PIN or length. */
+ * Statuses: those of the key (PIN, signing, a missing certificate)
+ * unchanged; ERR_GET_CERT_FAILED when the key's library cannot export the
+ * certificate or it does not decode; ERR_CERT_CHAIN_FAILED for a bundle
+ * that does not decode; ZEPH_ERR_MISSING_HANDLE for a missing handle;
+ * ERR_INVALID_PARAMETER for a missing length. */
 ZEPH_API uint32_t ZEPH_C_DoSm2SignToPKCS7_301(void *handle, const char *pin, const unsigned char *data,
                                               uint32_t data_len, const unsigned char *cert_chain,
                                               uint32_t cert_chain_len, unsigned char *out, uint32_t *in_out_len);

@@ -211,4 +211,35 @@ TEST(P7, EnvelopesOpenWithTheRecipientsKeyOnly) {
   EXPECT_EQ(zeph::p7::Seal(Signer().cert.get(), 2, key, data, &env), ERR_UNSUPPORTED_VALUE);
 }
 
+TEST(P7, BrokenDerDecodesToNothing) {
+  // A wrong outer tag, a length longer than the input, and nesting far
+  // deeper than any message: no type takes them.
+  Bytes nested;
+  for (int i = 0; i < 20000; ++i) nested.insert(nested.end(), {0x30, 0x80});
+  const Bytes inputs[] = {
+      zeph_test::FromHex("310E060A2A811CCF550601040202A000"),
+      zeph_test::FromHex("30820FFF060A2A811CCF550601040202A000"),
+      zeph_test::FromHex("300E060A2A811CCF550601040202A100"),
+      nested,
+  };
+  for (const Bytes &in : inputs) {
+    const auto n = static_cast<long>(in.size());
+    const unsigned char *p = in.data();
+    EXPECT_EQ(d2i_SM2_Sign(nullptr, &p, n), nullptr);
+    p = in.data();
+    EXPECT_EQ(d2i_SM2_Envelope(nullptr, &p, n), nullptr);
+    p = in.data();
+    EXPECT_EQ(d2i_SM2_SIGN_INFO(nullptr, &p, n), nullptr);
+    p = in.data();
+    EXPECT_EQ(d2i_SM2_Envelope_Item(nullptr, &p, n), nullptr);
+    p = in.data();
+    EXPECT_EQ(d2i_RAW_DATA_SM2(nullptr, &p, n), nullptr);
+    Bytes content;
+    EXPECT_EQ(zeph::p7::VerifySm2Sign(in, {}, &content), ERR_SIGNATURE_INVALID);
+    EXPECT_EQ(zeph::p7::VerifyPkcs7Signed(in, {}, &content), ERR_SIGNATURE_INVALID);
+    std::vector<zeph::X509Ptr> certs;
+    EXPECT_EQ(zeph::p7::ReadBundle(in, &certs), ERR_CERT_CHAIN_FAILED);
+  }
+}
+
 }  // namespace

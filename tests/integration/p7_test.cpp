@@ -440,6 +440,12 @@ TEST_F(P7, TimeStampedPkcs7ThroughTheJsonRow) {
   PKCS7_SIGNER_INFO *si = sk_PKCS7_SIGNER_INFO_value(PKCS7_get_signer_info(parsed), 0);
   EXPECT_NE(PKCS7_get_attribute(si, NID_id_smime_aa_timeStampToken), nullptr);
   PKCS7_free(parsed);
+
+  // A value longer than its field fails the request itself.
+  const ci_test::Reply big = ci_test::Ci(std::string(R"({"type":902,"keySN":")") + kKey + R"(","pin":")" + kPin +
+                                         R"(","signData":")" + std::string(1025, 'a') + R"("})");
+  EXPECT_EQ(big.code, 2181562459);
+  EXPECT_FALSE(big.has_data);
 }
 
 TEST_F(P7, CommandLineRoundTrips) {

@@ -175,6 +175,13 @@ ZEPH_API uint32_t GM_SKF_CTX_SM2Decrypt(GM_SKF_CTX *ctx, const unsigned char *ci
  * vendor as the blob length (at least 132 for SM2, 268 for RSA). */
 ZEPH_API uint32_t GM_SKF_CTX_ExportPublicKey(GM_SKF_CTX *ctx, unsigned char *out, uint32_t *in_out_len);
 ZEPH_API uint32_t GM_SKF_CTX_GenRandom(GM_SKF_CTX *ctx, uint32_t length, unsigned char *out);
+/* The DER certificate of the session's container: the signing one
+ * (sign_flag 1) or the encryption one (0). NULL out asks for the length;
+ * otherwise *in_out_len is the capacity (ERR_BUFFER_TOO_SMALL with the
+ * length when short). Vendor statuses pass unchanged; a library without
+ * the entry point gives ERR_GET_CERT_FAILED. */
+ZEPH_API uint32_t GM_SKF_CTX_ExportCertificate(GM_SKF_CTX *ctx, uint32_t sign_flag, unsigned char *out,
+                                               uint32_t *in_out_len);
 
 /* In-place DigestInfo encoding: buffer holds digest_len bytes of a digest of
  * the given NID on entry and the DER DigestInfo on success, so it must have

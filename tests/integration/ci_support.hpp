@@ -52,8 +52,9 @@ inline int64_t Signed(uint32_t status) { return static_cast<int32_t>(status); }
 using zeph_test::Base64;
 using zeph_test::FromBase64;
 
-// Device CI0001 (keySN ZS_CI0001): VorliEcc with an SM2 signing pair in ECC
-// and VorliRsa with an RSA 2048 pair in RSA1, 5 tries for every PIN. Vendor
+// Device CI0001 (keySN ZS_CI0001): VorliEcc with SM2 signing and encryption
+// pairs in ECC, VorliRsa with an RSA 2048 signing pair in RSA1 and an RSA
+// 1024 encryption pair in RSA2, 5 tries for every PIN. Vendor
 // ZS is the software key, NOLIB a vendor whose library is missing.
 class SoftKeyCi : public zeph_it::SoftkeyTest {
  protected:
@@ -64,12 +65,21 @@ class SoftKeyCi : public zeph_it::SoftkeyTest {
     ASSERT_EQ(ZEPH_C_SetConfigInfo(cfg.c_str()), 0u);
     CreateDevice("CI0001");
     for (const char *app : {"VorliEcc", "VorliRsa"}) CreateApp("CI0001", app, 5);
-    GenKey("CI0001", "VorliEcc", "ECC", "sm2");
+    GenKey("CI0001", "VorliEcc", "ECC", "sm2", "both");
     GenKey("CI0001", "VorliRsa", "RSA1", "rsa2048");
+    GenKey("CI0001", "VorliRsa", "RSA2", "rsa1024", "enc");
     sm2_cert_ = ExportCert("CI0001", "VorliEcc", "ECC");
     rsa_cert_ = ExportCert("CI0001", "VorliRsa", "RSA1");
-    vars_ = {{"keySN", "ZS_CI0001"},           {"pin", zeph_it::kUserPin},  {"adminPin", zeph_it::kAdminPin},
-             {"authCode", "1234567812345678"}, {"cert", Base64(sm2_cert_)}, {"rsaCert", Base64(rsa_cert_)}};
+    sm2_enc_cert_ = ExportCert("CI0001", "VorliEcc", "ECC", "enc");
+    rsa_enc_cert_ = ExportCert("CI0001", "VorliRsa", "RSA2", "enc");
+    vars_ = {{"keySN", "ZS_CI0001"},
+             {"pin", zeph_it::kUserPin},
+             {"adminPin", zeph_it::kAdminPin},
+             {"authCode", "1234567812345678"},
+             {"cert", Base64(sm2_cert_)},
+             {"rsaCert", Base64(rsa_cert_)},
+             {"encCert", Base64(sm2_enc_cert_)},
+             {"rsaEncCert", Base64(rsa_enc_cert_)}};
   }
 
   // The request with every <name> of vars_ replaced by its value.
@@ -83,7 +93,7 @@ class SoftKeyCi : public zeph_it::SoftkeyTest {
     return text;
   }
 
-  std::vector<uint8_t> sm2_cert_, rsa_cert_;
+  std::vector<uint8_t> sm2_cert_, rsa_cert_, sm2_enc_cert_, rsa_enc_cert_;
   std::map<std::string, std::string> vars_;
 };
 

@@ -6,6 +6,7 @@
 #include "zeph_c_ci.h"
 #include "zeph_c_device.h"
 #include "zeph_c_gm.h"
+#include "zeph_c_randtest.h"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 

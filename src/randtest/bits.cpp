@@ -1,5 +1,6 @@
 // Packed bit sequences: loading from bytes or from one bit per byte, counting
 // ones over ranges and differences at a distance.
+#include <atomic>
 #include <cstring>
 
 #include "randtest/randtest.hpp"
@@ -19,9 +20,12 @@ uint64_t Head(uint64_t w, unsigned bits) { return bits == 0 ? 0 : w >> (64 - bit
 }  // namespace
 
 void Sequence::Resize(uint64_t n) {
+  // Unique across all sequences, so a work space shared between sequences
+  // never serves one sequence's cached counts for another.
+  static std::atomic<uint64_t> next_generation{1};
   n_ = n;
   w_.assign(n / 64 + 3, 0);
-  ++generation_;
+  generation_ = next_generation.fetch_add(1, std::memory_order_relaxed);
 }
 
 void Sequence::AssignBytes(const uint8_t *bytes, size_t len) {

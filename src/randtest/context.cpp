@@ -42,7 +42,7 @@ struct RunReport {
   std::vector<RowReport> rows;
 };
 
-bool PassesP(Test test, double p) { return p >= kAlpha && !(test == Test::kLongestRunOfOnes && p > 1.0); }
+bool PassesP(TestId test, double p) { return p >= kAlpha && !(test == TestId::kLongestRunOfOnes && p > 1.0); }
 
 int Bin(double p) {
   if (!(p > 0)) return 0;  // NaN and stopped tests count as P = 0
@@ -116,7 +116,7 @@ uint32_t RunSequences(ZEPH_RANDTEST_CTX *ctx, uint32_t suite, const char *path, 
     ctx->bits.AssignBytes(buffer.data(), buffer.size());
     for (size_t i = 0; i < rows.size(); ++i) {
       RowReport &row = r.rows[i];
-      const Test test = rows[i].test;
+      const TestId test = rows[i].test;
       const Outcome o = Evaluate(test, rows[i].param, ctx->bits, ctx->ws);
       if (o.status == ZEPH_RANDTEST_ERR_NO_MEMORY || o.status == ZEPH_RANDTEST_ERR_DERIVATIVE_COPY) {
         return Finish(ctx, o.status);

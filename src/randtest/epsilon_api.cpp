@@ -43,7 +43,7 @@ void ReleaseOwned() {
   g_owned = nullptr;
 }
 
-uint32_t Proper(Test test, uint32_t param, uint64_t n) {
+uint32_t Proper(TestId test, uint32_t param, uint64_t n) {
   if (BIVO_epsilon == nullptr) return ZEPH_RANDTEST_ERR_NULL_POINTER;
   return zeph::Guarded(
       [&] {
@@ -55,14 +55,14 @@ uint32_t Proper(Test test, uint32_t param, uint64_t n) {
       ZEPH_RANDTEST_ERR_NO_MEMORY);
 }
 
-uint32_t Wrapper(Test test, uint32_t param, const unsigned char *buf, uint64_t len) {
+uint32_t Wrapper(TestId test, uint32_t param, const unsigned char *buf, uint64_t len) {
   ZEPH_TRY(ReadBitsFromInput(buf, len));
   const uint32_t rv = Proper(test, param, len * 8);
   ReleaseOwned();
   return rv;
 }
 
-uint32_t WrapperOnFile(Test test, uint32_t param, const char *path) {
+uint32_t WrapperOnFile(TestId test, uint32_t param, const char *path) {
   return zeph::Guarded(
       [&] {
         std::vector<uint8_t> bytes;
@@ -120,64 +120,64 @@ ZEPH_API uint32_t QuickRandomnessTestOnBinFile(const char *path) { return Runner
 ZEPH_API uint32_t CompleteRandomnessTestOnBinFile(const char *path) { return RunnerOnFile(kCompleteSuite, path); }
 
 ZEPH_API uint32_t FrequencyTest(const unsigned char *buf, uint64_t len) {
-  return Wrapper(Test::kFrequency, 0, buf, len);
+  return Wrapper(TestId::kFrequency, 0, buf, len);
 }
 ZEPH_API uint32_t BlockFrequencyTest(const unsigned char *buf, uint64_t len, uint32_t M) {
-  return Wrapper(Test::kBlockFrequency, M, buf, len);
+  return Wrapper(TestId::kBlockFrequency, M, buf, len);
 }
 ZEPH_API uint32_t PokerTest(const unsigned char *buf, uint64_t len, uint32_t m) {
-  return Wrapper(Test::kPoker, m, buf, len);
+  return Wrapper(TestId::kPoker, m, buf, len);
 }
 ZEPH_API uint32_t SerialTest(const unsigned char *buf, uint64_t len, uint32_t m) {
-  return Wrapper(Test::kSerial, m, buf, len);
+  return Wrapper(TestId::kSerial, m, buf, len);
 }
-ZEPH_API uint32_t RunsTest(const unsigned char *buf, uint64_t len) { return Wrapper(Test::kRuns, 0, buf, len); }
+ZEPH_API uint32_t RunsTest(const unsigned char *buf, uint64_t len) { return Wrapper(TestId::kRuns, 0, buf, len); }
 ZEPH_API uint32_t RunsDistributionTest(const unsigned char *buf, uint64_t len) {
-  return Wrapper(Test::kRunsDistribution, 0, buf, len);
+  return Wrapper(TestId::kRunsDistribution, 0, buf, len);
 }
 ZEPH_API uint32_t LongestRunOfOnesRunsTest(const unsigned char *buf, uint64_t len) {
-  return Wrapper(Test::kLongestRunOfOnes, 0, buf, len);
+  return Wrapper(TestId::kLongestRunOfOnes, 0, buf, len);
 }
 ZEPH_API uint32_t BinaryDerivativeTest(const unsigned char *buf, uint64_t len, uint32_t k) {
-  return Wrapper(Test::kBinaryDerivative, k, buf, len);
+  return Wrapper(TestId::kBinaryDerivative, k, buf, len);
 }
 ZEPH_API uint32_t AutoCorrelationTest(const unsigned char *buf, uint64_t len, uint32_t d) {
-  return Wrapper(Test::kAutoCorrelation, d, buf, len);
+  return Wrapper(TestId::kAutoCorrelation, d, buf, len);
 }
-ZEPH_API uint32_t MatrixRankTest(const unsigned char *buf, uint64_t len) { return Wrapper(Test::kRank, 0, buf, len); }
+ZEPH_API uint32_t MatrixRankTest(const unsigned char *buf, uint64_t len) { return Wrapper(TestId::kRank, 0, buf, len); }
 ZEPH_API uint32_t CumulativeSumsTest(const unsigned char *buf, uint64_t len) {
-  return Wrapper(Test::kCumulativeSums, 0, buf, len);
+  return Wrapper(TestId::kCumulativeSums, 0, buf, len);
 }
 ZEPH_API uint32_t ApproximateEntropyTest(const unsigned char *buf, uint64_t len, uint32_t m) {
-  return Wrapper(Test::kApproximateEntropy, m, buf, len);
+  return Wrapper(TestId::kApproximateEntropy, m, buf, len);
 }
 ZEPH_API uint32_t LinearComplexityTest(const unsigned char *buf, uint64_t len) {
-  return Wrapper(Test::kLinearComplexity, 500, buf, len);
+  return Wrapper(TestId::kLinearComplexity, 500, buf, len);
 }
 ZEPH_API uint32_t UniversalTest(const unsigned char *buf, uint64_t len) {
-  return Wrapper(Test::kUniversal, 0, buf, len);
+  return Wrapper(TestId::kUniversal, 0, buf, len);
 }
 ZEPH_API uint32_t DiscreteFourierTransformTest(const unsigned char *buf, uint64_t len) {
-  return Wrapper(Test::kDiscreteFourierTransform, 0, buf, len);
+  return Wrapper(TestId::kDiscreteFourierTransform, 0, buf, len);
 }
-ZEPH_API uint32_t FrequencyTestOnFile(const char *path) { return WrapperOnFile(Test::kFrequency, 0, path); }
-ZEPH_API uint32_t PokerTestOnFile(const char *path, uint32_t m) { return WrapperOnFile(Test::kPoker, m, path); }
+ZEPH_API uint32_t FrequencyTestOnFile(const char *path) { return WrapperOnFile(TestId::kFrequency, 0, path); }
+ZEPH_API uint32_t PokerTestOnFile(const char *path, uint32_t m) { return WrapperOnFile(TestId::kPoker, m, path); }
 
-ZEPH_API uint32_t Frequency(uint64_t n) { return Proper(Test::kFrequency, 0, n); }
-ZEPH_API uint32_t BlockFrequency(uint32_t M, uint64_t n) { return Proper(Test::kBlockFrequency, M, n); }
-ZEPH_API uint32_t Poker(uint32_t m, uint64_t n) { return Proper(Test::kPoker, m, n); }
-ZEPH_API uint32_t Serial(uint32_t m, uint64_t n) { return Proper(Test::kSerial, m, n); }
-ZEPH_API uint32_t Runs(uint64_t n) { return Proper(Test::kRuns, 0, n); }
-ZEPH_API uint32_t RunsDistribution(uint64_t n) { return Proper(Test::kRunsDistribution, 0, n); }
-ZEPH_API uint32_t LongestRunOfOnes(uint64_t n) { return Proper(Test::kLongestRunOfOnes, 0, n); }
-ZEPH_API uint32_t BinaryDerivative(uint32_t k, uint64_t n) { return Proper(Test::kBinaryDerivative, k, n); }
-ZEPH_API uint32_t AutoCorrelation(uint32_t d, uint64_t n) { return Proper(Test::kAutoCorrelation, d, n); }
-ZEPH_API uint32_t Rank(uint64_t n) { return Proper(Test::kRank, 0, n); }
-ZEPH_API uint32_t CumulativeSums(uint64_t n) { return Proper(Test::kCumulativeSums, 0, n); }
-ZEPH_API uint32_t ApproximateEntropy(uint32_t m, uint64_t n) { return Proper(Test::kApproximateEntropy, m, n); }
-ZEPH_API uint32_t LinearComplexity(uint32_t M, uint64_t n) { return Proper(Test::kLinearComplexity, M, n); }
-ZEPH_API uint32_t Universal(uint64_t n) { return Proper(Test::kUniversal, 0, n); }
-ZEPH_API uint32_t DiscreteFourierTransform(uint64_t n) { return Proper(Test::kDiscreteFourierTransform, 0, n); }
+ZEPH_API uint32_t Frequency(uint64_t n) { return Proper(TestId::kFrequency, 0, n); }
+ZEPH_API uint32_t BlockFrequency(uint32_t M, uint64_t n) { return Proper(TestId::kBlockFrequency, M, n); }
+ZEPH_API uint32_t Poker(uint32_t m, uint64_t n) { return Proper(TestId::kPoker, m, n); }
+ZEPH_API uint32_t Serial(uint32_t m, uint64_t n) { return Proper(TestId::kSerial, m, n); }
+ZEPH_API uint32_t Runs(uint64_t n) { return Proper(TestId::kRuns, 0, n); }
+ZEPH_API uint32_t RunsDistribution(uint64_t n) { return Proper(TestId::kRunsDistribution, 0, n); }
+ZEPH_API uint32_t LongestRunOfOnes(uint64_t n) { return Proper(TestId::kLongestRunOfOnes, 0, n); }
+ZEPH_API uint32_t BinaryDerivative(uint32_t k, uint64_t n) { return Proper(TestId::kBinaryDerivative, k, n); }
+ZEPH_API uint32_t AutoCorrelation(uint32_t d, uint64_t n) { return Proper(TestId::kAutoCorrelation, d, n); }
+ZEPH_API uint32_t Rank(uint64_t n) { return Proper(TestId::kRank, 0, n); }
+ZEPH_API uint32_t CumulativeSums(uint64_t n) { return Proper(TestId::kCumulativeSums, 0, n); }
+ZEPH_API uint32_t ApproximateEntropy(uint32_t m, uint64_t n) { return Proper(TestId::kApproximateEntropy, m, n); }
+ZEPH_API uint32_t LinearComplexity(uint32_t M, uint64_t n) { return Proper(TestId::kLinearComplexity, M, n); }
+ZEPH_API uint32_t Universal(uint64_t n) { return Proper(TestId::kUniversal, 0, n); }
+ZEPH_API uint32_t DiscreteFourierTransform(uint64_t n) { return Proper(TestId::kDiscreteFourierTransform, 0, n); }
 
 ZEPH_API double psi2(int m, uint64_t n) {
   if (m == 0 || m == -1 || m < -1 || m > static_cast<int>(kMaxPatternBits) || n == 0 || BIVO_epsilon == nullptr) {

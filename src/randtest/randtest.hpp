@@ -37,7 +37,7 @@ inline constexpr double kAlpha = 0.01;
   X(Universal,                47, 1)
 // clang-format on
 
-enum class Test : uint8_t {
+enum class TestId : uint8_t {
 #define ZEPH_RANDTEST_ENUM(name, status, pvalues) k##name,
   ZEPH_RANDTEST_TESTS(ZEPH_RANDTEST_ENUM)
 #undef ZEPH_RANDTEST_ENUM
@@ -56,7 +56,7 @@ inline constexpr TestInfo kTests[] = {
 };
 static_assert(std::size(kTests) == 15 && kTests[14].fail_status == ZEPH_RANDTEST_FAIL_UNIVERSAL);
 
-constexpr const TestInfo &Info(Test t) { return kTests[static_cast<size_t>(t)]; }
+constexpr const TestInfo &Info(TestId t) { return kTests[static_cast<size_t>(t)]; }
 
 // ---- Packed bits ------------------------------------------------------------
 
@@ -85,7 +85,7 @@ class Sequence {
 
   uint64_t size() const { return n_; }
   const uint64_t *words() const { return w_.data(); }
-  // Changes with every assignment; caches key on it.
+  // Unique per assignment (across all sequences); caches key on it.
   uint64_t generation() const { return generation_; }
 
   bool Bit(uint64_t i) const { return (w_[i >> 6] >> (63 - (i & 63))) & 1; }
@@ -129,12 +129,12 @@ struct Workspace {
 
 // Runs one test: the outcome's status is 0 when every P-value passes. Work
 // arrays that cannot be allocated give 4 (0xFFFFFFFF for the derivative).
-Outcome Evaluate(Test test, uint32_t param, const Sequence &bits, Workspace &ws);
+Outcome Evaluate(TestId test, uint32_t param, const Sequence &bits, Workspace &ws);
 
 // ---- Suites ------------------------------------------------------------------
 
 struct Row {
-  Test test;
+  TestId test;
   uint32_t param;  // m, M, d or k; 500 for the linear complexity; 0 when none
 };
 

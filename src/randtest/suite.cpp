@@ -7,76 +7,76 @@ namespace zeph::randtest {
 namespace {
 
 // clang-format off
-constexpr Row kQuick[] = {{Test::kFrequency, 0}, {Test::kPoker, 2}};
+constexpr Row kQuick[] = {{TestId::kFrequency, 0}, {TestId::kPoker, 2}};
 constexpr Row kComplete[] = {
-    {Test::kFrequency, 0},
-    {Test::kPoker, 4}, {Test::kPoker, 8},
-    {Test::kApproximateEntropy, 2}, {Test::kApproximateEntropy, 5},
-    {Test::kAutoCorrelation, 1}, {Test::kAutoCorrelation, 2}, {Test::kAutoCorrelation, 8}, {Test::kAutoCorrelation, 16},
-    {Test::kBinaryDerivative, 3}, {Test::kBinaryDerivative, 7},
-    {Test::kBlockFrequency, 100},
-    {Test::kCumulativeSums, 0},
-    {Test::kDiscreteFourierTransform, 0},
-    {Test::kLinearComplexity, 500},
-    {Test::kLongestRunOfOnes, 0},
-    {Test::kRank, 0},
-    {Test::kRuns, 0},
-    {Test::kRunsDistribution, 0},
-    {Test::kSerial, 2}, {Test::kSerial, 5},
-    {Test::kUniversal, 0},
+    {TestId::kFrequency, 0},
+    {TestId::kPoker, 4}, {TestId::kPoker, 8},
+    {TestId::kApproximateEntropy, 2}, {TestId::kApproximateEntropy, 5},
+    {TestId::kAutoCorrelation, 1}, {TestId::kAutoCorrelation, 2}, {TestId::kAutoCorrelation, 8}, {TestId::kAutoCorrelation, 16},
+    {TestId::kBinaryDerivative, 3}, {TestId::kBinaryDerivative, 7},
+    {TestId::kBlockFrequency, 100},
+    {TestId::kCumulativeSums, 0},
+    {TestId::kDiscreteFourierTransform, 0},
+    {TestId::kLinearComplexity, 500},
+    {TestId::kLongestRunOfOnes, 0},
+    {TestId::kRank, 0},
+    {TestId::kRuns, 0},
+    {TestId::kRunsDistribution, 0},
+    {TestId::kSerial, 2}, {TestId::kSerial, 5},
+    {TestId::kUniversal, 0},
 };
 // clang-format on
 
 constexpr Outcome kTooShort{ZEPH_RANDTEST_ERR_TOO_SHORT, 0, {0, 0}};
 
-bool Passes(Test test, const Outcome &o) {
+bool Passes(TestId test, const Outcome &o) {
   for (int i = 0; i < o.p_count; ++i) {
     if (!(o.p[i] >= kAlpha)) return false;  // NaN fails too
-    if (test == Test::kLongestRunOfOnes && o.p[i] > 1.0) return false;
+    if (test == TestId::kLongestRunOfOnes && o.p[i] > 1.0) return false;
   }
   return true;
 }
 
-Outcome Compute(Test test, uint32_t param, const Sequence &b, Workspace &ws) {
+Outcome Compute(TestId test, uint32_t param, const Sequence &b, Workspace &ws) {
   const uint64_t n = b.size();
   if (n == 0) return kTooShort;
   switch (test) {
-    case Test::kFrequency:
+    case TestId::kFrequency:
       return FrequencyStat(b);
-    case Test::kBlockFrequency:
+    case TestId::kBlockFrequency:
       if (param == 0 || n / param == 0) return kTooShort;
       return BlockFrequencyStat(b, param);
-    case Test::kPoker:
+    case TestId::kPoker:
       if (param == 0 || param > kMaxPatternBits || n / param == 0) return kTooShort;
       return PokerStat(b, param);
-    case Test::kSerial:
+    case TestId::kSerial:
       if (param < 2 || param > kMaxPatternBits) return kTooShort;
       return SerialStat(b, param, ws);
-    case Test::kApproximateEntropy:
+    case TestId::kApproximateEntropy:
       if (param == 0 || param > kMaxPatternBits) return kTooShort;
       return ApproximateEntropyStat(b, param, ws);
-    case Test::kAutoCorrelation:
+    case TestId::kAutoCorrelation:
       if (param == 0 || param >= n) return kTooShort;
       return AutoCorrelationStat(b, param);
-    case Test::kBinaryDerivative:
+    case TestId::kBinaryDerivative:
       if (param == 0 || param >= n) return kTooShort;
       return BinaryDerivativeStat(b, param, ws);
-    case Test::kCumulativeSums:
+    case TestId::kCumulativeSums:
       return CumulativeSumsStat(b);
-    case Test::kDiscreteFourierTransform:
+    case TestId::kDiscreteFourierTransform:
       return DiscreteFourierTransformStat(b, ws);
-    case Test::kLinearComplexity:
+    case TestId::kLinearComplexity:
       if (param == 0 || param > kMaxComplexityBlock || n / param == 0) return kTooShort;
       return LinearComplexityStat(b, param, ws);
-    case Test::kLongestRunOfOnes:
+    case TestId::kLongestRunOfOnes:
       return LongestRunOfOnesStat(b);
-    case Test::kRank:
+    case TestId::kRank:
       return RankStat(b);
-    case Test::kRuns:
+    case TestId::kRuns:
       return RunsStat(b);
-    case Test::kRunsDistribution:
+    case TestId::kRunsDistribution:
       return RunsDistributionStat(b, ws);
-    case Test::kUniversal:
+    case TestId::kUniversal:
       return UniversalStat(b, ws);
   }
   return kTooShort;
@@ -92,14 +92,14 @@ std::span<const Row> SuiteRows(uint32_t suite) {
 
 const char *SuiteName(uint32_t suite) { return suite == kQuickSuite ? "quick" : "complete"; }
 
-Outcome Evaluate(Test test, uint32_t param, const Sequence &bits, Workspace &ws) {
+Outcome Evaluate(TestId test, uint32_t param, const Sequence &bits, Workspace &ws) {
   Outcome o;
   try {
     o = Compute(test, param, bits, ws);
   } catch (...) {
     // Only allocation can fail inside; the derivative keeps its own status.
     o = Outcome{
-        test == Test::kBinaryDerivative ? ZEPH_RANDTEST_ERR_DERIVATIVE_COPY : ZEPH_RANDTEST_ERR_NO_MEMORY, 0, {0, 0}};
+        test == TestId::kBinaryDerivative ? ZEPH_RANDTEST_ERR_DERIVATIVE_COPY : ZEPH_RANDTEST_ERR_NO_MEMORY, 0, {0, 0}};
   }
   if (o.status == 0 && !Passes(test, o)) o.status = Info(test).fail_status;
   return o;

@@ -7,6 +7,7 @@
 #include "zeph_c_ci.h"
 #include "zeph_c_export.h"
 #include "zeph_c_gm.h"
+#include "zeph_c_randtest.h"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 #include "zeph_skf.h"
@@ -49,6 +50,23 @@ int zeph_c_header_check(void) {
     free(host);
     free(port);
     if (ZEPH_C_SetConfig(NULL) != 0xFFFFFFFFu) return 13;
+  }
+
+  /* The randomness tests: a runner, the bit array, a context and its report. */
+  {
+    unsigned char zeros[32];
+    unsigned char alternating[2] = {0xAA, 0x55};
+    char report[4096];
+    uint64_t len = sizeof report;
+    ZEPH_RANDTEST_CTX *ctx = ZEPH_C_RandTest_New();
+    memset(zeros, 0, sizeof zeros);
+    if (QuickRandomnessTest(zeros, sizeof zeros) != ZEPH_RANDTEST_FAIL_FREQUENCY) return 14;
+    if (ReadBitsFromInput(alternating, 2) != 0 || BIVO_epsilon[0] != 1 || BIVO_epsilon[8] != 0) return 15;
+    if (Frequency(16) != 0 || FrequencyTest(alternating, 2) != 0 || BIVO_epsilon != NULL) return 16;
+    if (ctx == NULL || ZEPH_C_RandTest_Run(ctx, 0, zeros, sizeof zeros) != 33) return 17;
+    if (ZEPH_C_RandTest_Report(ctx, report, &len) != 0 || strncmp(report, "{\"suite\":\"quick\"", 16) != 0) return 18;
+    ZEPH_C_RandTest_Free(ctx);
+    if (cephes_igamc(1.0, 0.0) != 1.0 || ComputePower(2, 10) != 1024u) return 19;
   }
   return 0;
 }

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include "zeph_c_randtest.h"
@@ -164,15 +165,30 @@ class Pow2Fft {
       j |= bit;
       if (i < j) std::swap(a[i], a[j]);
     }
-    for (size_t h = 1; h < m_; h <<= 1) {
-      const Cx *w = roots_.data() + h - 1;
-      for (size_t s = 0; s < m_; s += 2 * h) {
-        Cx *x = a + s, *y = a + s + h;
+    // Two levels per pass (h and 2h), a last single level when their
+    // number is odd: half the passes over an array that outgrows the caches.
+    size_t h = 1;
+    for (; 4 * h <= m_; h *= 4) {
+      const Cx *w1 = roots_.data() + h - 1, *w2 = roots_.data() + 2 * h - 1;
+      for (size_t s = 0; s < m_; s += 4 * h) {
+        Cx *x0 = a + s, *x1 = x0 + h, *x2 = x1 + h, *x3 = x2 + h;
         for (size_t k = 0; k < h; ++k) {
-          const Cx u = x[k], v = Mul(y[k], w[k]);
-          x[k] = Add(u, v);
-          y[k] = Sub(u, v);
+          const Cx t1 = Mul(x1[k], w1[k]), t3 = Mul(x3[k], w1[k]);
+          const Cx b0 = Add(x0[k], t1), b1 = Sub(x0[k], t1), b2 = Add(x2[k], t3), b3 = Sub(x2[k], t3);
+          const Cx u2 = Mul(b2, w2[k]), u3 = MinusI(Mul(b3, w2[k]));  // exp(-pi i (k + h) / 2h) = -i w2
+          x0[k] = Add(b0, u2);
+          x2[k] = Sub(b0, u2);
+          x1[k] = Add(b1, u3);
+          x3[k] = Sub(b1, u3);
         }
+      }
+    }
+    if (h < m_) {
+      const Cx *w = roots_.data() + h - 1;
+      for (size_t k = 0; k < h; ++k) {
+        const Cx u = a[k], v = Mul(a[k + h], w[k]);
+        a[k] = Add(u, v);
+        a[k + h] = Sub(u, v);
       }
     }
   }
@@ -377,6 +393,25 @@ void FftForward(size_t n, std::span<const size_t> factors, const double *wa, dou
   if (src != r) std::copy(src, src + n, r);
 }
 
+void RealFft::Unmap::operator()(double *p) const {
+  if (p == nullptr) return;
+  if (bytes == 0) {
+    delete[] p;
+  } else {
+    munmap(p, bytes);
+  }
+}
+
+RealFft::Array RealFft::Map(size_t n) {
+  constexpr size_t kHuge = size_t{2} << 20;
+  if (n * sizeof(double) < 2 * kHuge) return Array(new double[n], Unmap{0});
+  const size_t bytes = (n * sizeof(double) + kHuge - 1) / kHuge * kHuge;
+  void *p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (p == MAP_FAILED) throw std::bad_alloc();
+  madvise(p, bytes, MADV_HUGEPAGE);
+  return Array(static_cast<double *>(p), Unmap{bytes});
+}
+
 void RealFft::Prepare(size_t n) {
   if (n == n_) return;
   n_ = 0;
@@ -386,10 +421,16 @@ void RealFft::Prepare(size_t n) {
   // Three arrays of n doubles; refusing here beats the kernel's OOM killer.
   if (3.0 * sizeof(double) * static_cast<double>(n) > physical) throw std::bad_alloc();
   factors_ = FftFactors(n);
-  r_.resize(n);
-  ch_.resize(n);
-  wa_.assign(n, 0.0);
-  FftTwiddles(n, factors_, wa_.data());
+  // A large prime first runs last, on ido = n / p: about n / 2p chirp
+  // transforms instead of the n / p it needs as FFTPACK's last factor.
+  std::stable_partition(factors_.begin(), factors_.end(), [](size_t p) { return p > kDirectDftLimit; });
+  r_.reset();
+  ch_.reset();
+  wa_.reset();
+  r_ = Map(n);
+  ch_ = Map(n);
+  wa_ = Map(n);
+  FftTwiddles(n, factors_, wa_.get());
   n_ = n;
 }
 

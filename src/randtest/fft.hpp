@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -32,13 +33,22 @@ class RealFft {
   // Sizes the arrays for n points (throws std::bad_alloc, also when three
   // arrays of n doubles would not fit in physical memory).
   void Prepare(size_t n);
-  double *data() { return r_.data(); }
-  void Transform() { FftForward(n_, factors_, wa_.data(), r_.data(), ch_.data()); }
+  double *data() { return r_.get(); }
+  void Transform() { FftForward(n_, factors_, wa_.get(), r_.get(), ch_.get()); }
 
  private:
   size_t n_ = 0;
   std::vector<size_t> factors_;
-  std::vector<double> wa_, r_, ch_;
+  // Mapped afresh per length and left as the kernel gives them (every use
+  // writes before it reads); large ones ask for huge pages, so a one-off
+  // transform does not spend as long in page faults as in arithmetic.
+  struct Unmap {
+    size_t bytes;  // 0: from new[]
+    void operator()(double *p) const;
+  };
+  using Array = std::unique_ptr<double[], Unmap>;
+  static Array Map(size_t n);
+  Array wa_{nullptr, Unmap{0}}, r_{nullptr, Unmap{0}}, ch_{nullptr, Unmap{0}};
 };
 
 }  // namespace zeph::randtest

@@ -40,6 +40,8 @@ Cx Turn(double fraction) {  // exp(2 pi i fraction)
   return {std::cos(a), std::sin(a)};
 }
 
+}  // namespace
+
 // exp(2 pi i t / n) for t < n from two tables of about sqrt(n) entries:
 // one complex product per value, within a few ulps.
 class Roots {
@@ -71,6 +73,8 @@ class Roots {
   size_t n_, step_;
   std::vector<Cx> lo_, hi_;
 };
+
+namespace {
 
 // ---- Small DFTs: Z(r) = sum_j T(j) exp(-2 pi i j r / p) ------------------------
 
@@ -258,14 +262,48 @@ inline void Put(double *h, size_t n, size_t q, Cx z) {
   }
 }
 
+// A stage's twiddles exp(2 pi i j q / (ip ido)), j = 1 .. ip-1, for
+// q = 1, 2, ... in turn: from FFTPACK's table...
+class TableTwiddles {
+ public:
+  TableTwiddles(const double *tw, size_t ido) : tw_(tw), ido_(ido) {}
+  void Begin() { at_ = 0; }
+  void Next(size_t ip, Cx *w) {
+    for (size_t j = 1; j < ip; ++j) w[j] = {tw_[(j - 1) * ido_ + at_], tw_[(j - 1) * ido_ + at_ + 1]};
+    at_ += 2;
+  }
+
+ private:
+  const double *tw_;
+  size_t ido_, at_ = 0;
+};
+
+// ...or, for the first factor's stage (l1 = 1, the largest table),
+// exp(2 pi i q / n) from the roots and its powers, so that table need not
+// be stored.
+class RootTwiddles {
+ public:
+  explicit RootTwiddles(const Roots &roots) : roots_(roots), walk_(roots.Start(1)) {}
+  void Begin() { walk_ = roots_.Start(1); }
+  void Next(size_t ip, Cx *w) {
+    w[1] = roots_(walk_);
+    for (size_t j = 2; j < ip; ++j) w[j] = Mul(w[j - 1], w[1]);
+    walk_.Next();
+  }
+
+ private:
+  const Roots &roots_;
+  Roots::Walk walk_;
+};
+
 // One stage: cc holds l1 * ip halfcomplex columns of length ido (column
 // k + l1 j at ido (k + l1 j)); ch receives l1 columns of length ip * ido.
-template <class Dft>
-void Stage(const Dft &dft, size_t ido, size_t l1, const double *cc, double *ch, const double *tw) {
+template <class Dft, class Twiddles>
+void Stage(const Dft &dft, size_t ido, size_t l1, const double *cc, double *ch, Twiddles tws) {
   const size_t ip = dft.size();
   const size_t n = ip * ido, col = ido * l1;
-  std::vector<Cx> buf(2 * ip + ip);
-  Cx *t = buf.data(), *z = t + ip, *half = z + ip;
+  std::vector<Cx> buf(4 * ip);
+  Cx *t = buf.data(), *z = t + ip, *half = z + ip, *w = half + ip;
   for (size_t j = 0; j < ip; ++j) half[j] = Turn(-0.5 * static_cast<double>(j) / static_cast<double>(ip));
   for (size_t k = 0; k < l1; ++k) {
     const double *in = cc + ido * k;
@@ -273,12 +311,13 @@ void Stage(const Dft &dft, size_t ido, size_t l1, const double *cc, double *ch, 
     for (size_t j = 0; j < ip; ++j) t[j] = {in[col * j], 0.0};
     dft(t, z);
     for (size_t r = 0; r < ip; ++r) Put(out, n, r * ido, z[r]);
+    tws.Begin();
     for (size_t q = 1; 2 * q < ido; ++q) {
+      tws.Next(ip, w);
       t[0] = {in[2 * q - 1], in[2 * q]};
       for (size_t j = 1; j < ip; ++j) {
         const double a = in[col * j + 2 * q - 1], b = in[col * j + 2 * q];
-        const double c = tw[(j - 1) * ido + 2 * q - 2], s = tw[(j - 1) * ido + 2 * q - 1];
-        t[j] = {a * c + b * s, b * c - a * s};
+        t[j] = {a * w[j].re + b * w[j].im, b * w[j].re - a * w[j].im};
       }
       dft(t, z);
       // 0 < q + r ido < n / 2 exactly for r <= (ip - 1) / 2.
@@ -301,6 +340,56 @@ void Stage(const Dft &dft, size_t ido, size_t l1, const double *cc, double *ch, 
       for (size_t r = 0; r < ip; ++r) Put(out, n, ido / 2 + r * ido, z[r]);
     }
   }
+}
+
+template <class Twiddles>
+void AnyStage(size_t ip, size_t ido, size_t l1, const double *cc, double *ch, Twiddles tws) {
+  switch (ip) {
+    case 2:
+      return Stage(Dft2{}, ido, l1, cc, ch, tws);
+    case 3:
+      return Stage(Dft3{}, ido, l1, cc, ch, tws);
+    case 4:
+      return Stage(Dft4{}, ido, l1, cc, ch, tws);
+    case 5:
+      return Stage(Dft5{}, ido, l1, cc, ch, tws);
+    default:
+      if (ip <= kDirectDftLimit) return Stage(DirectDft(ip), ido, l1, cc, ch, tws);
+      return Stage(BluesteinDft(ip), ido, l1, cc, ch, tws);
+  }
+}
+
+// The FFTPACK layout of one stage's twiddles.
+void StageTwiddles(const Roots &w, size_t n, size_t l1, size_t ip, double *out) {
+  const size_t ido = n / (l1 * ip);
+  for (size_t j = 1; j < ip; ++j) {
+    double *block = out + (j - 1) * ido;
+    Roots::Walk walk = w.Start(j * l1);
+    for (size_t q = 1; 2 * q < ido; ++q, walk.Next()) {
+      const Cx c = w(walk);
+      block[2 * q - 2] = c.re;
+      block[2 * q - 1] = c.im;
+    }
+  }
+}
+
+// Runs the stages from the last factor to the first; tables[k] is factor
+// k's twiddle table, or null for the first factor to take them from roots.
+void Forward(size_t n, std::span<const size_t> factors, const double *const *tables, const Roots *roots, double *r,
+             double *ch) {
+  std::vector<size_t> before(factors.size());
+  for (size_t k = 0, l1 = 1; k < factors.size(); l1 *= factors[k], ++k) before[k] = l1;
+  double *src = r, *dst = ch;
+  for (size_t k = factors.size(); k-- > 0;) {
+    const size_t ip = factors[k], l1 = before[k], ido = n / (l1 * ip);
+    if (tables[k] != nullptr) {
+      AnyStage(ip, ido, l1, src, dst, TableTwiddles(tables[k], ido));
+    } else {
+      AnyStage(ip, ido, l1, src, dst, RootTwiddles(*roots));
+    }
+    std::swap(src, dst);
+  }
+  if (src != r) std::copy(src, src + n, r);
 }
 
 }  // namespace
@@ -339,58 +428,21 @@ void FftTwiddles(size_t n, std::span<const size_t> factors, double *wa) {
   const Roots w(n);
   size_t l1 = 1, off = 0;
   for (const size_t ip : factors) {
-    const size_t ido = n / (l1 * ip);
-    for (size_t j = 1; j < ip; ++j) {
-      double *block = wa + off + (j - 1) * ido;
-      Roots::Walk walk = w.Start(j * l1);
-      for (size_t q = 1; 2 * q < ido; ++q, walk.Next()) {
-        const Cx c = w(walk);
-        block[2 * q - 2] = c.re;
-        block[2 * q - 1] = c.im;
-      }
-    }
-    off += (ip - 1) * ido;
+    StageTwiddles(w, n, l1, ip, wa + off);
+    off += (ip - 1) * (n / (l1 * ip));
     l1 *= ip;
   }
 }
 
 void FftForward(size_t n, std::span<const size_t> factors, const double *wa, double *r, double *ch) {
   if (n < 2) return;
-  // Twiddle offsets and l1 per factor, in first-to-last order.
-  std::vector<size_t> off(factors.size()), before(factors.size());
-  for (size_t k = 0, o = 0, l1 = 1; k < factors.size(); ++k) {
-    off[k] = o;
-    before[k] = l1;
-    o += (factors[k] - 1) * (n / (l1 * factors[k]));
+  std::vector<const double *> tables(factors.size());
+  for (size_t k = 0, off = 0, l1 = 1; k < factors.size(); ++k) {
+    tables[k] = wa + off;
+    off += (factors[k] - 1) * (n / (l1 * factors[k]));
     l1 *= factors[k];
   }
-  double *src = r, *dst = ch;
-  for (size_t k = factors.size(); k-- > 0;) {
-    const size_t ip = factors[k], l1 = before[k], ido = n / (l1 * ip);
-    const double *tw = wa + off[k];
-    switch (ip) {
-      case 2:
-        Stage(Dft2{}, ido, l1, src, dst, tw);
-        break;
-      case 3:
-        Stage(Dft3{}, ido, l1, src, dst, tw);
-        break;
-      case 4:
-        Stage(Dft4{}, ido, l1, src, dst, tw);
-        break;
-      case 5:
-        Stage(Dft5{}, ido, l1, src, dst, tw);
-        break;
-      default:
-        if (ip <= kDirectDftLimit) {
-          Stage(DirectDft(ip), ido, l1, src, dst, tw);
-        } else {
-          Stage(BluesteinDft(ip), ido, l1, src, dst, tw);
-        }
-    }
-    std::swap(src, dst);
-  }
-  if (src != r) std::copy(src, src + n, r);
+  Forward(n, factors, tables.data(), nullptr, r, ch);
 }
 
 void RealFft::Unmap::operator()(double *p) const {
@@ -412,26 +464,44 @@ RealFft::Array RealFft::Map(size_t n) {
   return Array(static_cast<double *>(p), Unmap{bytes});
 }
 
+RealFft::RealFft() = default;
+RealFft::~RealFft() = default;
+
 void RealFft::Prepare(size_t n) {
   if (n == n_) return;
   n_ = 0;
   const long pages = sysconf(_SC_PHYS_PAGES), page = sysconf(_SC_PAGE_SIZE);
   const double physical = pages > 0 && page > 0 ? static_cast<double>(pages) * static_cast<double>(page)
                                                 : std::numeric_limits<double>::infinity();
-  // Three arrays of n doubles; refusing here beats the kernel's OOM killer.
-  if (3.0 * sizeof(double) * static_cast<double>(n) > physical) throw std::bad_alloc();
+  // Two arrays of n doubles; refusing here beats the kernel's OOM killer.
+  if (2.5 * sizeof(double) * static_cast<double>(n) > physical) throw std::bad_alloc();
   factors_ = FftFactors(n);
   // A large prime first runs last, on ido = n / p: about n / 2p chirp
   // transforms instead of the n / p it needs as FFTPACK's last factor.
   std::stable_partition(factors_.begin(), factors_.end(), [](size_t p) { return p > kDirectDftLimit; });
   r_.reset();
   ch_.reset();
-  wa_.reset();
   r_ = Map(n);
   ch_ = Map(n);
-  wa_ = Map(n);
-  FftTwiddles(n, factors_, wa_.get());
+  roots_ = std::make_unique<Roots>(n < 2 ? 2 : n);
+  // Tables for every stage but the first factor's (three quarters of all
+  // twiddles), which takes them from the roots.
+  size_t size = 0;
+  for (size_t k = 1, l1 = factors_.empty() ? 1 : factors_[0]; k < factors_.size(); l1 *= factors_[k], ++k) {
+    size += (factors_[k] - 1) * (n / (l1 * factors_[k]));
+  }
+  twiddles_.assign(size, 0.0);
+  tables_.assign(factors_.size(), nullptr);
+  for (size_t k = 1, l1 = factors_.empty() ? 1 : factors_[0], off = 0; k < factors_.size(); l1 *= factors_[k], ++k) {
+    tables_[k] = twiddles_.data() + off;
+    StageTwiddles(*roots_, n, l1, factors_[k], twiddles_.data() + off);
+    off += (factors_[k] - 1) * (n / (l1 * factors_[k]));
+  }
   n_ = n;
+}
+
+void RealFft::Transform() {
+  if (n_ >= 2) Forward(n_, factors_, tables_.data(), roots_.get(), r_.get(), ch_.get());
 }
 
 }  // namespace zeph::randtest

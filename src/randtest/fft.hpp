@@ -27,18 +27,31 @@ void FftTwiddles(size_t n, std::span<const size_t> factors, double *wa);
 // when a stage of a prime factor above 5 cannot get its small tables.
 void FftForward(size_t n, std::span<const size_t> factors, const double *wa, double *r, double *ch);
 
-// One length's plan and arrays, kept for the next transform of that length.
+class Roots;
+
+// One length's plan and arrays, kept for the next transform of that length:
+// the values and a work array of n doubles each, and the twiddles of every
+// stage but the largest (about n / 4 doubles), whose twiddles come from two
+// small root tables instead.
 class RealFft {
  public:
-  // Sizes the arrays for n points (throws std::bad_alloc, also when three
-  // arrays of n doubles would not fit in physical memory).
+  RealFft();
+  ~RealFft();
+  RealFft(const RealFft &) = delete;
+  RealFft &operator=(const RealFft &) = delete;
+
+  // Sizes the arrays for n points (throws std::bad_alloc, also when they
+  // would not fit in physical memory).
   void Prepare(size_t n);
   double *data() { return r_.get(); }
-  void Transform() { FftForward(n_, factors_, wa_.get(), r_.get(), ch_.get()); }
+  void Transform();
 
  private:
   size_t n_ = 0;
   std::vector<size_t> factors_;
+  std::unique_ptr<Roots> roots_;
+  std::vector<double> twiddles_;
+  std::vector<const double *> tables_;
   // Mapped afresh per length and left as the kernel gives them (every use
   // writes before it reads); large ones ask for huge pages, so a one-off
   // transform does not spend as long in page faults as in arithmetic.
@@ -48,7 +61,7 @@ class RealFft {
   };
   using Array = std::unique_ptr<double[], Unmap>;
   static Array Map(size_t n);
-  Array wa_{nullptr, Unmap{0}}, r_{nullptr, Unmap{0}}, ch_{nullptr, Unmap{0}};
+  Array r_{nullptr, Unmap{0}}, ch_{nullptr, Unmap{0}};
 };
 
 }  // namespace zeph::randtest

@@ -92,6 +92,9 @@ std::string Format(const char *fmt, double v) {
   return buf;
 }
 
+// Six decimals, or three significant digits for the very small ones.
+std::string PValue(double p) { return Format(p > 0 && p < 1e-4 ? "%.3e" : "%.6f", p); }
+
 const char *Verdict(uint32_t status) {
   return status == 0 ? "PASS" : status == ZEPH_RANDTEST_ERR_TOO_SHORT ? "SHORT" : "FAIL";
 }
@@ -126,7 +129,7 @@ void PrintTable(const cJSON *report, const std::vector<Row> &rows) {
   const double s = Num(report, "sequences");
   for (const Row &r : rows) {
     std::string p, passed;
-    for (double v : r.p) p.append(p.empty() ? "" : " ").append(Format("%.6f", v));
+    for (double v : r.p) p.append(p.empty() ? "" : " ").append(PValue(v));
     for (double v : r.passed)
       passed.append(passed.empty() ? "" : " ").append(Format("%.0f/", v)).append(Format("%.0f", s));
     if (sequences) {
@@ -205,7 +208,7 @@ std::string PlotSequences(const cJSON *report, const std::vector<Row> &rows) {
   std::vector<Panel> panels;
   for (const Row &r : rows)
     for (size_t k = 0; k < r.histogram.size(); ++k) panels.push_back({&r, k});
-  const int cols = 5, pw = 210, ph = 150, top = 50;
+  const int cols = 5, pw = 210, ph = 156, top = 50;
   const int rows_n = (static_cast<int>(panels.size()) + cols - 1) / cols;
   const double s = Num(report, "sequences"), bound = Num(report, "proportion_bound");
   std::string svg =
@@ -234,15 +237,18 @@ std::string PlotSequences(const cJSON *report, const std::vector<Row> &rows) {
              Format("%.1f", b / 10.0) + ", " + Format("%.1f", (b + 1) / 10.0) +
              "): " + Format("%.0f", r.histogram[k][b]) + "</title></rect>\n";
     }
+    svg += "<text x=\"" + std::to_string(x0) + "\" y=\"" + std::to_string(base + 10) +
+           "\" font-size=\"8\" fill=\"#777\">P = 0</text><text x=\"" + std::to_string(x0 + 178) + "\" y=\"" +
+           std::to_string(base + 10) + "\" font-size=\"8\" fill=\"#777\" text-anchor=\"end\">1</text>\n";
     // s/10 sequences per bin is what uniform P-values give.
     const int expected = base - static_cast<int>(s / 10 / most * bar_h);
     svg += "<line x1=\"" + std::to_string(x0) + "\" x2=\"" + std::to_string(x0 + 178) + "\" y1=\"" +
            std::to_string(expected) + "\" y2=\"" + std::to_string(expected) +
            "\" stroke=\"#455a64\" stroke-dasharray=\"3 3\"/>\n";
     const double proportion = k < r.passed.size() && s > 0 ? r.passed[k] / s : 0;
-    svg += "<text x=\"" + std::to_string(x0) + "\" y=\"" + std::to_string(base + 16) + "\" fill=\"" +
+    svg += "<text x=\"" + std::to_string(x0) + "\" y=\"" + std::to_string(base + 22) + "\" fill=\"" +
            (proportion >= bound ? kPass : kFail) + "\">passed " + Format("%.4f", proportion) + "</text>\n";
-    svg += "<text x=\"" + std::to_string(x0) + "\" y=\"" + std::to_string(base + 30) + "\">uniformity " +
+    svg += "<text x=\"" + std::to_string(x0) + "\" y=\"" + std::to_string(base + 36) + "\">uniformity " +
            Format("%.4g", k < r.p.size() ? r.p[k] : NAN) + "</text>\n";
   }
   return svg + "</svg>\n";

@@ -7,6 +7,8 @@
 #include "zeph_c_device.h"
 #include "zeph_c_gm.h"
 #include "zeph_c_randtest.h"
+#include "zeph_c_sdbi.h"
+#include "zeph_c_sm2.h"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 

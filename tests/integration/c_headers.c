@@ -8,6 +8,8 @@
 #include "zeph_c_export.h"
 #include "zeph_c_gm.h"
 #include "zeph_c_randtest.h"
+#include "zeph_c_sdbi.h"
+#include "zeph_c_sm2.h"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 #include "zeph_skf.h"

@@ -148,7 +148,7 @@ TEST(Fft, EveryLengthAgainstTheDefinition) {
 
 TEST(Fft, FftpackFactorsAndPlanChecks) {
   int ifac[15] = {};
-  std::vector<double> wsave(2 * 1200);
+  std::vector<double> wsave(2 * 2 * 4 * 7 * 1009);
   __ogg_fdrffti(1200, wsave.data(), ifac);  // 4s, then 3, then 5s
   EXPECT_EQ(ifac[0], 1200);
   EXPECT_EQ(std::vector<int>(ifac + 1, ifac + 2 + ifac[1]), (std::vector<int>{5, 4, 4, 3, 5, 5}));

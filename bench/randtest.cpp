@@ -91,33 +91,12 @@ void ComplexityFast(benchmark::State &state) {
   }
 }
 
-// The textbook algorithm, one byte per bit, as the tests' model.
-int BerlekampMassey(const uint8_t *s, int n) {
-  std::vector<uint8_t> c(n + 1), b(n + 1), t;
-  c[0] = b[0] = 1;
-  int L = 0, m = -1;
-  for (int N = 0; N < n; ++N) {
-    uint8_t d = s[N];
-    for (int i = 1; i <= L; ++i) d ^= c[i] & s[N - i];
-    if (d) {
-      t = c;
-      for (int j = 0; j + N - m <= n; ++j) c[N - m + j] ^= b[j];
-      if (L <= N / 2) {
-        L = N + 1 - L;
-        m = N;
-        b = t;
-      }
-    }
-  }
-  return L;
-}
-
 void ComplexityBytePerBit(benchmark::State &state) {
   std::vector<uint8_t> bits(kBlock * kBlocks);
   for (size_t i = 0; i < bits.size(); ++i) bits[i] = Bits().Bit(i);
   for (auto _ : state) {
     int sum = 0;
-    for (unsigned b = 0; b < kBlocks; ++b) sum += BerlekampMassey(&bits[size_t{b} * kBlock], kBlock);
+    for (unsigned b = 0; b < kBlocks; ++b) sum += TextbookLinearComplexity(&bits[size_t{b} * kBlock], kBlock);
     benchmark::DoNotOptimize(sum);
   }
 }

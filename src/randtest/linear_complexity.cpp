@@ -74,6 +74,26 @@ void BlockComplexities(const Sequence &b, unsigned M, uint64_t first_block, unsi
   for (unsigned lane = 0; lane < count; ++lane) out[lane] = length[63 - lane];
 }
 
+int TextbookLinearComplexity(const uint8_t *s, int n) {
+  std::vector<uint8_t> c(n + 1), b(n + 1), t;
+  c[0] = b[0] = 1;
+  int L = 0, m = -1;
+  for (int N = 0; N < n; ++N) {
+    uint8_t d = s[N];
+    for (int i = 1; i <= L; ++i) d ^= c[i] & s[N - i];
+    if (d) {
+      t = c;
+      for (int j = 0; j + N - m <= n; ++j) c[N - m + j] ^= b[j];
+      if (L <= N / 2) {
+        L = N + 1 - L;
+        m = N;
+        b = t;
+      }
+    }
+  }
+  return L;
+}
+
 Outcome LinearComplexityStat(const Sequence &b, unsigned M, Workspace &ws) {
   const uint64_t blocks = b.size() / M;
   // The reference code's mean and sign.

@@ -177,6 +177,9 @@ double Psi2(const std::vector<uint64_t> &counts, unsigned m, uint64_t n);
 // block first_block on.
 void BlockComplexities(const Sequence &b, unsigned M, uint64_t first_block, unsigned count, Workspace &ws,
                        uint16_t *out);
+// Berlekamp-Massey as the textbooks write it, one byte per bit: the model
+// the packed version is checked and timed against.
+int TextbookLinearComplexity(const uint8_t *bits, int n);
 // GF(2) rank of 32 rows of 32 bits.
 int Rank32(uint32_t rows[32]);
 

@@ -33,26 +33,6 @@ Outcome P(double p0) { return Outcome{0, 1, {p0, 0}}; }
 
 // ---- Textbook models -----------------------------------------------------------
 
-int BerlekampMassey(const uint8_t *s, int n) {
-  Bits c(n + 1), b(n + 1), t;
-  c[0] = b[0] = 1;
-  int L = 0, m = -1;
-  for (int N = 0; N < n; ++N) {
-    uint8_t d = s[N];
-    for (int i = 1; i <= L; ++i) d ^= c[i] & s[N - i];
-    if (d) {
-      t = c;
-      for (int j = 0; j + N - m <= n; ++j) c[N - m + j] ^= b[j];
-      if (L <= N / 2) {
-        L = N + 1 - L;
-        m = N;
-        b = t;
-      }
-    }
-  }
-  return L;
-}
-
 std::vector<uint64_t> CyclicCountsSlow(const Bits &b, unsigned m) {
   std::vector<uint64_t> c(size_t{1} << m);
   for (size_t i = 0; i < b.size(); ++i) {
@@ -210,7 +190,8 @@ TEST(FastPaths, LinearComplexityAgainstTextbookBerlekampMassey) {
       const unsigned count = std::min(64u, blocks - g);
       BlockComplexities(s, M, g, count, ws, got.data());
       for (unsigned i = 0; i < count; ++i)
-        ASSERT_EQ(got[i], BerlekampMassey(&b[size_t(g + i) * M], int(M))) << "M = " << M << ", block " << g + i;
+        ASSERT_EQ(got[i], TextbookLinearComplexity(&b[size_t(g + i) * M], int(M)))
+            << "M = " << M << ", block " << g + i;
     }
   }
 }

@@ -20,13 +20,38 @@ constexpr double kClassPi[7] = {0.01047, 0.03125, 0.12500, 0.50000, 0.25000, 0.0
 // For the positions still to come, one word per position (bit = block):
 // E += F where D is set; F becomes E where R is set. f is indexed from the
 // first position of e.
-__attribute__((target_clones("avx2", "default"))) void Sweep(uint64_t *__restrict e, uint64_t *__restrict f,
-                                                             size_t count, uint64_t d, uint64_t r) {
+inline __attribute__((always_inline)) void SweepBody(uint64_t *__restrict e, uint64_t *__restrict f, size_t count,
+                                                     uint64_t d, uint64_t r) {
   for (size_t i = 0; i < count; ++i) {
     const uint64_t ev = e[i], fv = f[i];
     e[i] = ev ^ (d & fv);
     f[i] = fv ^ (r & (ev ^ fv));
   }
+}
+
+using SweepFn = void (*)(uint64_t *, uint64_t *, size_t, uint64_t, uint64_t);
+
+void SweepPortable(uint64_t *e, uint64_t *f, size_t count, uint64_t d, uint64_t r) { SweepBody(e, f, count, d, r); }
+
+// A second build of the loop, four words at a time, for CPUs with AVX2.
+// Chosen once, on first use (an ifunc resolver would run before sanitizer
+// runtimes are up).
+#if defined(__x86_64__) && defined(__GNUC__)
+__attribute__((target("avx2"))) void SweepAvx2(uint64_t *e, uint64_t *f, size_t count, uint64_t d, uint64_t r) {
+  SweepBody(e, f, count, d, r);
+}
+
+SweepFn PickSweep() {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2") ? SweepAvx2 : SweepPortable;
+}
+#else
+SweepFn PickSweep() { return SweepPortable; }
+#endif
+
+void Sweep(uint64_t *e, uint64_t *f, size_t count, uint64_t d, uint64_t r) {
+  static const SweepFn sweep = PickSweep();
+  sweep(e, f, count, d, r);
 }
 
 // 64 x 64 bit transpose: bit 63 - c of row r trades places with bit 63 - r

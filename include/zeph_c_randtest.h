@@ -113,8 +113,8 @@ ZEPH_API uint32_t LinearComplexity(uint32_t M, uint64_t n);
 ZEPH_API uint32_t Universal(uint64_t n);
 ZEPH_API uint32_t DiscreteFourierTransform(uint64_t n);
 /* The serial statistic psi^2_m over the n cyclic m-bit windows of
- * BIVO_epsilon; 0 for m of 0 or -1 (and for m outside -1..20, n 0 or a null
- * array). */
+ * BIVO_epsilon; 0 for m of 0 or -1, for m outside -1..20, n 0 or a null
+ * array; NaN when memory is short. */
 ZEPH_API double psi2(int m, uint64_t n);
 /* base^exponent modulo 2^64 (2^m pattern counts for the poker test). */
 ZEPH_API uint64_t ComputePower(uint64_t base, uint32_t exponent);

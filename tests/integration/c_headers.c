@@ -7,8 +7,11 @@
 #include "zeph_c_ci.h"
 #include "zeph_c_export.h"
 #include "zeph_c_gm.h"
+#include "zeph_c_p7.h"
+#include "zeph_c_pki.h"
 #include "zeph_c_randtest.h"
 #include "zeph_c_sdbi.h"
+#include "zeph_c_seal.h"
 #include "zeph_c_sm2.h"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
@@ -54,6 +57,37 @@ int zeph_c_header_check(void) {
     if (ZEPH_C_SetConfig(NULL) != 0xFFFFFFFFu) return 13;
   }
 
+  /* PKI services and the SM2 message types through their C view. */
+  {
+    char reply[8];
+    uint32_t len = 0;
+    SM2_Sign *msg = SM2_Sign_new();
+    unsigned char *der = NULL;
+    ASN1_INTEGER *nonce = create_nonce(64);
+    if (strncmp(HttpsPostHeadersForTimeStamp, "User-Agent: ", 12) != 0) return 14;
+    if (ZEPH_C_HttpPost("127.0.0.1", 1, "/", "", 0, reply, &len) != 0xFFFFFFFFu) return 15;
+    if (ZEPH_C_HttpSetTimeouts(0, 0) != 0 || ZEPH_C_HttpsSetCAFile(NULL) != 0) return 16;
+    if (msg == NULL || SM2_Sign_it() == NULL) return 17;
+    msg->ID = OBJ_txt2obj(ZEPH_OID_SM2_SIGNED_DATA, 1);
+    if (i2d_SM2_Sign(msg, &der) != 14 || der[0] != 0x30) return 18;
+    OPENSSL_free(der);
+    SM2_Sign_free(msg);
+    if (nonce == NULL || ASN1_STRING_length(nonce) > 8) return 19;
+    ASN1_INTEGER_free(nonce);
+  }
+
+  /* The seal structures and detection through the C view. */
+  {
+    SESeal *seal = SESeal_new();
+    VORLI_ExtData_structure *ext = VORLI_ExtData_structure_new();
+    int32_t type = 0;
+    const int built = seal != NULL && seal->SES_SealInfo != NULL && ext != NULL && ext->_critical == -1;
+    SESeal_free(seal);
+    VORLI_ExtData_structure_free(ext);
+    if (!built) return 20;
+    if (ZEPH_C_CheckSealType(NULL, 5, &type) != 0 || type != ZEPH_SEAL_TYPE_PICTURE) return 21;
+  }
+
   /* The randomness tests: a runner, the bit array, a context and its report. */
   {
     unsigned char zeros[32];
@@ -62,13 +96,13 @@ int zeph_c_header_check(void) {
     uint64_t len = sizeof report;
     ZEPH_RANDTEST_CTX *ctx = ZEPH_C_RandTest_New();
     memset(zeros, 0, sizeof zeros);
-    if (QuickRandomnessTest(zeros, sizeof zeros) != ZEPH_RANDTEST_FAIL_FREQUENCY) return 14;
-    if (ReadBitsFromInput(alternating, 2) != 0 || BIVO_epsilon[0] != 1 || BIVO_epsilon[8] != 0) return 15;
-    if (Frequency(16) != 0 || FrequencyTest(alternating, 2) != 0 || BIVO_epsilon != NULL) return 16;
-    if (ctx == NULL || ZEPH_C_RandTest_Run(ctx, 0, zeros, sizeof zeros) != 33) return 17;
-    if (ZEPH_C_RandTest_Report(ctx, report, &len) != 0 || strncmp(report, "{\"suite\":\"quick\"", 16) != 0) return 18;
+    if (QuickRandomnessTest(zeros, sizeof zeros) != ZEPH_RANDTEST_FAIL_FREQUENCY) return 22;
+    if (ReadBitsFromInput(alternating, 2) != 0 || BIVO_epsilon[0] != 1 || BIVO_epsilon[8] != 0) return 23;
+    if (Frequency(16) != 0 || FrequencyTest(alternating, 2) != 0 || BIVO_epsilon != NULL) return 24;
+    if (ctx == NULL || ZEPH_C_RandTest_Run(ctx, 0, zeros, sizeof zeros) != 33) return 25;
+    if (ZEPH_C_RandTest_Report(ctx, report, &len) != 0 || strncmp(report, "{\"suite\":\"quick\"", 16) != 0) return 26;
     ZEPH_C_RandTest_Free(ctx);
-    if (cephes_igamc(1.0, 0.0) != 1.0 || ComputePower(2, 10) != 1024u) return 19;
+    if (cephes_igamc(1.0, 0.0) != 1.0 || ComputePower(2, 10) != 1024u) return 27;
   }
   return 0;
 }

@@ -105,6 +105,33 @@ TEST_F(ZephTool, RandtestTableJsonPlotAndExitCodes) {
 
 }  // namespace
 
+TEST_F(ZephTool, SealInfoPictureAndVerify) {
+  const std::string seals = std::string(" '") + ZEPH_SOURCE_DIR + "/tests/data/seals/";
+  const ToolRun info = Zeph("seal info" + seals + "gb-v4-signature.dat'");
+  EXPECT_EQ(info.code, 0);
+  EXPECT_EQ(info.out.rfind("signature    GB, version 4\nsigned at    20201012111403Z\nproperty     /D", 0), 0u);
+  EXPECT_EQ(Zeph("seal info --json" + seals + "ses-v1-user.esl'").out.rfind(R"({"kind":"seal","family":"SES",)", 0),
+            0u);
+
+  const ToolRun picture = Zeph("seal picture" + seals + "gb-v4-seal-gif.der' --out " + Q("stamp"));
+  EXPECT_EQ(picture.out, dir_.file("stamp.gif") + " (GIF, 5911 bytes)\n");
+  const auto gif = zeph_test::ReadBytes(dir_.file("stamp.gif"));
+  EXPECT_TRUE(gif.size() == 5911 && std::string(gif.begin(), gif.begin() + 6) == "GIF89a");
+
+  const ToolRun valid = Zeph("seal verify" + seals + "v5-signature.dat'");
+  EXPECT_EQ(valid.code, 0);
+  EXPECT_NE(valid.out.find("document hash          not checked (no --doc)\n"), std::string::npos) << valid.out;
+  Put("doc", "not the signed document");
+  const ToolRun wrong_doc = Zeph("seal verify" + seals + "v5-signature.dat' --doc " + Q("doc"));
+  EXPECT_EQ(wrong_doc.code, 1);
+  EXPECT_NE(wrong_doc.out.find("document hash          FAILED\n"), std::string::npos) << wrong_doc.out;
+  const std::pair<std::string, int> codes[] = {{"seal verify" + seals + "v5-user.esl'", 1},
+                                               {"seal", 2},
+                                               {"seal frob" + seals + "v5-user.esl'", 2},
+                                               {"seal picture" + seals + "v5-user.esl'", 2}};
+  for (const auto &[args, code] : codes) EXPECT_EQ(Zeph(args).code, code) << args;
+}
+
 TEST_F(ZephTool, Sm2SdbiAndSelftestCommands) {
   const std::string key =
       "--pubkey 0409F9DF311E5421A150DD7D161E4BC5C672179FAD1833FC076BB08FF356F35020"

@@ -2,6 +2,7 @@
 BUILD        ?= build
 ASAN_BUILD   ?= build-asan
 FUZZ_BUILD   ?= build-fuzz
+TSAN_BUILD   ?= build-tsan
 FUZZ_SECONDS ?= 60
 FUZZ_SMOKE_SECONDS ?= 4
 JOBS         ?= $(shell nproc)
@@ -13,7 +14,7 @@ export FUZZ_JOBS ?= $(JOBS)
 export ASAN_OPTIONS  ?= detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1
 export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
 
-.PHONY: all deps build build-asan build-fuzz format-check test test-normal test-asan fuzz fuzz-smoke bench demo install clean
+.PHONY: all deps build build-asan build-fuzz format-check test test-normal test-asan fuzz fuzz-smoke bench demo install clean tsan
 
 all: build
 
@@ -59,6 +60,13 @@ test: deps
 fuzz: build-fuzz
 	bash scripts/fuzz.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
 
+# ThreadSanitizer over the code that promises threads: randomness contexts
+# and runners at once (a small build of its own, outside `make test`).
+tsan: deps
+	cmake -S . -B $(TSAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEPH_TSAN=ON -DZEPH_BENCH=OFF
+	cmake --build $(TSAN_BUILD) -j $(JOBS) --target test_randtest
+	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/test_randtest --gtest_filter='Threads.*:Numerics.LogGamma*'
+
 bench: build
 	bash scripts/bench.sh $(BUILD)
 
@@ -69,4 +77,4 @@ install: build
 	cmake --install $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(TSAN_BUILD)

@@ -9,6 +9,7 @@
 #include "zeph_c_gm.h"
 #include "zeph_c_p7.h"
 #include "zeph_c_pki.h"
+#include "zeph_c_randtest.h"
 #include "zeph_c_sdbi.h"
 #include "zeph_c_seal.h"
 #include "zeph_c_sm2.h"

@@ -145,30 +145,11 @@ uint32_t ReadSlot(GM_SKF_CTX *ctx, uint32_t slot, SlotSeal *out) {
   return ReadSlotText({reinterpret_cast<const char *>(text.data()), text.size()}, out);
 }
 
-// An API handle on a key, finalised and released on every path.
-class Key {
- public:
-  Key() = default;
-  Key(const Key &) = delete;
-  Key &operator=(const Key &) = delete;
-  ~Key() {
-    if (handle_ == nullptr) return;
-    ZEPH_C_Finalize(handle_);
-    ZEPH_C_MALLOC_FREE(handle_);
-  }
-  uint32_t Open(const char *key_sn) { return ZEPH_C_Initialize(&handle_, 0, key_sn, 0); }
-  void *get() const { return handle_; }
-  GM_SKF_CTX *ctx() const { return api::ContextOf(handle_); }
-
- private:
-  void *handle_ = nullptr;
-};
-
 // `read` runs on a session of the seal application of key_sn.
 template <class Read>
 uint32_t WithSealApp(const char *key_sn, Read &&read) {
-  Key key;
-  ZEPH_TRY(key.Open(key_sn));
+  api::OwnedHandle key;
+  ZEPH_TRY(key.Open(0, key_sn));
   ZEPH_ENSURE(key.ctx() != nullptr, ZEPH_ERR_MISSING_HANDLE);
   SessionGuard session{key.ctx()};
   ZEPH_TRY(GM_SKF_CTX_OpenSession(key.ctx(), kSealRow));
@@ -218,8 +199,8 @@ uint32_t SetSeal(const char *key_sn, const char *user_pin, uint32_t slot, const 
   ZEPH_ENSURE(slot <= ZEPH_SEAL_SLOT_LAST, ERR_INVALID_PARAMETER);
   Prepared seal;
   ZEPH_TRY(Prepare(data, &seal));
-  Key key;
-  ZEPH_TRY(key.Open(key_sn));
+  api::OwnedHandle key;
+  ZEPH_TRY(key.Open(0, key_sn));
   SecureBytes pin(ZEPH_SEAL_PIN_MAX + 1);
   uint32_t pin_len = 0;
   ZEPH_TRY(seal_pin(key.get(), key_sn, user_pin, reinterpret_cast<char *>(pin.data()), &pin_len));
@@ -263,8 +244,8 @@ uint32_t l_getSealInfo_NotFirst(const char *key_sn, uint32_t slot, int32_t *out_
 
 uint32_t StoreSealArea(const char *key_sn, const char *user_pin, uint32_t area, std::span<const uint8_t> data) {
   ZEPH_ENSURE(!data.empty() && data.size() <= UINT32_MAX, ERR_INVALID_PARAMETER);
-  Key key;
-  ZEPH_TRY(key.Open(key_sn));
+  api::OwnedHandle key;
+  ZEPH_TRY(key.Open(0, key_sn));
   SecureBytes pin(ZEPH_SEAL_PIN_MAX + 1);
   uint32_t pin_len = 0;
   ZEPH_TRY(ZEPH_C_GetSealSessionPin(key.get(), key_sn, user_pin, reinterpret_cast<char *>(pin.data()), &pin_len));

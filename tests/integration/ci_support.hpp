@@ -85,9 +85,9 @@ class SoftKeyCi : public zeph_it::SoftkeyTest {
     const std::string seals = std::string(ZEPH_SOURCE_DIR) + "/tests/data/seals/";
     vars_["gbSeal"] = Base64(zeph_test::ReadBytes(seals + "gb-v4-user.esl"));
     vars_["sesSeal"] = Base64(zeph_test::ReadBytes(seals + "ses-v1-user.esl"));
-    vars_["sealInfo"] = Base64(zeph_test::SealInfoRecord(4, 4000, 4000, "\xB5\xE7\xD7\xD3\xD3\xA1\xD5\xC2",
-                                                         {2024, 1, 1, 8, 0, 0}, {2024, 1, 1, 8, 0, 0},
-                                                         {2034, 1, 1, 8, 0, 0}));
+    vars_["sealInfo"] =
+        Base64(zeph_test::SealInfoRecord(4, 4000, 4000, "\xB5\xE7\xD7\xD3\xD3\xA1\xD5\xC2", {2024, 1, 1, 8, 0, 0},
+                                         {2024, 1, 1, 8, 0, 0}, {2034, 1, 1, 8, 0, 0}));
     vars_["sealPic"] = "iVBORw0KGgo=";
   }
 

@@ -9,8 +9,6 @@
 #include <set>
 #include <sstream>
 
-#include <sys/wait.h>
-
 #include "ci_support.hpp"
 #include "seal_record.hpp"
 
@@ -84,13 +82,13 @@ class SealStore : public zeph_it::SoftkeyTest {
     CreateDevice(serial);
     CreateApp(serial, "VorliEcc");
     GenKey(serial, "VorliEcc", "ECC", "sm2");
-    Tool("create-app --serial " + serial + " --app VorliStamp --admin-pin 12345678 --keysn-user-pin ZA_" + serial);
+    MustTool("create-app --serial " + serial + " --app VorliStamp --admin-pin 12345678 --keysn-user-pin ZA_" + serial);
   }
   // A stamp file read with the utility; nothing when it is missing.
   std::optional<Bytes> StampFile(const std::string &serial, const std::string &file) {
     const std::string out = scratch_.file("read-" + file);
     std::remove(out.c_str());
-    Tool("read-file --serial " + serial + " --app VorliStamp --file " + file + " --out '" + out + "'", false);
+    Tool("read-file --serial " + serial + " --app VorliStamp --file " + file + " --out '" + out + "'");
     if (!std::ifstream(out)) return std::nullopt;
     return zeph_test::ReadBytes(out);
   }
@@ -111,7 +109,7 @@ class SealStore : public zeph_it::SoftkeyTest {
 
 TEST_F(SealStore, EachSlotAndKindLeavesItsFilesAndReadsBack) {
   CreateSealKey("SEAL01");
-  Tool("write-file --serial SEAL01 --app VorliStamp --file CertChain --text old-chain");
+  MustTool("write-file --serial SEAL01 --app VorliStamp --file CertChain --text old-chain");
   const std::string parts = "<I>" + Base64(record_) + "</I><P>" + Base64(pic_) + "</P><C>" + Base64(cert_) + "</C>";
   const struct {
     const char *what;
@@ -196,9 +194,9 @@ TEST_F(SealStore, ListSummariesDetailsAndStructures) {
   const Reply text = Ci(R"({"type":803,"keySN":"ZA_SEAL01"})");
   EXPECT_EQ(text.data.find(R"({"quantity":2,"keyList":[{"idx":1,"data":{"sealType":"TYPE1","notBefore":"2021)"), 0u)
       << text.data;
-  Tool("delete-file --serial SEAL01 --app VorliStamp --file Picture");
+  MustTool("delete-file --serial SEAL01 --app VorliStamp --file Picture");
   EXPECT_EQ(Ci(R"({"type":803,"keySN":"ZA_SEAL01"})").code, Signed(SAR_FILE_NOT_EXIST));
-  Tool("unplug --serial SEAL01");
+  MustTool("unplug --serial SEAL01");
   EXPECT_EQ(Ci(R"({"type":803,"keySN":""})").code, Signed(ERR_NO_KEY_FOUND));
 }
 
@@ -222,8 +220,8 @@ TEST_F(SealStore, SealPinComesFromTheKeySnAfterTheUserPin) {
 
   // The RSA area is asked first; the SM2 area only when the RSA one refuses.
   CreateSealKey("SEALRSA");
-  Tool("create-app --serial SEALRSA --app VorliRsa --admin-pin 12345678 --user-pin 654321");
-  Tool("gen-key --serial SEALRSA --app VorliRsa --container RSA1 --alg rsa1024 --user-pin 654321");
+  MustTool("create-app --serial SEALRSA --app VorliRsa --admin-pin 12345678 --user-pin 654321");
+  MustTool("gen-key --serial SEALRSA --app VorliRsa --container RSA1 --alg rsa1024 --user-pin 654321");
   zeph_it::Handle h("ZA_SEALRSA");
   char pin[17];
   uint32_t n = 0, retry = 0;
@@ -381,7 +379,7 @@ TEST_P(SealFaults, VendorStatusComesBackNothingElseChangesEverythingCloses) {
 }
 
 INSTANTIATE_TEST_SUITE_P(SealCommands, SealFaults, ::testing::Range<size_t>(0, FaultCases().size()),
-                         [](const auto &info) { return std::string(FaultCases()[info.param].name); });
+                         [](const auto &param_info) { return std::string(FaultCases()[param_info.param].name); });
 
 TEST_F(SealStore, AFailedFirstWriteKeepsTheStoredSealReadable) {
   CreateSealKey("SEAL01");
@@ -423,13 +421,9 @@ TEST_F(SealStore, ZephSealCommandsDriveTheSlots) {
   };
   for (const auto &step : steps) {
     const std::string cmd = "cd '" + dir.path().string() + "' && TZ=UTC '" + ZEPH_TOOL + "' seal " + step.line +
-                            " --key ZA_SEAL01 --config cfg.json 2>&1";
-    FILE *p = popen(cmd.c_str(), "r");
+                            " --key ZA_SEAL01 --config cfg.json";
     std::string out;
-    char buf[4096];
-    for (size_t n; p != nullptr && (n = std::fread(buf, 1, sizeof buf, p)) != 0;) out.append(buf, n);
-    const int status = p != nullptr ? pclose(p) : -1;
-    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, step.code) << step.line << "\n" << out;
+    EXPECT_EQ(zeph_test::Shell(cmd, &out), step.code) << step.line << "\n" << out;
     EXPECT_EQ(out.substr(0, step.out.size()), step.out) << step.line;
   }
   EXPECT_EQ(zeph_test::ReadBytes(dir.file("back.der")), gb_);

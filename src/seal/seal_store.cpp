@@ -259,8 +259,9 @@ uint32_t ReadSealSlot(const char *key_sn, uint32_t slot, SlotSeal *out) {
 }
 
 uint32_t ListSeals(const char *key_sn, std::string *out) {
-  JsonPtr list(cJSON_CreateArray());
-  ZEPH_ENSURE(list != nullptr, ERR_OUT_OF_MEMORY);
+  // The summaries are JSON objects as they are made: the list is written
+  // around them rather than parsed and printed again.
+  std::string list;
   uint32_t quantity = 0;
   ZEPH_TRY(WithSealApp(key_sn, [&](GM_SKF_CTX *ctx) -> uint32_t {
     for (uint32_t slot = ZEPH_SEAL_SLOT_FIRST; slot <= ZEPH_SEAL_SLOT_LAST; ++slot) {
@@ -268,26 +269,17 @@ uint32_t ListSeals(const char *key_sn, std::string *out) {
       std::string summary;
       uint32_t rv = ReadSlot(ctx, slot, &seal);
       if (rv == 0) rv = SealSummary(seal, &summary);
-      JsonPtr data(rv == 0 ? cJSON_Parse(summary.c_str()) : nullptr);
-      if (rv == 0 && data == nullptr) rv = ERR_JSON_INVALID;
       // The first seal must be there; the others are listed when they can be read.
       if (rv != 0 && slot == 1) return rv;
       if (rv != 0) continue;
-      cJSON *item = cJSON_CreateObject();
-      ZEPH_ENSURE(item != nullptr, ERR_OUT_OF_MEMORY);
-      cJSON_AddItemToArray(list.get(), item);
-      ZEPH_ENSURE(cJSON_AddNumberToObject(item, "idx", slot) != nullptr, ERR_OUT_OF_MEMORY);
-      cJSON_AddItemToObject(item, "data", data.release());
-      ++quantity;
+      list.append(quantity++ == 0 ? "" : ",").append("{\"idx\":").append(std::to_string(slot));
+      list.append(",\"data\":").append(summary).append("}");
     }
     return 0;
   }));
-  JsonPtr doc(cJSON_CreateObject());
-  ZEPH_ENSURE(doc != nullptr && cJSON_AddNumberToObject(doc.get(), "quantity", quantity) != nullptr, ERR_OUT_OF_MEMORY);
-  if (quantity != 0) cJSON_AddItemToObject(doc.get(), "keyList", list.release());
-  const JsonTextPtr text(cJSON_PrintUnformatted(doc.get()));
-  ZEPH_ENSURE(text != nullptr, ERR_OUT_OF_MEMORY);
-  *out = text.get();
+  *out = "{\"quantity\":" + std::to_string(quantity);
+  if (quantity != 0) out->append(",\"keyList\":[").append(list).append("]");
+  out->append("}");
   return 0;
 }
 

@@ -162,19 +162,18 @@ class Flat {
   Flat &Text(const char *key, std::string_view value) {
     Key(key);
     s_ += '"';
-    for (const char c : value) {
-      const auto u = static_cast<unsigned char>(c);
-      if (c == '"' || c == '\\') {
-        s_ += '\\';
-        s_ += c;
-      } else if (u < 0x20) {
-        char esc[8];
-        std::snprintf(esc, sizeof esc, "\\u%04x", u);
-        s_ += esc;
-      } else {
-        s_ += c;
-      }
+    // Runs of plain characters go in whole: base64 is one run.
+    size_t run = 0;
+    for (size_t i = 0; i < value.size(); ++i) {
+      const auto u = static_cast<unsigned char>(value[i]);
+      if (u >= 0x20 && u != '"' && u != '\\') continue;
+      s_.append(value.substr(run, i - run));
+      run = i + 1;
+      char esc[8];
+      std::snprintf(esc, sizeof esc, u < 0x20 ? "\\u%04x" : "\\%c", u);
+      s_ += esc;
     }
+    s_.append(value.substr(run));
     s_ += '"';
     return *this;
   }

@@ -96,6 +96,9 @@ Handler FindHandler(int32_t command);
 
 // Runs one request through parser, table and handler; the response record
 // is filled, its data owned by the caller of this function.
+// The request size limit that ZEPH_C_CI_SetRequestLimit(0) restores.
+inline constexpr uint32_t kDefaultRequestLimit = 16u << 20;
+
 void Dispatch(const char *request, ZEPH_RES_PARAM *res);
 // The response document, printed without formatting (cJSON_free it).
 char *PrintResponse(const ZEPH_RES_PARAM &res);

@@ -18,9 +18,9 @@
 #include "zeph_c_utils.h"
 
 using zeph::device::CallSkf;
+using zeph::device::EnumNames;
 using zeph::device::HasSession;
 using zeph::device::ObjectLocation;
-using zeph::device::EnumNames;
 
 namespace {
 

@@ -2,8 +2,6 @@
 // program frees through operator delete or cJSON is searched for the PIN
 // while a logged PIN check runs. The blocks are searched before they are
 // freed, so the sanitizers see no use after free.
-#include <malloc.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +10,7 @@
 #include <vector>
 
 #include <cjson/cJSON.h>
+#include <malloc.h>
 
 #include <gtest/gtest.h>
 

@@ -76,9 +76,8 @@ TEST_F(FilesTest, ARewriteThatCannotFitOrFailsKeepsWhatWasStored) {
     SCOPED_TRACE(std::to_string(r.len) + (r.fault != nullptr ? r.fault : ""));
     const Bytes data = zeph_test::RandomBytes(r.len, r.len);
     if (r.fault != nullptr) setenv("ZEPH_SOFTKEY_FAULT", r.fault, 1);
-    const auto trace = Traced([&] {
-      EXPECT_EQ(ZEPH_C_WriteUkeyFile(h.get(), kUserPin, kChain, "CertChain", data.data(), r.len), r.status);
-    });
+    const auto trace = Traced(
+        [&] { EXPECT_EQ(ZEPH_C_WriteUkeyFile(h.get(), kUserPin, kChain, "CertChain", data.data(), r.len), r.status); });
     unsetenv("ZEPH_SOFTKEY_FAULT");
     EXPECT_EQ(Called(trace, "SKF_DeleteFile"), r.deletes) << Names(trace);
     if (r.status == 0) stored = data;

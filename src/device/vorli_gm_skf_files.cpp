@@ -78,9 +78,11 @@ uint32_t CheckRoom(GM_SKF_CTX *ctx, uint32_t need, uint32_t freed) {
   return 0;
 }
 
+// The vendor takes mutable bytes: they are copied (one more byte, so that
+// data() is a real pointer) and the copy is wiped.
 uint32_t WriteWhole(GM_SKF_CTX *ctx, char *name, const unsigned char *data, uint32_t data_len) {
-  std::vector<BYTE> bytes(data, data + data_len);
-  bytes.push_back(0);  // never an empty vector: data() must be a real pointer
+  zeph::SecureBytes bytes(static_cast<size_t>(data_len) + 1);
+  if (data_len != 0) std::memcpy(bytes.data(), data, data_len);
   return CallSkf(ctx->skf.SKF_WriteFile, ERR_DEVICE_FILE_WRITE_FAILED, ctx->application, name, 0u, bytes.data(),
                  data_len);
 }

@@ -155,6 +155,8 @@ TEST_F(CiLive, ManyKeysAreListedAndAVendorThatCannotListIsAnError) {
     std::filesystem::create_directory(dir / serial);
     std::filesystem::permissions(dir / serial, std::filesystem::perms::owner_all);
     zeph_test::WriteBytes((dir / serial / "device.json").string(), {text.begin(), text.end()});
+    std::filesystem::permissions(dir / serial / "device.json",
+                                 std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
     want.push_back(std::string("ZS_") + serial);
   }
   const Reply list = Ci(R"({"type":105})");

@@ -37,14 +37,22 @@ void SearchAndFree(void *p) {
 
 }  // namespace
 
-// The program's allocation functions (the library and the software key use
-// them too). Arrays and the nothrow forms go through these.
+// The program's allocation functions, every form but the over-aligned ones
+// (the library and the software key use them too; the sanitizers' own would
+// not pair with these).
 void *operator new(size_t n) {
   if (void *p = std::malloc(n != 0 ? n : 1)) return p;
   throw std::bad_alloc();
 }
+void *operator new[](size_t n) { return operator new(n); }
+void *operator new(size_t n, const std::nothrow_t &) noexcept { return std::malloc(n != 0 ? n : 1); }
+void *operator new[](size_t n, const std::nothrow_t &) noexcept { return std::malloc(n != 0 ? n : 1); }
 void operator delete(void *p) noexcept { SearchAndFree(p); }
+void operator delete[](void *p) noexcept { SearchAndFree(p); }
 void operator delete(void *p, size_t) noexcept { SearchAndFree(p); }
+void operator delete[](void *p, size_t) noexcept { SearchAndFree(p); }
+void operator delete(void *p, const std::nothrow_t &) noexcept { SearchAndFree(p); }
+void operator delete[](void *p, const std::nothrow_t &) noexcept { SearchAndFree(p); }
 
 namespace {
 

@@ -8,6 +8,12 @@
 
 ZEPH_BEGIN_DECLS
 
+/* Both entries refuse a request text longer than the request limit (16 MiB,
+ * 16777216 bytes, unless the host sets another) before reading it as JSON:
+ * the response is {"type":0,"code":2181562459}, ERR_INVALID_PARAMETER
+ * (0x8208005B) zero-extended, as for any request that cannot be read. The
+ * length counts the bytes before the terminating NUL. */
+
 /* Always returns 0; the outcome is the response document
  * {"type":...,"code":...[,"data":...]} written NUL-terminated to out_response,
  * which the caller sizes for the largest reply it requests. */
@@ -22,6 +28,11 @@ ZEPH_API uint32_t ZEPH_C_CI(const char *request, char *out_response);
  *   the data must not blindly repeat commands that change the key.
  * out_required (optional) always receives the full document length + 1. */
 ZEPH_API uint32_t ZEPH_C_CI_Ex(const char *request, char *out_response, uint32_t capacity, uint32_t *out_required);
+
+/* Sets the request limit in bytes for every later call of either entry, from
+ * any thread; 0 restores the default of 16 MiB. Returns the limit it
+ * replaced. */
+ZEPH_API uint32_t ZEPH_C_CI_SetRequestLimit(uint32_t max_bytes);
 
 ZEPH_END_DECLS
 

@@ -94,8 +94,12 @@ void ReleaseRequest(ZEPH_REQ_PARAM *req);
 // of range (negative codes included).
 Handler FindHandler(int32_t command);
 
+// The request size limit that ZEPH_C_CI_SetRequestLimit(0) restores.
+inline constexpr uint32_t kDefaultRequestLimit = 16u << 20;
+
 // Runs one request through parser, table and handler; the response record
-// is filled, its data owned by the caller of this function.
+// is filled, its data owned by the caller of this function. A request above
+// the size limit is refused unread.
 void Dispatch(const char *request, ZEPH_RES_PARAM *res);
 // The response document, printed without formatting (cJSON_free it).
 char *PrintResponse(const ZEPH_RES_PARAM &res);

@@ -115,7 +115,7 @@ void WipeAndFree(char *p, uint32_t n) {
 
 uint32_t ParseRequest(const char *text, ZEPH_REQ_PARAM *req) {
   if (text == nullptr) return ERR_JSON_INVALID;
-  JsonPtr doc(cJSON_Parse(text));
+  WipedJsonPtr doc(cJSON_Parse(text));
   if (!doc || !cJSON_IsObject(doc.get())) return ERR_JSON_INVALID;
   const cJSON *root = doc.get();
 

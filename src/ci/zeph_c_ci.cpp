@@ -3,6 +3,7 @@
 #include "zeph_c_ci.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
@@ -117,6 +118,14 @@ constexpr std::array<Handler, kGroups * kSlots> BuildTable() {
 // 0x8208005B) while handlers store theirs sign-extended; hosts match both.
 constexpr int64_t kDispatchFailure = static_cast<int64_t>(uint64_t{ERR_INVALID_PARAMETER});
 
+// Requests longer than this are refused unread (ZEPH_C_CI_SetRequestLimit).
+std::atomic<uint32_t> g_request_limit{kDefaultRequestLimit};
+
+bool AboveLimit(const char *request) {
+  const size_t limit = g_request_limit.load(std::memory_order_relaxed);
+  return strnlen(request, limit + 1) > limit;
+}
+
 // Frees the request's owned texts and wipes it on every path.
 struct RequestScope {
   ZEPH_REQ_PARAM req{};
@@ -182,8 +191,15 @@ uint32_t SetData(ZEPH_RES_PARAM *res, std::string_view text, uint32_t kind) {
 }
 
 void Dispatch(const char *request, ZEPH_RES_PARAM *res) {
-  ZEPH_LOG(request != nullptr ? request : "", 0);
   *res = ZEPH_RES_PARAM{};
+  // Before parsing, and before logging: the tree of a huge text costs
+  // several times its size.
+  if (request != nullptr && AboveLimit(request)) {
+    ZEPH_LOG("request above the size limit", ERR_INVALID_PARAMETER);
+    res->code = kDispatchFailure;
+    return;
+  }
+  ZEPH_LOG(request != nullptr ? request : "", 0);
   RequestScope scope;
   const uint32_t parsed = ParseRequest(request, &scope.req);
   ZEPH_LOG("l_GetZEPH_REQ_PARAM result:", parsed);
@@ -285,6 +301,10 @@ ZEPH_API uint32_t ZEPH_C_CI(const char *request, char *out_response) {
     return 0;
   });
   return 0;
+}
+
+ZEPH_API uint32_t ZEPH_C_CI_SetRequestLimit(uint32_t max_bytes) {
+  return zeph::ci::g_request_limit.exchange(max_bytes != 0 ? max_bytes : zeph::ci::kDefaultRequestLimit);
 }
 
 ZEPH_API uint32_t ZEPH_C_CI_Ex(const char *request, char *out_response, uint32_t capacity, uint32_t *out_required) {

@@ -1,10 +1,12 @@
 // The vendor SKF entry points, resolved by name from a loaded vendor library.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "foundation/status_flow.hpp"
 #include "zeph_skf.h"
 
 namespace zeph::device {
@@ -48,5 +50,23 @@ inline uint32_t CallSkf(Fn fn, uint32_t missing, Args... args) {
 // that may be cut short: never reads past `size` bytes; an unterminated tail
 // is dropped.
 std::vector<std::string> SplitNames(const char *list, uint32_t size);
+
+// A vendor name list of any length (devices, applications, containers,
+// files): a size query, then the list at that size; once more when it grew
+// in between, as a device list does when a key arrives. `owner` is the
+// handle, or the present-only flag of SKF_EnumDev.
+template <class EnumFn, class Owner>
+uint32_t EnumNames(EnumFn fn, Owner owner, uint32_t missing, std::vector<std::string> *out) {
+  uint32_t rv = SAR_BUFFER_TOO_SMALL;
+  for (int attempt = 0; attempt < 2 && rv == SAR_BUFFER_TOO_SMALL; ++attempt) {
+    ULONG size = 0;
+    ZEPH_TRY(CallSkf(fn, missing, owner, nullptr, &size));
+    std::vector<char> list(static_cast<size_t>(size) + 2, '\0');
+    size = static_cast<ULONG>(std::min<size_t>(list.size(), UINT32_MAX));
+    rv = CallSkf(fn, missing, owner, list.data(), &size);
+    if (rv == 0) *out = SplitNames(list.data(), std::min(size, static_cast<ULONG>(list.size())));
+  }
+  return rv;
+}
 
 }  // namespace zeph::device

@@ -18,9 +18,9 @@
 #include "zeph_c_utils.h"
 
 using zeph::device::CallSkf;
+using zeph::device::EnumNames;
 using zeph::device::HasSession;
 using zeph::device::ObjectLocation;
-using zeph::device::SplitNames;
 
 namespace {
 
@@ -28,7 +28,14 @@ constexpr uint32_t kAppListSize = 1024;
 constexpr const char *kSmApplication = "SM-Application";
 constexpr uint32_t kAuthBlockLen = 16;
 constexpr uint32_t kAuthChallengeLen = 8;
-constexpr uint32_t kAuthKeyMin = 16;
+// Device authentication keys are one block of a 128-bit cipher (SM1, SM4,
+// SSF33).
+constexpr uint32_t kAuthKeyLen = 16;
+// What every key accepts for a new application: PINs of 6 to 16 characters
+// and retry counters that fit the byte keys keep them in. GM/T 0016's DEVINFO
+// carries no limits of its own to narrow these.
+constexpr size_t kPinMin = 6, kPinMax = 16;
+constexpr uint32_t kRetryMin = 1, kRetryMax = 255;
 
 uint32_t KindForIndex(uint32_t index, bool encryption_container_counts) {
   switch (index) {
@@ -41,17 +48,6 @@ uint32_t KindForIndex(uint32_t index, bool encryption_container_counts) {
     default:
       return ZEPH_KEY_RSA_SIGN;
   }
-}
-
-// Vendor name lists: a size query, then the list itself.
-template <class EnumFn>
-uint32_t EnumNames(EnumFn fn, HANDLE owner, uint32_t missing, std::vector<std::string> *out) {
-  ULONG size = 0;
-  ZEPH_TRY(CallSkf(fn, missing, owner, nullptr, &size));
-  std::vector<char> list(size + 2, '\0');
-  ZEPH_TRY(CallSkf(fn, missing, owner, list.data(), &size));
-  *out = SplitNames(list.data(), std::min<uint32_t>(size, static_cast<uint32_t>(list.size())));
-  return 0;
 }
 
 // Application and container handles opened for an enumeration; closed on
@@ -70,6 +66,19 @@ struct OpenContainer {
     if (con != nullptr) CallSkf(skf.SKF_CloseContainer, 0, con);
   }
 };
+
+// A new application's PINs and counters, checked before the old one is
+// deleted: the key would refuse them only after that.
+uint32_t CheckNewPins(const char *admin_pin, uint32_t admin_retry, const char *user_pin, uint32_t user_retry) {
+  for (const char *pin : {admin_pin, user_pin}) {
+    const size_t n = strnlen(pin, kPinMax + 1);
+    ZEPH_ENSURE(n >= kPinMin && n <= kPinMax, SAR_PIN_LEN_RANGE);
+  }
+  for (const uint32_t retry : {admin_retry, user_retry}) {
+    ZEPH_ENSURE(retry >= kRetryMin && retry <= kRetryMax, ERR_INVALID_PARAMETER);
+  }
+  return 0;
+}
 
 bool HasDevice(const GM_SKF_CTX *ctx) { return ctx != nullptr && ctx->module != nullptr && ctx->device != nullptr; }
 
@@ -204,6 +213,7 @@ ZEPH_API uint32_t GM_SKF_CTX_NewSession(GM_SKF_CTX *ctx, uint32_t index, const c
                                         uint32_t admin_pin_retry, const char *user_pin, uint32_t user_pin_retry) {
   if (ctx == nullptr || ctx->module == nullptr) return ERR_OPEN_SESSION_FAILED;
   if (admin_pin == nullptr || user_pin == nullptr) return ERR_INVALID_PARAMETER;
+  ZEPH_TRY(CheckNewPins(admin_pin, admin_pin_retry, user_pin, user_pin_retry));
   ObjectLocation loc;
   ZEPH_TRY(zeph::device::Locate(ctx, index, &loc));
   return zeph::Guarded([&]() -> uint32_t {
@@ -348,12 +358,13 @@ ZEPH_API uint32_t GM_SKF_CTX_ChangeUserPin(GM_SKF_CTX *ctx, const char *old_pin,
 
 ZEPH_API uint32_t GM_SKF_CTX_DoDeviceAuth(GM_SKF_CTX *ctx, const unsigned char *key, uint32_t key_len) {
   if (!HasDevice(ctx)) return ERR_DEVICE_AUTH_FAILED;
-  if (key == nullptr || key_len == 0) return ERR_INVALID_PARAMETER;
+  // A longer code would authenticate by its first block alone.
+  if (key == nullptr || key_len == 0 || key_len > kAuthKeyLen) return ERR_INVALID_PARAMETER;
   return zeph::Guarded(
       [&]() -> uint32_t {
         const auto &skf = ctx->skf;
         // The vendor reads a whole block of key: a short key is zero-padded.
-        zeph::SecureBytes key_copy(std::max(key_len, kAuthKeyMin));
+        zeph::SecureBytes key_copy(kAuthKeyLen);
         std::memcpy(key_copy.data(), key, key_len);
         struct KeyGuard {
           GM_SKF_CTX *ctx;

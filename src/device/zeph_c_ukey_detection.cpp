@@ -1,6 +1,6 @@
 // Detection: the keys plugged in now, under the keySN of the vendor entry
-// that serves each; the vendors whose library did not load; the fixed
-// fallback vendor.
+// that serves each; the vendors whose library did not load or cannot list
+// its keys; the fixed fallback vendor.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -11,6 +11,7 @@
 #include "device/skf_functions.hpp"
 #include "device/vendor_quirks.hpp"
 #include "foundation/json_owned.hpp"
+#include "foundation/log.hpp"
 #include "foundation/output.hpp"
 #include "foundation/status_flow.hpp"
 #include "zeph_c_device.h"
@@ -20,15 +21,14 @@
 namespace zeph::device {
 namespace {
 
-constexpr uint32_t kEnumDevListSize = 4160;
-
-// Adds the keys of one vendor library to the detection list.
-void ListDevicesOf(void *module, const VendorEntry &vendor, cJSON *list) {
+// Adds the keys of one vendor library to the detection list: 0, or the
+// vendor's status when it cannot list its devices at all. A device that does
+// not answer is only skipped.
+uint32_t ListDevicesOf(void *module, const VendorEntry &vendor, cJSON *list) {
   const SkfFunctions skf = ResolveSkf(module);
-  std::vector<char> names(kEnumDevListSize, '\0');
-  ULONG size = kEnumDevListSize;
-  if (CallSkf(skf.SKF_EnumDev, ERR_NO_DEVICE_LIBRARY, TRUE, names.data(), &size) != 0) return;
-  for (std::string &name : SplitNames(names.data(), std::min<uint32_t>(size, kEnumDevListSize))) {
+  std::vector<std::string> names;
+  ZEPH_TRY(EnumNames(skf.SKF_EnumDev, TRUE, ERR_NO_DEVICE_LIBRARY, &names));
+  for (std::string &name : names) {
     DEVHANDLE dev = nullptr;
     DEVINFO info{};
     if (CallSkf(skf.SKF_ConnectDev, ERR_NO_DEVICE_LIBRARY, name.data(), &dev) == 0 &&
@@ -48,6 +48,14 @@ void ListDevicesOf(void *module, const VendorEntry &vendor, cJSON *list) {
     }
     CallSkf(skf.SKF_DisConnectDev, 0, dev);
   }
+  return 0;
+}
+
+// Whether a loaded vendor library can list its devices now.
+bool EnumeratesDevices(void *module) {
+  const auto enum_dev = reinterpret_cast<PFN_SKF_EnumDev>(GetProcAddress(module, "SKF_EnumDev"));
+  ULONG size = 0;
+  return CallSkf(enum_dev, ERR_NO_DEVICE_LIBRARY, TRUE, nullptr, &size) == 0;
 }
 
 }  // namespace
@@ -59,13 +67,11 @@ uint32_t ConnectFallbackKey(const char *library, uint32_t *out_type, char *out_s
     return ERR_NO_DEVICE_LIBRARY;
   }
   const auto enum_dev = reinterpret_cast<PFN_SKF_EnumDev>(GetProcAddress(module, "SKF_EnumDev"));
-  std::vector<char> names(kEnumDevListSize, '\0');
-  ULONG size = kEnumDevListSize;
-  uint32_t rv = CallSkf(enum_dev, ERR_NO_DEVICE_LIBRARY, TRUE, names.data(), &size);
+  std::vector<std::string> found;
+  uint32_t rv = EnumNames(enum_dev, TRUE, ERR_NO_DEVICE_LIBRARY, &found);
   if (rv != 0) {
     std::printf("SKF_EnumDevProc error.0x%08X\n.", rv);
   } else {
-    const auto found = SplitNames(names.data(), std::min<uint32_t>(size, kEnumDevListSize));
     if (found.empty() || found.front().size() >= ZEPH_DEVICE_NAME_MAX) {
       rv = ERR_NO_KEY_FOUND;
     } else {
@@ -94,13 +100,19 @@ ZEPH_API uint32_t ZEPH_C_ukey_detection_getList(char *out_text, uint32_t *in_out
     ZEPH_TRY(loadAllOfCryptoDeviceHandle());
     zeph::JsonPtr list(cJSON_CreateArray());
     if (!list) return ERR_OUT_OF_MEMORY;
+    uint32_t failed = 0;
     if (const LibraryTable *table = zeph::device::LoadedTable(); table != nullptr) {
       // Texts come from the configuration as it is now; libraries from the table.
       const size_t n = std::min(table->count(), vendors.size());
       for (size_t i = 0; i < n && table->entries[i].module != nullptr; ++i) {
-        zeph::device::ListDevicesOf(table->entries[i].module, vendors[i], list.get());
+        const uint32_t rv = zeph::device::ListDevicesOf(table->entries[i].module, vendors[i], list.get());
+        if (rv != 0) ZEPH_LOG(vendors[i].skf_lib, rv);
+        if (failed == 0) failed = rv;
       }
     }
+    // A vendor that cannot list its keys shows in the error status; when no
+    // key is listed at all, its status is the answer, never an empty list.
+    if (failed != 0 && cJSON_GetArraySize(list.get()) == 0) return failed;
     std::string text = "[]";
     if (cJSON_GetArraySize(list.get()) != 0) {
       zeph::JsonTextPtr printed(cJSON_PrintUnformatted(list.get()));
@@ -124,7 +136,8 @@ ZEPH_API uint32_t ZEPH_C_ukey_detection_getDevErrStatus(char *out_text, uint32_t
     if (table != nullptr) {
       const size_t n = std::min(table->count(), vendors.size());
       for (size_t i = 0; i < n; ++i) {
-        if (table->entries[i].module == nullptr)
+        void *module = table->entries[i].module;
+        if (module == nullptr || !zeph::device::EnumeratesDevices(module))
           cJSON_AddItemToArray(list.get(), cJSON_CreateString(table->entries[i].vid));
       }
     }

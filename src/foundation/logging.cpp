@@ -4,9 +4,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <string>
 
-#include "foundation/owned.hpp"
+#include "foundation/secure_bytes.hpp"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
@@ -46,20 +45,29 @@ ZEPH_API void zeph_logger_debug(const char *message, int64_t status, const char 
     char res[260];
     std::snprintf(res, sizeof res, ",res:%" PRId64, status);
 
-    std::string record = "{";
-    record += head;
+    // One block, filled in place and wiped once the callback is done: a
+    // message may hold a PIN (the PIN record, a logged request), so no copy
+    // is left in freed memory, as a growing string would leave.
+    const size_t head_len = std::strlen(head), res_len = std::strlen(res);
+    const size_t msg_len = message != nullptr ? std::strlen(message) : 0;
+    constexpr char kMsgOpen[] = ",msg:'", kMsgClose[] = "'";
+    const size_t msg_part = message != nullptr ? sizeof kMsgOpen - 1 + msg_len + sizeof kMsgClose - 1 : 0;
+    zeph::SecureBytes record(1 + head_len + msg_part + res_len + 2);
+    char *p = reinterpret_cast<char *>(record.data());
+    const auto put = [&p](const char *text, size_t n) {
+      std::memcpy(p, text, n);
+      p += n;
+    };
+    put("{", 1);
+    put(head, head_len);
     if (message != nullptr) {
-      record += ",msg:'";
-      record += message;
-      record += "'";
+      put(kMsgOpen, sizeof kMsgOpen - 1);
+      put(message, msg_len);
+      put(kMsgClose, sizeof kMsgClose - 1);
     }
-    record += res;
-    record += "}";
-    // The callback gets a fresh copy that lives only for the call.
-    zeph::MallocPtr<char> copy(static_cast<char *>(std::malloc(record.size() + 1)));
-    if (!copy) return;
-    std::memcpy(copy.get(), record.c_str(), record.size() + 1);
-    cb(copy.get());
+    put(res, res_len);
+    put("}", 2);  // with the terminator
+    cb(reinterpret_cast<const char *>(record.data()));
   } catch (...) {
     // The logger never reports failure.
   }

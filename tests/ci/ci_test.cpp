@@ -14,6 +14,7 @@
 #include "ci/ci_internal.hpp"
 #include "zeph_c_ci.h"
 #include "zeph_c_status.h"
+#include "zeph_c_utils.h"
 
 namespace {
 
@@ -175,6 +176,33 @@ TEST(CiDispatch, BoundedVariantNeverWritesPastCapacity) {
   std::vector<char> buf(64);
   EXPECT_EQ(ZEPH_C_CI_Ex(nullptr, buf.data(), 64, nullptr), 0u);
   EXPECT_STREQ(buf.data(), R"({"type":0,"code":2181562459})");
+}
+
+// Refused before the parser (or the log) ever reads them; the limit counts
+// the bytes before the terminator.
+TEST(CiDispatch, RequestsAboveTheLimitAreRefusedUnread) {
+  static int parsed;
+  parsed = 0;
+  setLogCallback([](const char *record) { parsed += std::strstr(record, "l_GetZEPH_REQ_PARAM") != nullptr; });
+  const std::string answered = R"({"type":102,"code":0,"data":"95560"})", refused = R"({"type":0,"code":2181562459})";
+  const auto padded = [](size_t n) {
+    std::string r = R"({"type":102})";
+    r.insert(r.size() - 1, n - r.size(), ' ');
+    return r;
+  };
+  EXPECT_EQ(ZEPH_C_CI_SetRequestLimit(64), kDefaultRequestLimit);
+  EXPECT_EQ(Ci(padded(64)), answered);
+  EXPECT_EQ(parsed, 1);
+  EXPECT_EQ(Ci(padded(65)), refused);
+  std::vector<char> out(64);
+  EXPECT_EQ(ZEPH_C_CI_Ex(padded(65).c_str(), out.data(), 64, nullptr), 0u);
+  EXPECT_STREQ(out.data(), refused.c_str());
+  EXPECT_EQ(parsed, 1);
+  EXPECT_EQ(ZEPH_C_CI_SetRequestLimit(0), 64u);
+  EXPECT_EQ(Ci(padded(16u << 20)), answered);
+  EXPECT_EQ(Ci(padded((16u << 20) + 1)), refused);
+  EXPECT_EQ(parsed, 2);
+  setLogCallback(nullptr);
 }
 
 TEST(CiRequest, NumbersTakeTheFirstAliasPresent) {

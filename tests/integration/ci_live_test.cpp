@@ -1,5 +1,9 @@
 // The live commands beyond the worked session of docs/ci.md: signatures
 // checked by OpenSSL alone, every refusal, locked PINs and device lists.
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+
 #include "ci_support.hpp"
 #include "zeph_c_status.h"
 
@@ -106,6 +110,72 @@ TEST_F(CiLive, StepsBeyondTheSessionAnswerTheirStatusAndData) {
   EXPECT_EQ(ci_test::FromBase64(Ci(R"({"type":106,"randLen":1})").data).size(), 1u);
   EXPECT_EQ(ci_test::FromBase64(Ci(R"({"type":106,"randLen":65536})").data).size(), 65536u);
   EXPECT_NE(Ci(R"({"type":106,"randLen":32})").data, Ci(R"({"type":106,"randLen":32})").data);
+}
+
+// Refused before anything is deleted: the area keeps its keys, certificates
+// and PINs, the device its authentication code.
+TEST_F(CiLive, RefusedAreaParametersAndOverlongCodesChangeNothing) {
+  const std::string init = R"({"type":501,"keySN":"<keySN>","asymid":2,)",
+                    good = R"("authCode":"<authCode>","adminPin":"<adminPin>",)";
+  const struct {
+    std::string request;
+    uint32_t code;
+  } rows[] = {
+      {init + good + R"("pin":"123"})", SAR_PIN_LEN_RANGE},
+      {init + good + R"("pin":"12345678901234567"})", SAR_PIN_LEN_RANGE},
+      {init + R"("authCode":"<authCode>","adminPin":"1234","pin":"<pin>"})", SAR_PIN_LEN_RANGE},
+      {init + good + R"("pin":"<pin>","retryCnt":300})", ERR_INVALID_PARAMETER},
+      {init + good + R"("pin":"<pin>","retryCnt":-1})", ERR_INVALID_PARAMETER},
+      {init + R"("authCode":"1234567812345678-and-anything-after","adminPin":"<adminPin>","pin":"<pin>"})",
+       ERR_INVALID_PARAMETER},
+      {R"({"type":503,"keySN":"<keySN>","pin":"1234567812345678-and-anything-after","authCode":"8765432187654321"})",
+       ERR_INVALID_PARAMETER},
+  };
+  for (const auto &r : rows) EXPECT_EQ(Ci(Fill(r.request)).code, Signed(r.code)) << r.request;
+  const Reply sig = Ci(Fill(R"({"type":300,"keySN":"<keySN>","pin":"<pin>","asymid":2,"signData":"kept"})"));
+  ASSERT_EQ(sig.code, 0) << sig.text;
+  EXPECT_TRUE(OpenSslVerifies(sm2_cert_, "kept", sig.data, nullptr));
+  EXPECT_EQ(ExportCert("CI0001", "VorliEcc", "ECC"), sm2_cert_);
+  EXPECT_EQ(Ci(Fill(R"({"type":503,"keySN":"<keySN>","pin":"<authCode>","authCode":"<authCode>"})")).code, 0);
+}
+
+// Device names longer than any fixed buffer: 140 keys of 30-character
+// serials, made by writing their records directly (the utility would take
+// seconds). A vendor that cannot list them is an error, never "no keys".
+TEST_F(CiLive, ManyKeysAreListedAndAVendorThatCannotListIsAnError) {
+  const std::filesystem::path &dir = root.path();
+  const std::vector<uint8_t> bytes = zeph_test::ReadBytes((dir / "CI0001" / "device.json").string());
+  const std::string record(bytes.begin(), bytes.end());
+  std::vector<std::string> want = {"ZS_CI0001"};
+  for (int i = 0; i < 140; ++i) {
+    char serial[32];
+    std::snprintf(serial, sizeof serial, "MANY%03d-abcdefghijklmnopqrstu", i);
+    std::string text = record;
+    text.replace(text.find("CI0001"), 6, serial);
+    std::filesystem::create_directory(dir / serial);
+    std::filesystem::permissions(dir / serial, std::filesystem::perms::owner_all);
+    zeph_test::WriteBytes((dir / serial / "device.json").string(), {text.begin(), text.end()});
+    std::filesystem::permissions(dir / serial / "device.json",
+                                 std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    want.push_back(std::string("ZS_") + serial);
+  }
+  const Reply list = Ci(R"({"type":105})");
+  ASSERT_EQ(list.code, 0) << list.text.substr(0, 200);
+  std::vector<std::string> got;
+  cJSON *names = cJSON_Parse(list.data.c_str());
+  for (const cJSON *n = names != nullptr ? names->child : nullptr; n != nullptr; n = n->next) {
+    got.push_back(n->valuestring);
+  }
+  cJSON_Delete(names);
+  std::sort(got.begin(), got.end());
+  std::sort(want.begin(), want.end());
+  EXPECT_EQ(got, want);
+
+  setenv("ZEPH_SOFTKEY_FAULT", "SKF_EnumDev:*:0x0A000001", 1);
+  EXPECT_EQ(Ci(R"({"type":100})").text, R"({"type":100,"code":167772161})");
+  EXPECT_EQ(Ci(R"({"type":103})").data, R"(["ZS", "NOLIB"])");
+  unsetenv("ZEPH_SOFTKEY_FAULT");
+  EXPECT_EQ(Ci(R"({"type":103})").data, R"(["NOLIB"])");
 }
 
 TEST_F(CiLive, DeviceListsFollowWhatIsPluggedIn) {

@@ -38,7 +38,8 @@ struct FaultCase {
   const char *name, *vid;
   Op op;
   std::set<std::string> ignored;  // statuses the operation ignores on purpose
-  const char *prepare = nullptr;  // "chain": a CertChain file; "apps": two applications to delete
+  const char *prepare = nullptr;  // "chain"/"version": a CertChain/Version file; "apps": two applications to delete
+  uint32_t rewrite_len = 0;       // the prepared file is rewritten with this many bytes of kData
 };
 
 const std::vector<FaultCase> &Cases() {
@@ -65,15 +66,10 @@ const std::vector<FaultCase> &Cases() {
       {"InitVorliSm2Area", "ZA", AREA(ZEPH_C_InitVorliSm2Area), {"SKF_DeleteApplication"}},
       {"InitVorliStampArea", "ZA", AREA(ZEPH_C_InitVorliStampArea), {"SKF_DeleteApplication"}},
       {"DelAllAppWithAuthCode", "ZA", OP(ZEPH_C_DelAllAppWithAuthCode(h, kAuthKey.data(), 16)), {}, "apps"},
-      {"SetVersion",
-       "ZA",
-       OP(ZEPH_C_SetVersion(h, kUserPin, ZEPH_AREA_SM2, kData, 4)),
-       {"SKF_GetPINInfo", "SKF_DeleteFile"}},
-      {"WriteUkeyFile",
-       "ZA",
-       OP(ZEPH_C_WriteUkeyFile(h, kUserPin, ZEPH_OBJ_SM2_CERTCHAIN, "CertChain", kData, sizeof kData)),
-       {"SKF_GetPINInfo", "SKF_DeleteFile"},
-       "chain"},
+      {"SetVersion", "ZA", OP(ZEPH_C_SetVersion(h, kUserPin, ZEPH_AREA_SM2, kData, 4)), pin_info, "version", 4},
+      {"WriteUkeyFile", "ZA",
+       OP(ZEPH_C_WriteUkeyFile(h, kUserPin, ZEPH_OBJ_SM2_CERTCHAIN, "CertChain", kData, sizeof kData)), pin_info,
+       "chain", sizeof kData},
       {"ReadUkeyFile", "ZA",
        OP(ZEPH_C_ReadUkeyFile(h, kUserPin, ZEPH_OBJ_SM2_CERTCHAIN, "CertChain", out, &(len = 64))), pin_info, "chain"},
       {"DeleteFile", "ZA", OP(ZEPH_C_DeleteFile(h, kUserPin, ZEPH_OBJ_SM2_CERTCHAIN, "CertChain")), pin_info, "chain"},
@@ -92,6 +88,7 @@ class FaultTest : public SoftkeyTest, public ::testing::WithParamInterface<size_
  public:
   void Prepare(const std::string &what, const std::string &sn) {
     if (what == "chain") MustTool("write-file --serial " + sn + " --app VorliEcc --file CertChain --text chain");
+    if (what == "version") MustTool("write-file --serial " + sn + " --app VorliEcc --file Version --text v1");
     if (what != "apps") return;
     for (const char *app : {"VorliEcc", "VorliRsa", "VorliStamp", "Other"}) {
       Tool("delete-app --serial " + sn + " --app " + app);  // absent ones too
@@ -128,6 +125,15 @@ TEST_P(FaultTest, EachVendorStatusComesBackAndEverythingCloses) {
     EXPECT_TRUE(AllClosed(trace));
     const bool closing = call.fn.find("Close") != std::string::npos || call.fn == "SKF_DisConnectDev";
     EXPECT_TRUE(closing || fault_case.ignored.count(call.fn) != 0 || rv == kInjected) << rv << ": " << Names(trace);
+    if (fault_case.rewrite_len != 0) {  // a rewrite that failed lost nothing
+      const bool chain = prepare == "chain";
+      uint32_t n = sizeof out;
+      ASSERT_EQ(ZEPH_C_ReadUkeyFile(h.get(), "", chain ? ZEPH_OBJ_SM2_CERTCHAIN : ZEPH_OBJ_SM2_VERSION,
+                                    chain ? "CertChain" : "Version", out, &n),
+                0u);
+      const std::string old = chain ? "chain" : "v1", now(reinterpret_cast<const char *>(out), n);
+      EXPECT_EQ(now, rv == 0 ? std::string(reinterpret_cast<const char *>(kData), fault_case.rewrite_len) : old);
+    }
   }
 }
 

@@ -50,6 +50,41 @@ TEST_F(FilesTest, WholeFilesReplaceWhatWasThereAndPinRules) {
   EXPECT_EQ(ZEPH_C_DeleteFile(h.get(), kUserPin, kChain, "CertChain"), SAR_FILE_NOT_EXIST);
 }
 
+TEST_F(FilesTest, ARewriteThatCannotFitOrFailsKeepsWhatWasStored) {
+  MustTool("create-device --space 8192 --serial F2");
+  CreateApp("F2", "VorliEcc");
+  Handle h("ZA_F2");
+  const Bytes old = zeph_test::RandomBytes(3000, 1);
+  ASSERT_EQ(ZEPH_C_WriteUkeyFile(h.get(), kUserPin, kChain, "CertChain", old.data(), 3000), 0u);
+  // 5,192 bytes are free and the old file frees 3,000 more.
+  const struct {
+    uint32_t len;
+    const char *fault;
+    uint32_t status;
+    bool deletes;
+  } rows[] = {
+      {8193, nullptr, SAR_NO_ROOM, false},
+      {3000, "SKF_WriteFile:1:0x0A000008", SAR_WRITEFILEERR, false},  // same size: written in place
+      {4000, "SKF_CreateFile:1:0x0A000030", SAR_NO_ROOM, true},
+      {4000, "SKF_WriteFile:1:0x0A000008", SAR_WRITEFILEERR, true},
+      {8192, nullptr, 0, true},
+      {3000, nullptr, 0, true},
+      {3000, nullptr, 0, false},
+  };
+  Bytes stored = old;
+  for (const auto &r : rows) {
+    SCOPED_TRACE(std::to_string(r.len) + (r.fault != nullptr ? r.fault : ""));
+    const Bytes data = zeph_test::RandomBytes(r.len, r.len);
+    if (r.fault != nullptr) setenv("ZEPH_SOFTKEY_FAULT", r.fault, 1);
+    const auto trace = Traced(
+        [&] { EXPECT_EQ(ZEPH_C_WriteUkeyFile(h.get(), kUserPin, kChain, "CertChain", data.data(), r.len), r.status); });
+    unsetenv("ZEPH_SOFTKEY_FAULT");
+    EXPECT_EQ(Called(trace, "SKF_DeleteFile"), r.deletes) << Names(trace);
+    if (r.status == 0) stored = data;
+    EXPECT_EQ(Read(h.get(), "", kChain, "CertChain"), stored);
+  }
+}
+
 TEST_F(FilesTest, SealAreasSlotsAndCounts) {
   CreateStandardKey("F3");
   CreateApp("F3", "VorliStamp");

@@ -33,36 +33,43 @@ remain() { jq -r ".apps[0].$1.remain" "$state"; }
 file_text() { jq -r '.apps[0].files[] | select(.name == "KL") | .data' "$state" | base64 -d; }
 verify() { "$zeph" pin verify --config "$work" --pin "$1" >/dev/null 2>&1; }
 
-declare -A killed=() finished=()
-for op in pin sign write; do
-  killed[$op]=0
-  finished[$op]=0
-done
-for ((i = 1; i <= rounds; i++)); do
-  user_before=$(remain user)
-  admin_before=$(remain admin)
-  text_before=$(file_text)
-  text_new="generation $i"
-  case $((RANDOM % 3)) in
-    0)
-      op=pin
+# One operation in the background ($1: pin, sign or write; $2 the new file text).
+start() {
+  case $1 in
+    pin)
       if ((RANDOM % 2)); then
         "$zeph" pin verify --config "$work" --pin 00000000 >/dev/null 2>&1 &
       else
         printf '%s\n%s\n' 99999999 11111111 | "$zeph" pin unlock --config "$work" --pin-stdin >/dev/null 2>&1 &
       fi
       ;;
-    1)
-      op=sign
-      printf '%s\n' $user_pin | "$zeph" sign --config "$work" --pin-stdin --data "round $i" >/dev/null 2>&1 &
-      ;;
-    2)
-      op=write
-      "$tool" write-file --serial $serial --app VorliEcc --file KL --text "$text_new" >/dev/null 2>&1 &
-      ;;
+    sign) printf '%s\n' $user_pin | "$zeph" sign --config "$work" --pin-stdin --data "$2" >/dev/null 2>&1 & ;;
+    write) "$tool" write-file --serial $serial --app VorliEcc --file KL --text "$2" >/dev/null 2>&1 & ;;
   esac
+}
+
+# Each kill falls somewhere in the operation's own run time, measured here.
+declare -A killed=() finished=() span=()
+for op in pin sign write; do
+  killed[$op]=0
+  finished[$op]=0
+  t0=$(date +%s%N)
+  start $op "generation 0"
+  wait $! || true
+  span[$op]=$((($(date +%s%N) - t0) / 1000000 * 5 / 4 + 5))
+done
+verify $user_pin
+for ((i = 1; i <= rounds; i++)); do
+  user_before=$(remain user)
+  admin_before=$(remain admin)
+  text_before=$(file_text)
+  text_new="generation $i"
+  op=$(printf 'pin\nsign\nwrite\n' | sed -n "$((RANDOM % 3 + 1))p")
+  start $op "$text_new"
   pid=$!
-  sleep "$(printf '0.%03d' $((RANDOM % 250)))"
+  ms=$((RANDOM * 32768 + RANDOM))
+  ms=$((ms % ${span[$op]}))
+  sleep "$((ms / 1000)).$(printf '%03d' $((ms % 1000)))"
   kill -9 $pid 2>/dev/null || true
   status=0
   wait $pid 2>/dev/null || status=$?
@@ -100,6 +107,7 @@ stale=$(find "$ZEPH_SOFTKEY_ROOT/$serial" -name 'device.json.tmp.*' | wc -l)
 ((stale == 0)) || fail end "$stale stale state copies after a connection"
 "$zeph" sign --config "$work" --pin $user_pin --data final >/dev/null || fail end "the key no longer signs"
 
+echo "kill-loop: windows pin ${span[pin]} ms, sign ${span[sign]} ms, write ${span[write]} ms"
 echo "kill-loop: $rounds rounds; killed mid-way: pin ${killed[pin]}, sign ${killed[sign]}, write ${killed[write]};" \
   "finished first: pin ${finished[pin]}, sign ${finished[sign]}, write ${finished[write]}; failures: $failures"
 ((failures == 0))

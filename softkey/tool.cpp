@@ -527,6 +527,7 @@ int Run(int argc, char **argv) {
   line.options.erase("--root");
   if (command.empty()) Fail("no command given (try --help)", 2);
   if (root.empty()) root = RootDir();
+  if (std::string why; !FolderIsSafe(root, &why)) Fail("refusing " + root + ": " + why);
   const Args args(std::move(line));
   const Context c{root, args};
 

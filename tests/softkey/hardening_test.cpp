@@ -86,8 +86,8 @@ std::string ReadText(const std::string &path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// Storage that takes no state: a full disk, or (when not root, who writes
-// anyway) a read-only folder.
+// Storage that takes no state, set up in the child: a full disk, or (when
+// not root, who writes anyway) a read-only folder.
 void FullDisk(const std::string &) {
   signal(SIGXFSZ, SIG_IGN);
   const rlimit none{0, 0};
@@ -113,6 +113,7 @@ TEST_F(HardeningTest, NoPinAttemptIsAnsweredBeforeItIsCounted) {
                 }),
                 SAR_WRITEFILEERR)
           << "a counter that cannot be saved refuses the attempt, the right PIN too";
+      chmod(Dir().c_str(), 0700);
       EXPECT_EQ(Remain(a.type), 3u);
     }
     // Killed as the lowered counter starts to be written: the PIN was not

@@ -5,7 +5,7 @@ FUZZ_BUILD   ?= build-fuzz
 TSAN_BUILD   ?= build-tsan
 FUZZ_SECONDS ?= 60
 FUZZ_SMOKE_SECONDS ?= 4
-KILL_ROUNDS  ?= 300
+KILL_ROUNDS  ?= 400
 JOBS         ?= $(shell nproc)
 # Warnings are errors (-Wshadow included) in every build make test makes;
 # WERROR=OFF for a compiler this tree has not met yet.

@@ -7,7 +7,7 @@
 # usage: softkey-kill-loop.sh BUILD_DIR [ROUNDS]
 set -euo pipefail
 build=$(cd "${1:?build dir}" && pwd)
-rounds=${2:-300}
+rounds=${2:-400}
 tool="$build/softkey/zeph-softkey"
 zeph="$build/tools/zeph"
 work=$(mktemp -d /tmp/zeph-kill-loop-XXXXXX)
@@ -56,10 +56,12 @@ for op in pin sign write; do
   t0=$(date +%s%N)
   start $op "generation 0"
   wait $! || true
-  span[$op]=$((($(date +%s%N) - t0) / 1000000 * 5 / 4 + 5))
+  span[$op]=$((($(date +%s%N) - t0) / 1000000 + 5))
 done
 verify $user_pin
+done_rounds=0
 for ((i = 1; i <= rounds; i++)); do
+  done_rounds=$i
   user_before=$(remain user)
   admin_before=$(remain admin)
   text_before=$(file_text)
@@ -79,8 +81,8 @@ for ((i = 1; i <= rounds; i++)); do
     finished[$op]=$((${finished[$op]} + 1))
   fi
 
-  if ! "$tool" show --serial $serial >/dev/null 2>&1; then
-    fail $i "the device no longer loads after $op"
+  if ! shown=$("$tool" show --serial $serial 2>&1); then
+    fail $i "the device no longer loads after $op: $shown"
     break
   fi
   user_after=$(remain user)
@@ -108,6 +110,6 @@ stale=$(find "$ZEPH_SOFTKEY_ROOT/$serial" -name 'device.json.tmp.*' | wc -l)
 "$zeph" sign --config "$work" --pin $user_pin --data final >/dev/null || fail end "the key no longer signs"
 
 echo "kill-loop: windows pin ${span[pin]} ms, sign ${span[sign]} ms, write ${span[write]} ms"
-echo "kill-loop: $rounds rounds; killed mid-way: pin ${killed[pin]}, sign ${killed[sign]}, write ${killed[write]};" \
+echo "kill-loop: $done_rounds rounds; killed mid-way: pin ${killed[pin]}, sign ${killed[sign]}, write ${killed[write]};" \
   "finished first: pin ${finished[pin]}, sign ${finished[sign]}, write ${finished[write]}; failures: $failures"
 ((failures == 0))

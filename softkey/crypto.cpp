@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include <openssl/core_names.h>
-#include <openssl/kdf.h>
 #include <openssl/obj_mac.h>
 #include <openssl/param_build.h>
 #include <openssl/pem.h>
@@ -217,20 +216,9 @@ bool DerivePinKey(const Pin &rec, std::string_view pin, SecureBytes &out_kek) {
            PKCS5_PBKDF2_HMAC(pin.data(), static_cast<int>(pin.size()), rec.salt.data(),
                              static_cast<int>(rec.salt.size()), static_cast<int>(rec.iterations), EVP_sm3(),
                              static_cast<int>(out_kek.size()), out_kek.data()) == 1;
-  zeph::EvpKdfPtr kdf(EVP_KDF_fetch(nullptr, "SCRYPT", nullptr));
-  zeph::EvpKdfCtxPtr ctx(kdf ? EVP_KDF_CTX_new(kdf.get()) : nullptr);
-  if (!ctx) return false;
-  uint64_t n = rec.scrypt_n, maxmem = kScryptMaxMem;
-  uint32_t r = rec.scrypt_r, p = rec.scrypt_p;
-  const OSSL_PARAM params[] = {
-      OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_PASSWORD, const_cast<char *>(pin.data()), pin.size()),
-      OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_SALT, const_cast<uint8_t *>(rec.salt.data()), rec.salt.size()),
-      OSSL_PARAM_construct_uint64(OSSL_KDF_PARAM_SCRYPT_N, &n),
-      OSSL_PARAM_construct_uint32(OSSL_KDF_PARAM_SCRYPT_R, &r),
-      OSSL_PARAM_construct_uint32(OSSL_KDF_PARAM_SCRYPT_P, &p),
-      OSSL_PARAM_construct_uint64(OSSL_KDF_PARAM_SCRYPT_MAXMEM, &maxmem),
-      OSSL_PARAM_construct_end()};
-  return EVP_KDF_derive(ctx.get(), out_kek.data(), out_kek.size(), params) == 1;
+  // OpenSSL's scrypt KDF behind its one-call form.
+  return EVP_PBE_scrypt(pin.data(), pin.size(), rec.salt.data(), rec.salt.size(), rec.scrypt_n, rec.scrypt_r,
+                        rec.scrypt_p, kScryptMaxMem, out_kek.data(), out_kek.size()) == 1;
 }
 
 bool IsCurrentForm(const Pin &rec) {

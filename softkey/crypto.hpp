@@ -21,8 +21,8 @@ using zeph::EvpPkeyPtr;
 using zeph::SecureBytes;
 using ByteSpan = std::span<const uint8_t>;
 
-// PIN-derived keys. New records use scrypt (16 MiB, about 30 ms a PIN on one
-// core of the reference machine; docs/softkey.md has the figures); the
+// PIN-derived keys. New records use scrypt (16 MiB, about 40 ms of CPU a PIN on
+// the build machine; docs/softkey.md has the figures); the
 // PBKDF2-HMAC-SM3 records of older devices still open and move to scrypt the
 // next time their PIN is verified.
 constexpr uint32_t kScryptN = 1u << 14, kScryptR = 8, kScryptP = 1;

@@ -12,7 +12,6 @@
 #include <openssl/core.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
-#include <openssl/kdf.h>
 #include <openssl/param_build.h>
 #include <openssl/x509.h>
 
@@ -35,8 +34,6 @@ using EvpPkeyPtr = std::unique_ptr<EVP_PKEY, Free<EVP_PKEY_free>>;
 using EvpPkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, Free<EVP_PKEY_CTX_free>>;
 using EvpMdCtxPtr = std::unique_ptr<EVP_MD_CTX, Free<EVP_MD_CTX_free>>;
 using EvpCipherCtxPtr = std::unique_ptr<EVP_CIPHER_CTX, Free<EVP_CIPHER_CTX_free>>;
-using EvpKdfPtr = std::unique_ptr<EVP_KDF, Free<EVP_KDF_free>>;
-using EvpKdfCtxPtr = std::unique_ptr<EVP_KDF_CTX, Free<EVP_KDF_CTX_free>>;
 using X509Ptr = std::unique_ptr<X509, Free<X509_free>>;
 using X509SigPtr = std::unique_ptr<X509_SIG, Free<X509_SIG_free>>;
 using BioPtr = std::unique_ptr<BIO, Free<BIO_free_all>>;

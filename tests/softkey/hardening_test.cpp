@@ -22,10 +22,6 @@ namespace fs = std::filesystem;
 
 class HardeningTest : public SoftkeyTest {
  protected:
-  void TearDown() override {
-    unsetenv("ZEPH_SOFTKEY_KILL");
-    SoftkeyTest::TearDown();
-  }
   std::string Dir(const char *serial = kSerial) const { return root.file(serial); }
 
   // Runs body in a child process: its status, or nothing when it was killed.

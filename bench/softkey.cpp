@@ -150,15 +150,15 @@ void PrintRatios(const zeph_bench::RatioReporter &r) {
   // One PIN check costs one derivation (two on the first check of an older
   // record); an offline guess costs the same derivation and nothing else.
   // Rates are per CPU second: what one core does, whatever else runs.
-  const double session_rate = r.BestRate("BM_Softkey_SessionAndSign");
+  const double session_cpu = r.CpuSeconds("BM_Softkey_SessionAndSign");
   for (const char *name : {"BM_PinKdf_Pbkdf2Sm3/4096", "BM_PinKdf_Pbkdf2Sm3/65536", "BM_PinKdf_Pbkdf2Sm3/262144",
                            "BM_PinKdf_Scrypt/16384"}) {
-    const double rate = r.BestRate(name);
-    if (rate > 0 && session_rate > 0)
+    const double kdf = r.CpuSeconds(name);
+    if (kdf > 0 && session_cpu > 0)
       std::printf("%-27s %7.1f guesses/s per core, %5.1f ms CPU a PIN check, %3.0f%% of a session's CPU\n", name + 3,
-                  rate, 1e3 / rate, 100 * session_rate / rate);
+                  1 / kdf, 1e3 * kdf, 100 * kdf / session_cpu);
   }
-  if (session_rate > 0) std::printf("session with sign: %.1f ms CPU\n", 1e3 / session_rate);
+  if (session_cpu > 0) std::printf("session with sign: %.1f ms CPU\n", 1e3 * session_cpu);
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ namespace zeph_test {
 class SoftkeyFixture : public ::testing::Test {
  protected:
   void SetUp() override;     // ZEPH_SOFTKEY_ROOT is this test's folder
-  void TearDown() override;  // no fault injection, kill point or trace left behind
+  void TearDown() override;  // no fault injection, no trace left behind
 
   // "zeph-softkey --root <root> <args>": its exit code, its words in *out.
   int Tool(const std::string &args, std::string *out = nullptr) const;

@@ -5,6 +5,7 @@ FUZZ_BUILD   ?= build-fuzz
 TSAN_BUILD   ?= build-tsan
 FUZZ_SECONDS ?= 60
 FUZZ_SMOKE_SECONDS ?= 4
+KILL_ROUNDS  ?= 400
 JOBS         ?= $(shell nproc)
 # Warnings are errors (-Wshadow included) in every build make test makes;
 # WERROR=OFF for a compiler this tree has not met yet.
@@ -57,8 +58,11 @@ test: deps
 	$(MAKE) test-normal
 	$(MAKE) test-asan
 
-fuzz: build-fuzz
+# The fuzz targets, then kill -9 at random moments of software-key work
+# (PIN checks, signatures, file writes) with what survives checked.
+fuzz: build-fuzz build
 	bash scripts/fuzz.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+	bash scripts/softkey-kill-loop.sh $(BUILD) $(KILL_ROUNDS)
 
 # ThreadSanitizer over the code that promises threads: randomness contexts
 # and runners at once (a small build of its own, outside `make test`).

@@ -24,6 +24,7 @@ using zeph::ParamPtr;
 using zeph::X509Ptr;
 
 constexpr size_t kIv = 16, kTag = 32;
+constexpr uint64_t kScryptMaxMem = 256u << 20;  // bounds what a planted record can ask for
 
 void RandomOrThrow(uint8_t *p, size_t n) {
   if (RAND_bytes(p, static_cast<int>(n)) != 1) throw std::bad_alloc();
@@ -207,20 +208,53 @@ SecureBytes NewMasterKey() {
   return k;
 }
 
-static bool PinKey(const Pin &rec, std::string_view pin, SecureBytes &kek) {
-  kek = SecureBytes(32);
-  return rec.iterations != 0 && rec.iterations <= 10'000'000 &&
-         PKCS5_PBKDF2_HMAC(pin.data(), static_cast<int>(pin.size()), rec.salt.data(), static_cast<int>(rec.salt.size()),
-                           static_cast<int>(rec.iterations), EVP_sm3(), static_cast<int>(kek.size()), kek.data()) == 1;
+bool DerivePinKey(const Pin &rec, std::string_view pin, SecureBytes &out_kek) {
+  out_kek = SecureBytes(32);
+  if (rec.salt.empty() || pin.size() > kMaxPin) return false;
+  if (rec.kdf == Kdf::kPbkdf2Sm3)
+    return rec.iterations != 0 && rec.iterations <= 10'000'000 &&
+           PKCS5_PBKDF2_HMAC(pin.data(), static_cast<int>(pin.size()), rec.salt.data(),
+                             static_cast<int>(rec.salt.size()), static_cast<int>(rec.iterations), EVP_sm3(),
+                             static_cast<int>(out_kek.size()), out_kek.data()) == 1;
+  // OpenSSL's scrypt KDF behind its one-call form.
+  return EVP_PBE_scrypt(pin.data(), pin.size(), rec.salt.data(), rec.salt.size(), rec.scrypt_n, rec.scrypt_r,
+                        rec.scrypt_p, kScryptMaxMem, out_kek.data(), out_kek.size()) == 1;
+}
+
+bool IsCurrentForm(const Pin &rec) {
+  return !rec.pub.empty() && rec.kdf == Kdf::kScrypt && rec.scrypt_n == kScryptN && rec.scrypt_r == kScryptR &&
+         rec.scrypt_p == kScryptP;
+}
+
+bool SealMaster(Pin &rec, ByteSpan master) {
+  if (rec.pub.empty()) return false;
+  EvpPkeyPtr pub = Sm2FromPoint(rec.pub);
+  EvpPkeyCtxPtr ctx(pub ? EVP_PKEY_CTX_new(pub.get(), nullptr) : nullptr);
+  size_t n = 0;
+  if (!ctx || EVP_PKEY_encrypt_init(ctx.get()) != 1 ||
+      EVP_PKEY_encrypt(ctx.get(), nullptr, &n, master.data(), master.size()) != 1)
+    throw std::bad_alloc();
+  Bytes envelope(n);
+  if (EVP_PKEY_encrypt(ctx.get(), envelope.data(), &n, master.data(), master.size()) != 1) throw std::bad_alloc();
+  envelope.resize(n);
+  rec.envelope = std::move(envelope);
+  return true;
 }
 
 void RewrapPin(Pin &rec, std::string_view pin, ByteSpan master) {
-  rec.iterations = kPinIterations;
+  rec.kdf = Kdf::kScrypt;
+  rec.iterations = 0;
+  rec.scrypt_n = kScryptN;
+  rec.scrypt_r = kScryptR;
+  rec.scrypt_p = kScryptP;
   rec.salt.assign(16, 0);
   RandomOrThrow(rec.salt.data(), rec.salt.size());
-  SecureBytes kek;
-  if (!PinKey(rec, pin, kek)) throw std::bad_alloc();
-  rec.wrapped = Wrap(kek.span(), master);
+  SecureBytes kek, d;
+  EvpPkeyPtr k = Sm2Generate();
+  if (!k || !Sm2Point(k.get(), rec.pub) || !Sm2Scalar(k.get(), d) || !DerivePinKey(rec, pin, kek))
+    throw std::bad_alloc();
+  rec.wrapped = Wrap(kek.span(), d.span());
+  SealMaster(rec, master);
   rec.remain = rec.max_retry;
 }
 
@@ -233,8 +267,36 @@ Pin MakePin(std::string_view pin, ByteSpan master, uint32_t max_retry) {
 }
 
 bool UnwrapMaster(const Pin &rec, std::string_view pin, SecureBytes &out_master) {
-  SecureBytes kek;
-  return PinKey(rec, pin, kek) && Unwrap(kek.span(), rec.wrapped, out_master) && out_master.size() == 32;
+  SecureBytes kek, inner;
+  if (!DerivePinKey(rec, pin, kek) || !Unwrap(kek.span(), rec.wrapped, inner)) return false;
+  if (rec.pub.empty()) {  // the old form: the master key itself
+    if (inner.size() != 32) return false;
+    out_master = std::move(inner);
+    return true;
+  }
+  EvpPkeyPtr k = inner.size() == 32 ? Sm2FromScalar(inner.span()) : nullptr;
+  EvpPkeyCtxPtr ctx(k ? EVP_PKEY_CTX_new(k.get(), nullptr) : nullptr);
+  size_t n = 0;
+  if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 ||
+      EVP_PKEY_decrypt(ctx.get(), nullptr, &n, rec.envelope.data(), rec.envelope.size()) != 1)
+    return false;
+  SecureBytes master(n);
+  if (EVP_PKEY_decrypt(ctx.get(), master.data(), &n, rec.envelope.data(), rec.envelope.size()) != 1 || n != 32)
+    return false;
+  master.resize(n);
+  out_master = std::move(master);
+  return true;
+}
+
+bool RewrapKeys(Application &app, ByteSpan from, ByteSpan to) {
+  for (auto &c : app.containers)
+    for (auto *kp : {&c.sign, &c.enc}) {
+      if (!*kp) continue;
+      SecureBytes plain;
+      if (!Unwrap(from, (*kp)->wrapped, plain)) return false;
+      (*kp)->wrapped = Wrap(to, plain.span());
+    }
+  return true;
 }
 
 // ---- SM4 -------------------------------------------------------------------

@@ -21,7 +21,12 @@ using zeph::EvpPkeyPtr;
 using zeph::SecureBytes;
 using ByteSpan = std::span<const uint8_t>;
 
-constexpr uint32_t kPinIterations = 4096;
+// PIN-derived keys. New records use scrypt (16 MiB, about 40 ms of CPU a PIN on
+// the build machine; docs/softkey.md has the figures); the
+// PBKDF2-HMAC-SM3 records of older devices still open and move to scrypt the
+// next time their PIN is verified.
+constexpr uint32_t kScryptN = 1u << 14, kScryptR = 8, kScryptP = 1;
+constexpr uint32_t kPbkdf2Iterations = 4096;  // what older devices were written with
 constexpr size_t kMinPin = 6, kMaxPin = 16;
 inline const ByteSpan kDefaultId(reinterpret_cast<const uint8_t *>(zeph::kDefaultSm2Id), zeph::kDefaultSm2IdLen);
 
@@ -31,12 +36,22 @@ Bytes Wrap(ByteSpan key, ByteSpan plain);
 bool Unwrap(ByteSpan key, ByteSpan wrapped, SecureBytes &out_plain);
 
 // Every application has one random master key that wraps its private keys;
-// each PIN record holds it wrapped under a key derived from the PIN.
+// each PIN record opens it (model.hpp, Pin).
 SecureBytes NewMasterKey();
 Pin MakePin(std::string_view pin, ByteSpan master, uint32_t max_retry);
+// The key a record's PIN derives under the record's KDF and cost.
+bool DerivePinKey(const Pin &rec, std::string_view pin, SecureBytes &out_kek);
 bool UnwrapMaster(const Pin &rec, std::string_view pin, SecureBytes &out_master);
-// Re-wraps the master key under a new PIN, keeping the counters' maximum.
+// A new PIN (or the same one in the current form): fresh salt, key pair and
+// KDF cost; the counter back at its maximum.
 void RewrapPin(Pin &rec, std::string_view pin, ByteSpan master);
+bool IsCurrentForm(const Pin &rec);
+// Gives a current-form record another master key without its PIN; false for
+// a record of the old form.
+bool SealMaster(Pin &rec, ByteSpan master);
+// Every private key of the application from one master key to another;
+// false when one does not open (a damaged device).
+bool RewrapKeys(Application &app, ByteSpan from, ByteSpan to);
 
 // SM4-ECB over whole blocks (a multiple of 16 bytes), no padding; out holds
 // in.size() bytes.

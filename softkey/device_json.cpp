@@ -19,7 +19,9 @@ using JsonPtr = std::unique_ptr<cJSON, zeph::Free<cJSON_Delete>>;
 void FreeText(char *p) noexcept { cJSON_free(p); }
 using JsonTextPtr = std::unique_ptr<char, zeph::Free<FreeText>>;
 
-constexpr int kFormat = 1;
+// 2: PIN records may name their KDF and carry a key pair (model.hpp, Pin).
+// Format 1 files are read as they are and written back as 2.
+constexpr int kFormat = 2;
 
 std::string Hex(const Bytes &b) {
   static const char kDigits[] = "0123456789abcdef";
@@ -108,9 +110,20 @@ cJSON *PinJson(const Pin &p) {
   PutU32(o.get(), "max", p.max_retry);
   PutU32(o.get(), "remain", p.remain);
   Put(o.get(), "default", cJSON_CreateBool(p.is_default));
-  PutU32(o.get(), "iterations", p.iterations);
+  if (p.kdf == Kdf::kPbkdf2Sm3) {
+    PutU32(o.get(), "iterations", p.iterations);
+  } else {
+    PutText(o.get(), "kdf", "scrypt");
+    PutU32(o.get(), "n", p.scrypt_n);
+    PutU32(o.get(), "r", p.scrypt_r);
+    PutU32(o.get(), "p", p.scrypt_p);
+  }
   PutText(o.get(), "salt", Hex(p.salt));
   PutText(o.get(), "wrapped", Hex(p.wrapped));
+  if (!p.pub.empty()) {
+    PutText(o.get(), "pub", Hex(p.pub));
+    PutText(o.get(), "envelope", Hex(p.envelope));
+  }
   return o.release();
 }
 
@@ -188,10 +201,26 @@ bool GetB64(const cJSON *o, const char *k, Bytes &out) {
   return GetString(o, k, s) && Unbase64(s, out);
 }
 
+// The KDF and its cost: "kdf":"scrypt" with n, r and p; without "kdf" the
+// PBKDF2-HMAC-SM3 rounds of the first devices.
+bool ParseKdf(const cJSON *o, Pin &p) {
+  std::string kdf;
+  if (!GetString(o, "kdf", kdf)) {
+    p.kdf = Kdf::kPbkdf2Sm3;
+    return GetU32(o, "iterations", p.iterations) && p.iterations != 0;
+  }
+  p.kdf = Kdf::kScrypt;
+  return kdf == "scrypt" && GetU32(o, "n", p.scrypt_n) && GetU32(o, "r", p.scrypt_r) && GetU32(o, "p", p.scrypt_p) &&
+         p.scrypt_n >= 2 && (p.scrypt_n & (p.scrypt_n - 1)) == 0 && p.scrypt_r != 0 && p.scrypt_p != 0;
+}
+
 bool ParsePin(const cJSON *o, Pin &p) {
-  return cJSON_IsObject(o) && GetU32(o, "max", p.max_retry) && GetU32(o, "remain", p.remain) &&
-         p.remain <= p.max_retry && GetBool(o, "default", p.is_default) && GetU32(o, "iterations", p.iterations) &&
-         p.iterations != 0 && GetHex(o, "salt", p.salt) && GetHex(o, "wrapped", p.wrapped);
+  if (!cJSON_IsObject(o) || !GetU32(o, "max", p.max_retry) || !GetU32(o, "remain", p.remain) ||
+      p.remain > p.max_retry || !GetBool(o, "default", p.is_default) || !ParseKdf(o, p) || !GetHex(o, "salt", p.salt) ||
+      !GetHex(o, "wrapped", p.wrapped))
+    return false;
+  if (cJSON_GetObjectItemCaseSensitive(o, "pub") == nullptr) return true;  // the old form
+  return GetHex(o, "pub", p.pub) && p.pub.size() == 65 && GetHex(o, "envelope", p.envelope);
 }
 
 bool ParseKey(const cJSON *o, std::optional<KeyPair> &out) {
@@ -265,10 +294,11 @@ bool Parse(std::string_view text, Device &out_device) {
   const cJSON *o = root.get();
   uint32_t format = 0;
   Device d;
-  if (!cJSON_IsObject(o) || !GetU32(o, "format", format) || format != kFormat || !GetString(o, "serial", d.serial) ||
-      !GetString(o, "label", d.label) || !GetString(o, "manufacturer", d.manufacturer) ||
-      !GetString(o, "issuer", d.issuer) || !GetHex(o, "authKey", d.auth_key) || d.auth_key.size() != 16 ||
-      !GetU32(o, "totalSpace", d.total_space) || !ParseArray(o, "apps", d.apps, ParseApp))
+  if (!cJSON_IsObject(o) || !GetU32(o, "format", format) || format < 1 || format > kFormat ||
+      !GetString(o, "serial", d.serial) || !GetString(o, "label", d.label) ||
+      !GetString(o, "manufacturer", d.manufacturer) || !GetString(o, "issuer", d.issuer) ||
+      !GetHex(o, "authKey", d.auth_key) || d.auth_key.size() != 16 || !GetU32(o, "totalSpace", d.total_space) ||
+      !ParseArray(o, "apps", d.apps, ParseApp))
     return false;
   out_device = std::move(d);
   return true;

@@ -63,8 +63,12 @@ Text ReadText(const char *p, size_t max, std::string_view &out_text) {
 }
 
 ULONG Change(const std::string &dir, const std::function<ULONG(Device &)> &change) {
+  return ChangeInSteps(dir, [&](Device &d, const SaveStep &) { return change(d); });
+}
+
+ULONG ChangeInSteps(const std::string &dir, const StepChange &change) {
   if (DevicePresence(dir) != Presence::kPresent) return SAR_DEVICE_REMOVED;
-  const ULONG rv = UpdateDevice(dir, change);
+  const ULONG rv = UpdateDeviceInSteps(dir, change);
   return rv == kUnchanged ? SAR_OK : rv;
 }
 

@@ -48,5 +48,7 @@ Text ReadText(const char *p, size_t max, std::string_view &out_text);
 // is and counts as success.
 constexpr ULONG kUnchanged = 0xFFFFFFFFu;
 ULONG Change(const std::string &dir, const std::function<ULONG(Device &)> &change);
+// The same with intermediate states saved under the same lock (store.hpp).
+ULONG ChangeInSteps(const std::string &dir, const StepChange &change);
 
 }  // namespace softkey

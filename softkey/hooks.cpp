@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 namespace softkey {
@@ -98,6 +99,17 @@ void TraceCall(const char *fn, In in, const void *out, ULONG rv) {
   const ssize_t written = ::write(fd, line, static_cast<size_t>(n));
   (void)written;  // a trace is best effort
   ::close(fd);
+}
+
+void KillPoint(const char *point) {
+  const char *env = std::getenv("ZEPH_SOFTKEY_KILL");
+  if (env == nullptr || *env == '\0') return;
+  static std::map<std::string, uint64_t> *seen = new std::map<std::string, uint64_t>;  // per process, never freed
+  const std::string rule = env;
+  const size_t colon = rule.rfind(':');
+  if (colon == std::string::npos || rule.compare(0, colon, point) != 0) return;
+  const uint64_t due = std::strtoull(rule.c_str() + colon + 1, nullptr, 10);
+  if (++(*seen)[point] == due) ::kill(::getpid(), SIGKILL);
 }
 
 }  // namespace softkey

@@ -16,6 +16,15 @@
 //   in= for every call that names a handle (0x0 for a null one), out= when a
 //   call succeeded and produced one; faulted calls show the injected status.
 //   Unset or empty: no trace.
+//
+// ZEPH_SOFTKEY_KILL: POINT:N. The N-th time (1-based, counted per process)
+//   the process reaches POINT it kills itself with SIGKILL, as a power cut or
+//   kill -9 would. Points of every device state write:
+//     state-write   before the temporary file is created
+//     state-rename  the temporary written and flushed, not yet in place
+//     state-done    the new state in place
+//   So "state-write:1" stops a PIN check before its lowered counter is saved
+//   and "state-write:2" right after the PIN was compared.
 #pragma once
 
 #include <optional>
@@ -37,5 +46,7 @@ inline In H(const void *h) { return In{true, h}; }
 std::optional<ULONG> InjectedFault(const char *fn);
 // One trace line, when a trace file is set.
 void TraceCall(const char *fn, In in, const void *out, ULONG rv);
+// Dies here when ZEPH_SOFTKEY_KILL names this point and its count is due.
+void KillPoint(const char *point);
 
 }  // namespace softkey

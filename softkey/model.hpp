@@ -34,13 +34,25 @@ inline bool Allows(uint32_t rights, uint32_t role) {
   return rights == SECURE_EVERYONE_ACCOUNT || (role != kRoleNone && (rights & role) != 0);
 }
 
+// How a PIN becomes the key that opens its record.
+enum class Kdf { kPbkdf2Sm3, kScrypt };
+
+// A PIN record. The current form keeps an SM2 key pair per PIN: the private
+// scalar wrapped under the PIN-derived key, the public point in clear and the
+// application's master key encrypted to it, so the master key can be renewed
+// for a PIN nobody typed. Records written before that form (pub empty) hold
+// the master key itself wrapped under the PIN-derived key.
 struct Pin {
   uint32_t max_retry = 0;
   uint32_t remain = 0;
   bool is_default = true;
-  uint32_t iterations = 0;  // PBKDF2-HMAC-SM3 rounds for this PIN
+  Kdf kdf = Kdf::kScrypt;
+  uint32_t iterations = 0;                            // PBKDF2-HMAC-SM3 rounds
+  uint32_t scrypt_n = 0, scrypt_r = 0, scrypt_p = 0;  // scrypt cost
   Bytes salt;
-  Bytes wrapped;  // the application's master key wrapped under the PIN-derived key
+  Bytes wrapped;   // the record's private scalar (or, in the old form, the master key) under the PIN-derived key
+  Bytes pub;       // the record's public point, 65 bytes; empty in the old form
+  Bytes envelope;  // the master key, SM2-encrypted to pub
 };
 
 // One key pair: the public half in clear, the private half wrapped under the

@@ -44,24 +44,46 @@ void SetRetry(ULONG *out, uint32_t v) {
   if (out != nullptr) *out = v;
 }
 
-// Checks a PIN against its record, counting down on a mismatch. The status is
-// the caller's; the record changes whenever the counter does.
-ULONG CheckPin(Pin &rec, std::string_view pin, SecureBytes &master, ULONG *retry, bool &changed) {
-  changed = false;
+// Checks a PIN as a card does: the lowered counter is on disk before the PIN
+// is compared, so no answer goes uncounted, and an attempt whose counter
+// cannot be saved is refused unanswered, the right PIN included. A match
+// restores the counter; a record of an older form moves to the current one
+// while its PIN is at hand.
+ULONG CheckPin(Device &dev, Pin &rec, std::string_view pin, const SaveStep &save, SecureBytes &out_master,
+               ULONG *retry) {
   if (rec.remain == 0) {
     SetRetry(retry, 0);
     return SAR_PIN_LOCKED;
   }
-  if (UnwrapMaster(rec, pin, master)) {
-    changed = rec.remain != rec.max_retry;
-    rec.remain = rec.max_retry;
-    SetRetry(retry, rec.remain);
+  --rec.remain;
+  ZEPH_TRY(save(dev));
+  SetRetry(retry, rec.remain);
+  if (!UnwrapMaster(rec, pin, out_master)) return rec.remain == 0 ? SAR_PIN_LOCKED : SAR_PIN_INCORRECT;
+  rec.remain = rec.max_retry;
+  SetRetry(retry, rec.remain);
+  if (!IsCurrentForm(rec)) RewrapPin(rec, pin, out_master.span());
+  return SAR_OK;
+}
+
+// What a change returns after CheckPin: a refused PIN is on disk already.
+ULONG Settle(ULONG checked) { return checked == SAR_PIN_INCORRECT || checked == SAR_PIN_LOCKED ? kUnchanged : checked; }
+
+// A new PIN comes with a new master key and every private key re-wrapped, so
+// a copy of the device file from before the change, opened with the old PIN,
+// reaches no current key. The other PIN's record takes the new master key
+// through its public half; when that record is of the old form the master
+// key stays until its PIN is next verified.
+ULONG RenewPin(Application &app, Pin &rec, Pin &other, std::string_view pin, SecureBytes &master) {
+  if (other.pub.empty()) {
+    RewrapPin(rec, pin, master.span());
     return SAR_OK;
   }
-  --rec.remain;
-  changed = true;
-  SetRetry(retry, rec.remain);
-  return rec.remain == 0 ? SAR_PIN_LOCKED : SAR_PIN_INCORRECT;
+  SecureBytes next = NewMasterKey();
+  ZEPH_ENSURE(RewrapKeys(app, master.span(), next.span()), SAR_FILEERR);
+  RewrapPin(rec, pin, next.span());
+  SealMaster(other, next.span());
+  master = std::move(next);
+  return SAR_OK;
 }
 
 void LogOut(AppObj &a) {
@@ -161,16 +183,15 @@ ULONG SKF_VerifyPIN(HAPPLICATION hApp, ULONG ulPINType, LPSTR szPIN, ULONG *pulR
     ZEPH_TRY(ReadPin(szPIN, pin));
     ULONG result = SAR_FAIL;
     SecureBytes master;
-    ZEPH_TRY(Change(a.obj->dir, [&](Device &dev) -> ULONG {
+    const ULONG rv = ChangeInSteps(a.obj->dir, [&](Device &dev, const SaveStep &save) -> ULONG {
       Application *app = AppIn(dev, *a.obj);
       ZEPH_ENSURE(app != nullptr, SAR_INVALIDHANDLEERR);
-      bool changed = false;
-      result = CheckPin(ulPINType == USER_TYPE ? app->user : app->admin, pin, master, pulRetryCount, changed);
-      return changed ? SAR_OK : kUnchanged;
-    }));
-    if (result != SAR_OK) {
+      result = CheckPin(dev, ulPINType == USER_TYPE ? app->user : app->admin, pin, save, master, pulRetryCount);
+      return Settle(result);
+    });
+    if (rv != SAR_OK || result != SAR_OK) {
       LogOut(*a.obj);  // a failed attempt ends the login
-      return result;
+      return rv != SAR_OK ? rv : result;
     }
     a.obj->role = ulPINType == USER_TYPE ? kRoleUser : kRoleAdmin;
     a.obj->master = std::move(master);
@@ -187,18 +208,20 @@ ULONG SKF_ChangePIN(HAPPLICATION hApp, ULONG ulPINType, LPSTR szOldPin, LPSTR sz
     ZEPH_TRY(ReadPin(szOldPin, old_pin));
     ZEPH_TRY(ReadPin(szNewPin, new_pin));
     ULONG result = SAR_FAIL;
-    ZEPH_TRY(Change(a.obj->dir, [&](Device &dev) -> ULONG {
+    SecureBytes master;
+    const ULONG rv = ChangeInSteps(a.obj->dir, [&](Device &dev, const SaveStep &save) -> ULONG {
       Application *app = AppIn(dev, *a.obj);
       ZEPH_ENSURE(app != nullptr, SAR_INVALIDHANDLEERR);
-      Pin &rec = ulPINType == USER_TYPE ? app->user : app->admin;
-      SecureBytes master;
-      bool changed = false;
-      result = CheckPin(rec, old_pin, master, pulRetryCount, changed);
-      if (result != SAR_OK) return changed ? SAR_OK : kUnchanged;
-      RewrapPin(rec, new_pin, master.span());
+      const bool user = ulPINType == USER_TYPE;
+      Pin &rec = user ? app->user : app->admin;
+      result = CheckPin(dev, rec, old_pin, save, master, pulRetryCount);
+      if (result != SAR_OK) return Settle(result);
+      ZEPH_TRY(RenewPin(*app, rec, user ? app->admin : app->user, new_pin, master));
       rec.is_default = false;
       return SAR_OK;
-    }));
+    });
+    ZEPH_TRY(rv);
+    if (result == SAR_OK && a.obj->role != kRoleNone) a.obj->master = std::move(master);  // still logged in
     return result;
   });
 }
@@ -227,17 +250,18 @@ ULONG SKF_UnblockPIN(HAPPLICATION hApp, LPSTR szAdminPIN, LPSTR szNewUserPIN, UL
     ZEPH_TRY(ReadPin(szAdminPIN, admin_pin));
     ZEPH_TRY(ReadPin(szNewUserPIN, user_pin));
     ULONG result = SAR_FAIL;
-    ZEPH_TRY(Change(a.obj->dir, [&](Device &dev) -> ULONG {
+    SecureBytes master;
+    const ULONG rv = ChangeInSteps(a.obj->dir, [&](Device &dev, const SaveStep &save) -> ULONG {
       Application *app = AppIn(dev, *a.obj);
       ZEPH_ENSURE(app != nullptr, SAR_INVALIDHANDLEERR);
-      SecureBytes master;
-      bool changed = false;
-      result = CheckPin(app->admin, admin_pin, master, pulRetryCount, changed);
-      if (result != SAR_OK) return changed ? SAR_OK : kUnchanged;
-      RewrapPin(app->user, user_pin, master.span());
+      result = CheckPin(dev, app->admin, admin_pin, save, master, pulRetryCount);
+      if (result != SAR_OK) return Settle(result);
+      ZEPH_TRY(RenewPin(*app, app->user, app->admin, user_pin, master));
       app->user.is_default = false;
       return SAR_OK;
-    }));
+    });
+    ZEPH_TRY(rv);
+    if (result == SAR_OK && a.obj->role != kRoleNone) a.obj->master = std::move(master);
     return result;
   });
 }

@@ -41,7 +41,7 @@ ULONG SKF_ConnectDev(LPSTR szName, DEVHANDLE *phDev) {
     auto obj = std::make_unique<DeviceObj>();
     obj->dir = DeviceDir(RootDir(), std::string(name));
     std::shared_ptr<const Device> dev;
-    ZEPH_TRY(LoadDevice(obj->dir, dev));
+    ZEPH_TRY(OpenDevice(obj->dir, dev));
     *phDev = Handles().Add(std::move(obj), nullptr);
     return SAR_OK;
   });

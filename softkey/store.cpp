@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -17,6 +18,7 @@
 
 #include "device_json.hpp"
 #include "foundation/status_flow.hpp"
+#include "hooks.hpp"
 
 namespace softkey {
 
@@ -25,6 +27,7 @@ namespace {
 constexpr const char *kStateFile = "/device.json";
 constexpr const char *kLockFile = "/.lock";
 constexpr const char *kUnpluggedFile = "/unplugged";
+constexpr const char *kTempPrefix = "device.json.tmp.";
 
 // ---- files ---------------------------------------------------------------
 
@@ -65,8 +68,11 @@ bool ReadAll(const std::string &path, std::string &out, Identity &id) {
 
 // Temporary file, flush, rename over the old one: readers see the old state
 // or the new one, never a mixture.
-bool WriteAtomically(const std::string &path, const std::string &text, Identity &id) {
-  const std::string tmp = path + ".tmp." + std::to_string(::getpid()) + "." + RandomId();
+// The folder's entry is flushed too, so the rename itself survives a power
+// cut.
+bool WriteAtomically(const std::string &dir, const std::string &path, const std::string &text, Identity &id) {
+  KillPoint("state-write");
+  const std::string tmp = dir + "/" + kTempPrefix + std::to_string(::getpid()) + "." + RandomId();
   const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (fd < 0) return false;
   size_t put = 0;
@@ -82,8 +88,14 @@ bool WriteAtomically(const std::string &path, const std::string &text, Identity 
   struct stat st {};
   ok = ok && ::fsync(fd) == 0 && ::fstat(fd, &st) == 0;
   ::close(fd);
+  if (ok) KillPoint("state-rename");
   if (ok && ::rename(tmp.c_str(), path.c_str()) == 0) {
     id = IdentityOf(st);
+    if (const int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); dfd >= 0) {
+      ::fsync(dfd);
+      ::close(dfd);
+    }
+    KillPoint("state-done");
     return true;
   }
   ::unlink(tmp.c_str());
@@ -176,7 +188,7 @@ ULONG Store(const std::string &dir, const Device &d) {
   const std::string path = dir + kStateFile;
   std::string text = Serialize(d);
   Identity id;
-  if (!WriteAtomically(path, text, id)) return SAR_WRITEFILEERR;
+  if (!WriteAtomically(dir, path, text, id)) return SAR_WRITEFILEERR;
   Cache &cache = TheCache();
   std::lock_guard<std::mutex> guard(cache.mu);
   cache.entries[path] = CacheEntry{id, std::move(text), std::make_shared<Device>(d)};
@@ -188,9 +200,68 @@ bool IsFile(const std::string &p) {
   return ::stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
+// Temporaries of writers that died before their rename: each is a full old
+// state, PIN records included. Only under the device lock, where no live
+// writer has one.
+void SweepTemporaries(const std::string &dir) {
+  DIR *d = ::opendir(dir.c_str());
+  if (d == nullptr) return;
+  while (const dirent *e = ::readdir(d))
+    if (std::strncmp(e->d_name, kTempPrefix, std::strlen(kTempPrefix)) == 0) ::unlink((dir + "/" + e->d_name).c_str());
+  ::closedir(d);
+}
+
+// One line on stderr per refused folder and process, as ssh complains about
+// its files: a library has nobody else to tell why a device vanished.
+void ComplainOnce(const std::string &dir, const std::string &why) {
+  static std::mutex *mu = new std::mutex;
+  static std::map<std::string, std::string> *told = new std::map<std::string, std::string>;
+  std::lock_guard<std::mutex> guard(*mu);
+  if (auto [it, fresh] = told->emplace(dir, why); !fresh && it->second == why) return;
+  (*told)[dir] = why;
+  std::fprintf(stderr, "zeph-softkey: refusing %s: %s\n", dir.c_str(), why.c_str());
+}
+
+// The root and the device folder must be ours and closed to others.
+ULONG CheckDeviceFolders(const std::string &dir) {
+  const auto slash = dir.rfind('/');
+  std::string why;
+  if (slash != std::string::npos && slash != 0 && !FolderIsSafe(dir.substr(0, slash), &why)) {
+    ComplainOnce(dir.substr(0, slash), why);
+    return SAR_FILEERR;
+  }
+  if (!FolderIsSafe(dir, &why)) {
+    ComplainOnce(dir, why);
+    return SAR_FILEERR;
+  }
+  return SAR_OK;
+}
+
 }  // namespace
 
 // ---- paths and presence ----------------------------------------------------
+
+bool FolderIsSafe(const std::string &dir, std::string *why) {
+  struct stat st {};
+  if (::lstat(dir.c_str(), &st) != 0) return errno == ENOENT;  // created later, by us
+  const uid_t me = ::geteuid();
+  if (!S_ISDIR(st.st_mode)) {
+    *why = "not a folder (a link or a file stands in its place)";
+    return false;
+  }
+  if (st.st_uid != me) {
+    *why = "owned by uid " + std::to_string(st.st_uid) + ", not by uid " + std::to_string(me) +
+           " (remove it, or set ZEPH_SOFTKEY_ROOT to a folder of your own)";
+    return false;
+  }
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+    *why = std::string("writable by group or others (mode ") + mode + "; chmod go-w it)";
+    return false;
+  }
+  return true;
+}
 
 std::string RootDir() {
   if (const char *r = std::getenv("ZEPH_SOFTKEY_ROOT"); r != nullptr && *r != '\0') return r;
@@ -217,6 +288,10 @@ Presence DevicePresence(const std::string &dir) {
 
 std::vector<std::string> ListDevices(const std::string &root, bool present_only) {
   std::vector<std::string> names;
+  if (std::string why; !FolderIsSafe(root, &why)) {
+    ComplainOnce(root, why);
+    return names;
+  }
   DIR *d = ::opendir(root.c_str());
   if (d == nullptr) return names;
   while (const dirent *e = ::readdir(d)) {
@@ -235,18 +310,32 @@ std::vector<std::string> ListDevices(const std::string &root, bool present_only)
 ULONG LoadDevice(const std::string &dir, std::shared_ptr<const Device> &out_device, bool even_unplugged) {
   const Presence p = DevicePresence(dir);
   if (p == Presence::kMissing || (p == Presence::kUnplugged && !even_unplugged)) return SAR_DEVICE_REMOVED;
+  ZEPH_TRY(CheckDeviceFolders(dir));
   return Fresh(dir, out_device, true);
 }
 
-ULONG UpdateDevice(const std::string &dir, const std::function<ULONG(Device &)> &change) {
+ULONG OpenDevice(const std::string &dir, std::shared_ptr<const Device> &out_device) {
+  ZEPH_TRY(LoadDevice(dir, out_device));
+  DeviceLock lock(dir);
+  if (lock.held()) SweepTemporaries(dir);  // a read-only medium keeps them, harmlessly unread
+  return SAR_OK;
+}
+
+ULONG UpdateDeviceInSteps(const std::string &dir, const StepChange &change) {
   if (DevicePresence(dir) == Presence::kMissing) return SAR_DEVICE_REMOVED;
+  ZEPH_TRY(CheckDeviceFolders(dir));
   DeviceLock lock(dir);
   if (!lock.held()) return SAR_WRITEFILEERR;
+  SweepTemporaries(dir);
   std::shared_ptr<const Device> current;
   ZEPH_TRY(Fresh(dir, current, false));
   Device next = *current;
-  ZEPH_TRY(change(next));
+  ZEPH_TRY(change(next, [&dir](const Device &step) { return Store(dir, step); }));
   return Store(dir, next);
+}
+
+ULONG UpdateDevice(const std::string &dir, const std::function<ULONG(Device &)> &change) {
+  return UpdateDeviceInSteps(dir, [&](Device &d, const SaveStep &) { return change(d); });
 }
 
 ULONG CreateDevice(const std::string &dir, const Device &d) {
@@ -262,6 +351,7 @@ ULONG CreateDevice(const std::string &dir, const Device &d) {
     }
   }
   if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return SAR_WRITEFILEERR;
+  ZEPH_TRY(CheckDeviceFolders(dir));
   DeviceLock lock(dir);
   if (!lock.held()) return SAR_WRITEFILEERR;
   if (IsFile(dir + kStateFile)) return SAR_FILE_ALREADY_EXIST;
@@ -270,6 +360,7 @@ ULONG CreateDevice(const std::string &dir, const Device &d) {
 
 ULONG DeleteDevice(const std::string &dir) {
   if (DevicePresence(dir) == Presence::kMissing) return SAR_DEVICE_REMOVED;
+  ZEPH_TRY(CheckDeviceFolders(dir));
   {
     DeviceLock lock(dir);
     if (!lock.held()) return SAR_WRITEFILEERR;
@@ -292,6 +383,7 @@ ULONG DeleteDevice(const std::string &dir) {
 
 ULONG SetPlugged(const std::string &dir, bool plugged) {
   if (DevicePresence(dir) == Presence::kMissing) return SAR_DEVICE_REMOVED;
+  ZEPH_TRY(CheckDeviceFolders(dir));
   const std::string marker = dir + kUnpluggedFile;
   if (plugged) {
     if (::unlink(marker.c_str()) != 0 && errno != ENOENT) return SAR_WRITEFILEERR;

@@ -16,6 +16,7 @@
 
 #include "common/command_line.hpp"
 #include "common/io.hpp"
+#include "common/pin_input.hpp"
 #include "common/status.hpp"
 #include "crypto.hpp"
 #include "device_json.hpp"
@@ -38,10 +39,10 @@ The root folder is --root, else $ZEPH_SOFTKEY_ROOT, else a per-user folder.
   plug --serial SN
   unplug --serial SN
   show --serial SN
-  create-app    --serial SN --app NAME --admin-pin PIN (--user-pin PIN | --keysn-user-pin KEYSN)
+  create-app    --serial SN --app NAME --admin-pin PIN (--user-pin PIN | --keysn-user-pin KEYSN) [--pin-stdin]
                 [--admin-retry N] [--user-retry N] [--file-rights R]
   delete-app    --serial SN --app NAME
-  gen-key       --serial SN --app NAME --container NAME --user-pin PIN
+  gen-key       --serial SN --app NAME --container NAME --user-pin PIN [--pin-stdin]
                 --alg sm2|rsa1024|rsa2048 [--usage sign|enc|both]
                 [--subject DN] [--days N] [--no-cert]
   import-cert   --serial SN --app NAME --container NAME --cert FILE [--usage sign|enc]
@@ -50,6 +51,10 @@ The root folder is --root, else $ZEPH_SOFTKEY_ROOT, else a per-user folder.
                 [--read-rights R] [--write-rights R]
   read-file     --serial SN --app NAME --file NAME [--out FILE]
   delete-file   --serial SN --app NAME --file NAME
+
+--admin-pin and --user-pin may be left out: --pin-stdin reads them from
+standard input, one a line, administrator first; on a terminal they are
+asked for.
 )";
 
 // Every failure ends here: one clear line on stderr, a non-zero exit.
@@ -98,7 +103,7 @@ class Args {
   mutable std::set<std::string> used_;
 };
 
-const std::set<std::string> kFlags = {"--no-cert", "--der"};
+const std::set<std::string> kFlags = {"--no-cert", "--der", "--pin-stdin"};
 
 std::string Rights(uint32_t r) {
   char buf[8];
@@ -185,8 +190,15 @@ void WriteOutput(const std::string &path, const Bytes &data) {
   if (!zeph_tools::WriteOutput(path, data.data(), data.size(), &error)) Fail(error);
 }
 
+// From the command line, else standard input (--pin-stdin) or the terminal.
 std::string PinArg(const Args &a, const std::string &name) {
-  const std::string pin = a.Get(name);
+  std::string pin, error;
+  const bool from_stdin = a.Flag("pin-stdin");
+  if (a.Has(name))
+    pin = a.Get(name);
+  else if (!zeph_tools::ReadPin("--" + name, name == "admin-pin" ? "administrator PIN" : "user PIN", from_stdin, &pin,
+                                &error))
+    Fail(error, 2);
   if (pin.size() < kMinPin || pin.size() > kMaxPin) Fail("--" + name + " must be 6 to 16 characters", 2);
   return pin;
 }
@@ -268,10 +280,10 @@ void CreateAppCmd(const Context &c) {
   if (name.empty() || name.size() > kMaxAppName) Fail("--app must be 1 to 16 characters", 2);
   const std::string admin_pin = PinArg(c.args, "admin-pin");
   // A stamp application's user PIN is what the library derives from the keySN.
-  if (c.args.Has("user-pin") == c.args.Has("keysn-user-pin"))
-    Fail("give exactly one of --user-pin PIN and --keysn-user-pin KEYSN", 2);
+  if (c.args.Has("user-pin") && c.args.Has("keysn-user-pin"))
+    Fail("give one of --user-pin PIN and --keysn-user-pin KEYSN", 2);
   const std::string user_pin =
-      c.args.Has("user-pin") ? PinArg(c.args, "user-pin") : c.args.Get("keysn-user-pin").substr(0, kMaxPin);
+      c.args.Has("keysn-user-pin") ? c.args.Get("keysn-user-pin").substr(0, kMaxPin) : PinArg(c.args, "user-pin");
   if (user_pin.size() < kMinPin) Fail("--keysn-user-pin must be at least 6 characters", 2);
   const uint32_t admin_retry = c.args.Number("admin-retry", 10, 1, 255);
   const uint32_t user_retry = c.args.Number("user-retry", 10, 1, 255);
@@ -511,7 +523,7 @@ int Run(int argc, char **argv) {
   std::string error;
   const bool parsed = zeph_tools::ParseCommandLine({argv + 1, argv + argc}, rules, &line, &error);
   if (line.help || std::find(line.words.begin(), line.words.end(), "help") != line.words.end()) {
-    std::cout << kUsage;
+    std::cout << kUsage << zeph_tools::kPinHelp;
     return 0;
   }
   if (!parsed) Fail(error, 2);
@@ -521,6 +533,7 @@ int Run(int argc, char **argv) {
   line.options.erase("--root");
   if (command.empty()) Fail("no command given (try --help)", 2);
   if (root.empty()) root = RootDir();
+  if (std::string why; !FolderIsSafe(root, &why)) Fail("refusing " + root + ": " + why);
   const Args args(std::move(line));
   const Context c{root, args};
 

@@ -15,6 +15,7 @@ void RatioReporter::ReportRuns(const std::vector<Run> &runs) {
     if (r.run_type != Run::RT_Iteration || r.error_occurred || r.iterations == 0) continue;
     const std::string name = r.benchmark_name();
     seconds_[name] = r.real_accumulated_time / static_cast<double>(r.iterations);
+    cpu_seconds_[name] = r.cpu_accumulated_time / static_cast<double>(r.iterations);
     for (const char *rate : {"items_per_second", "bytes_per_second"}) {
       if (const auto it = r.counters.find(rate); it != r.counters.end()) {
         double &best = best_rate_[name];
@@ -28,6 +29,11 @@ void RatioReporter::ReportRuns(const std::vector<Run> &runs) {
 double RatioReporter::Seconds(const std::string &name) const {
   const auto it = seconds_.find(name);
   return it == seconds_.end() ? 0 : it->second;
+}
+
+double RatioReporter::CpuSeconds(const std::string &name) const {
+  const auto it = cpu_seconds_.find(name);
+  return it == cpu_seconds_.end() ? 0 : it->second;
 }
 
 double RatioReporter::BestRate(const std::string &name) const {

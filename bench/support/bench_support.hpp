@@ -63,12 +63,14 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run> &runs) override;
   // Seconds per iteration of the last run of that name; 0 when none ran.
   double Seconds(const std::string &name) const;
+  // The same in this process's CPU time, which other load does not inflate.
+  double CpuSeconds(const std::string &name) const;
   // The best items or bytes per second of every run of that name
   // (repetitions registered under one name included); 0 when none ran.
   double BestRate(const std::string &name) const;
 
  private:
-  std::map<std::string, double> seconds_, best_rate_;
+  std::map<std::string, double> seconds_, cpu_seconds_, best_rate_;
 };
 
 // One comparison of the summary: our benchmark's best rate against theirs.

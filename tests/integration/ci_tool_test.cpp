@@ -6,15 +6,16 @@ namespace {
 
 class CiTool : public ci_test::SoftKeyCi {
  protected:
-  // "cd <dir>; [input |] zeph <line> --config <file>", standard error folded in;
+  // "cd <dir>; [input |] zeph <line> --config <file>", standard error folded in,
+  // no terminal on standard input;
   // <sig> stands for the first line of the last "sign" output.
   int Zeph(std::string line, const std::string &input, std::string *out) {
     if (const size_t at = line.find("<sig>"); at != std::string::npos) line.replace(at, 5, sig_);
     std::string text;
-    const int code =
-        zeph_test::Shell("cd '" + dir_.path().string() + "' && " + (input.empty() ? "" : "echo '" + input + "' | ") +
-                             "'" + ZEPH_TOOL + "' " + line + " --config cfg.json",
-                         &text);
+    const int code = zeph_test::Shell("cd '" + dir_.path().string() + "' && " +
+                                          (input.empty() ? "" : "echo '" + input + "' | ") + "'" + ZEPH_TOOL + "' " +
+                                          line + " --config cfg.json" + (input.empty() ? " < /dev/null" : ""),
+                                      &text);
     out->append(text);
     if (line.rfind("sign ", 0) == 0) sig_ = out->substr(0, out->find('\n'));
     return code;
@@ -42,12 +43,12 @@ TEST_F(CiTool, GroupsPrintTheirResultAndExitByTheCode) {
       {"keys", "", 0, "ZS_CI0001"},
       {"pin verify --pin 123456", "", 0, "(5 tries left)"},  // the only key: no --key needed
       {"pin verify --key ZS_CI0001 --pin 00000000", "", 1, "(4 tries left)"},
-      {"sign --pin 123456 --data 'hello key'", "", 0, ""},
+      {"sign --pin-stdin --data 'hello key'", "123456", 0, ""},
       {"verify --cert c.pem --data 'hello key' --sig <sig>", "", 0, "signature valid\n"},
       {"verify --cert c.pem --data 'hello kex' --sig <sig>", "", 1, "signature invalid\n"},
       {"sign --pin 123456 --in in.bin --out sig.der", "", 0, ""},
       {"verify --cert c.pem --in in.bin --sig-file sig.der", "", 0, "signature valid\n"},
-      {"pin change --pin 123456 --new 11112222", "", 0, ""},
+      {"pin change --pin-stdin", "123456\n11112222", 0, ""},
       {"pin unlock --admin-pin 12345678 --new 123456", "", 0, ""},
       {"pin verify --pin 123456", "", 0, ""},
       {"random --key ZS_CI0001 --format hex 8", "", 0, ""},
@@ -58,7 +59,9 @@ TEST_F(CiTool, GroupsPrintTheirResultAndExitByTheCode) {
       {"file delete --pin 123456 --name t", "", 0, ""},
       {"file read --name t", "", 1, "no such file"},
       // Usage mistakes.
-      {"pin verify", "", 2, ""},
+      {"pin verify", "", 2, "--pin-stdin"},
+      {"pin verify --pin-stdin", "", 2, "no PIN on standard input"},
+      {"help pin", "", 0, "visible to other users"},
       {"sign --pin 1 --data x --in y", "", 2, ""},
       {"sign --pin 1 --data " + std::string(1025, 'x'), "", 2, ""},
       {"random 65537", "", 2, ""},

@@ -96,7 +96,7 @@ TEST_F(AbuseTest, DamagedDeviceFilesAreReportedNotTrusted) {
       "",
       "[]",
       good.substr(0, good.size() / 2),
-      swap(good, "\"format\":\t1", "\"format\":\t2"),
+      swap(good, "\"format\":\t2", "\"format\":\t3"),
       swap(good, "\"authKey\":\t\"", "\"authKey\":\t\"00"),
       swap(good, "\"apps\":\t[", "\"apps\":\t{\"x\":["),
       swap(good, "\"remain\":\t3", "\"remain\":\t4"),

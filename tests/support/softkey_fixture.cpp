@@ -14,6 +14,7 @@ namespace {
 void HooksOff() {
   unsetenv("ZEPH_SOFTKEY_FAULT");
   unsetenv("ZEPH_SOFTKEY_TRACE");
+  unsetenv("ZEPH_SOFTKEY_KILL");
 }
 
 }  // namespace

@@ -38,10 +38,26 @@ const Group *FindGroup(const std::string &name) {
   return nullptr;
 }
 
+bool TakesPins(const Group &group) {
+  return Lists(group.value_options, "--pin") || Lists(group.value_options, "--admin-pin");
+}
+
 bool ParseArgs(const Group &group, const std::vector<std::string> &argv, Args *args, std::string *error) {
   const zeph_tools::OptionRules rules{[&](const std::string &option) { return Lists(group.value_options, option); },
-                                      [&](const std::string &option) { return Lists(group.flag_options, option); }};
+                                      [&](const std::string &option) {
+                                        return Lists(group.flag_options, option) ||
+                                               (option == "--pin-stdin" && TakesPins(group));
+                                      }};
   return zeph_tools::ParseCommandLine(argv, rules, args, error);
+}
+
+bool GetPin(const Args &args, const std::string &option, std::string *pin, std::string *error) {
+  if (args.Has(option)) {
+    *pin = args.Get(option);
+    return true;
+  }
+  const char *prompt = option == "--new" ? "new PIN" : option == "--admin-pin" ? "administrator PIN" : "PIN";
+  return zeph_tools::ReadPin(option, prompt, args.Has("--pin-stdin"), pin, error);
 }
 
 int UsageError(const Group &group, const std::string &message) {

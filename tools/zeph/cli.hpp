@@ -18,6 +18,7 @@
 
 #include "common/command_line.hpp"
 #include "common/io.hpp"
+#include "common/pin_input.hpp"
 #include "common/status.hpp"
 
 namespace zeph_cli {
@@ -46,6 +47,11 @@ const Group *FindGroup(const std::string &name);
 // Splits argv after the group name; false with a message on an unknown or
 // incomplete option.
 bool ParseArgs(const Group &group, const std::vector<std::string> &argv, Args *args, std::string *error);
+
+// A PIN option (--pin, --new, --admin-pin): from the command line, else the
+// next line of standard input with --pin-stdin (which every group taking a
+// PIN accepts), else typed without echo on a terminal. False with a message.
+bool GetPin(const Args &args, const std::string &option, std::string *pin, std::string *error);
 
 // Messages on standard error, prefixed "zeph <group>: "; they return the exit status.
 int UsageError(const Group &group, const std::string &message);

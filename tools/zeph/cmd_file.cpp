@@ -29,8 +29,9 @@ int RunFile(const zeph_cli::Args &args) {
   const int type = action == "write" ? 107 : action == "read" ? 108 : action == "delete" ? 109 : 0;
   if (type == 0) return zeph_cli::UsageError(Self(), "unknown action '" + action + "'");
   if (!args.Has("--name")) return zeph_cli::UsageError(Self(), "--name is required");
-  if (type != 108 && !args.Has("--pin")) return zeph_cli::UsageError(Self(), "--pin is required");
-  std::string error, key_sn;
+  std::string error, key_sn, pin;
+  if ((type != 108 || args.Has("--pin") || args.Has("--pin-stdin")) && !zeph_cli::GetPin(args, "--pin", &pin, &error))
+    return zeph_cli::UsageError(Self(), error);
   int area = 0;
   if (!zeph_cli::AreaSelector(args, &area, &error)) return zeph_cli::UsageError(Self(), error);
   int row = RowForArea(area);
@@ -41,7 +42,7 @@ int RunFile(const zeph_cli::Args &args) {
 
   zeph_cli::CiRequest request(type);
   request.Set("idx", row).Set("filepath", args.Get("--name"));
-  if (args.Has("--pin")) request.Set("pin", args.Get("--pin"));
+  if (!pin.empty()) request.Set("pin", pin);
   if (type == 107) {
     if (args.Has("--data") == args.Has("--in")) {
       return zeph_cli::UsageError(Self(), "give the content with exactly one of --data and --in");

@@ -94,9 +94,9 @@ class Key {
 int Sign(const zeph_cli::Args &args) {
   const int layouts = args.Has("--gm301") + args.Has("--gm501") + args.Has("--pkcs7");
   if (layouts > 1) return zeph_cli::UsageError(Self(), "give at most one of --gm301, --gm501 and --pkcs7");
-  if (!args.Has("--pin")) return zeph_cli::UsageError(Self(), "--pin is required");
   const bool gm = args.Has("--gm301") || args.Has("--gm501");
-  std::string error;
+  std::string error, pin;
+  if (!zeph_cli::GetPin(args, "--pin", &pin, &error)) return zeph_cli::UsageError(Self(), error);
   int area = 0;
   if (!zeph_cli::AreaSelector(args, &area, &error)) return zeph_cli::UsageError(Self(), error);
   if (area == ZEPH_AREA_SEAL) return zeph_cli::UsageError(Self(), "the seal area holds no signing key");
@@ -113,7 +113,6 @@ int Sign(const zeph_cli::Args &args) {
   }
   Key key;
   if (!key.Open(args, &error)) return zeph_cli::Fail(Self(), error);
-  const std::string pin = args.Get("--pin");
   const auto data_len = static_cast<uint32_t>(data.size());
   const auto chain_len = static_cast<uint32_t>(chain.size());
   const uint32_t rv = Collect(
@@ -181,8 +180,8 @@ int Envelope(const zeph_cli::Args &args) {
 }
 
 int Open(const zeph_cli::Args &args) {
-  if (!args.Has("--pin")) return zeph_cli::UsageError(Self(), "--pin is required");
-  std::string error;
+  std::string error, pin;
+  if (!zeph_cli::GetPin(args, "--pin", &pin, &error)) return zeph_cli::UsageError(Self(), error);
   int area = 0;
   if (args.Has("--area") && !zeph_cli::AreaSelector(args, &area, &error)) return zeph_cli::UsageError(Self(), error);
   std::vector<uint8_t> env;
@@ -192,7 +191,6 @@ int Open(const zeph_cli::Args &args) {
   // The content is shorter than its envelope: one pass, one PIN check.
   std::vector<uint8_t> out(env.size());
   auto len = static_cast<uint32_t>(out.size());
-  const std::string pin = args.Get("--pin");
   const uint32_t rv = ZEPH_C_DecodeEnveloper(key.get(), pin.c_str(), static_cast<uint32_t>(area), env.data(),
                                              static_cast<uint32_t>(env.size()), out.data(), &len);
   if (rv != 0) return zeph_cli::Fail(Self(), "cannot open the envelope: " + zeph_cli::StatusText(rv));

@@ -32,21 +32,22 @@ int RunPin(const zeph_cli::Args &args) {
   if (args.words.size() != 1) return zeph_cli::UsageError(Self(), "say verify, change or unlock");
   const std::string &action = args.words[0];
   int type = 0;
+  std::string error, key_sn, pin, admin_pin, new_pin;
+  bool have = false;
   if (action == "verify") {
     type = 101;
-    if (!args.Has("--pin")) return zeph_cli::UsageError(Self(), "--pin is required");
+    have = zeph_cli::GetPin(args, "--pin", &pin, &error);
   } else if (action == "change") {
     type = 500;
-    if (!args.Has("--pin") || !args.Has("--new")) return zeph_cli::UsageError(Self(), "--pin and --new are required");
+    have = zeph_cli::GetPin(args, "--pin", &pin, &error) && zeph_cli::GetPin(args, "--new", &new_pin, &error);
   } else if (action == "unlock") {
     type = 502;
-    if (!args.Has("--admin-pin") || !args.Has("--new")) {
-      return zeph_cli::UsageError(Self(), "--admin-pin and --new are required");
-    }
+    have =
+        zeph_cli::GetPin(args, "--admin-pin", &admin_pin, &error) && zeph_cli::GetPin(args, "--new", &new_pin, &error);
   } else {
     return zeph_cli::UsageError(Self(), "unknown action '" + action + "'");
   }
-  std::string error, key_sn;
+  if (!have) return zeph_cli::UsageError(Self(), error);
   int area = 0;
   if (!zeph_cli::AreaSelector(args, &area, &error)) return zeph_cli::UsageError(Self(), error);
   if (!zeph_cli::ApplyConfig(args, &error)) return zeph_cli::Fail(Self(), error);
@@ -54,9 +55,9 @@ int RunPin(const zeph_cli::Args &args) {
 
   zeph_cli::CiRequest request(type);
   request.Set("keySN", key_sn).Set("asymid", area);
-  if (args.Has("--pin")) request.Set("pin", args.Get("--pin"));
-  if (args.Has("--admin-pin")) request.Set("adminPin", args.Get("--admin-pin"));
-  if (args.Has("--new")) request.Set("newPin", args.Get("--new"));
+  if (!pin.empty()) request.Set("pin", pin);
+  if (!admin_pin.empty()) request.Set("adminPin", admin_pin);
+  if (!new_pin.empty()) request.Set("newPin", new_pin);
   zeph_cli::CiReply reply;
   if (!zeph_cli::SendCi(request.Text(), &reply, &error)) return zeph_cli::Fail(Self(), error);
 

@@ -71,8 +71,8 @@ bool PutSignedData(const zeph_cli::Args &args, zeph_cli::CiRequest *request, std
 int RunSign(const zeph_cli::Args &args) {
   const auto &self = SignGroup();
   if (!args.words.empty()) return zeph_cli::UsageError(self, "unexpected argument " + args.words[0]);
-  if (!args.Has("--pin")) return zeph_cli::UsageError(self, "--pin is required");
-  std::string error, key_sn;
+  std::string error, key_sn, pin;
+  if (!zeph_cli::GetPin(args, "--pin", &pin, &error)) return zeph_cli::UsageError(self, error);
   int area = 0, digest = 0;
   if (!zeph_cli::AreaSelector(args, &area, &error) || !DigestId(args, &digest, &error)) {
     return zeph_cli::UsageError(self, error);
@@ -82,7 +82,7 @@ int RunSign(const zeph_cli::Args &args) {
   if (!PutSignedData(args, &request, &error)) return zeph_cli::UsageError(self, error);
   if (!zeph_cli::ApplyConfig(args, &error)) return zeph_cli::Fail(self, error);
   if (!zeph_cli::ResolveKey(args, &key_sn, &error)) return zeph_cli::Fail(self, error);
-  request.Set("keySN", key_sn).Set("pin", args.Get("--pin")).Set("asymid", area);
+  request.Set("keySN", key_sn).Set("pin", pin).Set("asymid", area);
   if (area == 1) request.Set("algID", digest);
 
   zeph_cli::CiReply reply;

@@ -1,5 +1,6 @@
 // zeph: a command-line host of the library. Command groups register
 // themselves (cli.hpp); this file only dispatches.
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -13,7 +14,12 @@ void PrintOverview(FILE *to) {
   for (const auto &g : zeph_cli::Groups()) std::fprintf(to, "  %-10s %s\n", g.name, g.summary);
 }
 
-void PrintGroupUsage(const zeph_cli::Group &g, FILE *to) { std::fprintf(to, "usage: zeph %s\n", g.usage); }
+void PrintGroupUsage(const zeph_cli::Group &g, FILE *to) {
+  std::fprintf(to, "usage: zeph %s\n", g.usage);
+  const auto &v = g.value_options;
+  if (std::find(v.begin(), v.end(), "--pin") != v.end() || std::find(v.begin(), v.end(), "--admin-pin") != v.end())
+    std::fprintf(to, "\n%s", zeph_tools::kPinHelp);
+}
 
 }  // namespace
 

@@ -3,7 +3,8 @@
 # fuzzes with; does nothing when they are all present.
 set -euo pipefail
 packages=(g++ gcc make cmake ninja-build pkg-config binutils libssl-dev openssl libcjson-dev
-          libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
+          valgrind)  # valgrind: the constant-time check of the SM4 vector paths (memcheck)
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then

@@ -140,8 +140,8 @@ template <class V, class P>
   return V::Xor(parts.a, parts.b);
 }
 
-// 32 rounds on G groups of four state registers. (No lambdas in this file:
-// not every compiler gives them the unit's target.)
+// 32 rounds on G groups of four state registers. The small loops here are
+// unrolled by force: only then do the state arrays live in registers.
 template <class V, class P, int G>
 [[gnu::always_inline]] inline void Rounds(const P &p, const uint32_t *rk, typename V::R (&s)[G][4]) {
   using R = typename V::R;
@@ -149,12 +149,16 @@ template <class V, class P, int G>
     const R k0 = V::Splat32(rk[i]), k1 = V::Splat32(rk[i + 1]), k2 = V::Splat32(rk[i + 2]), k3 = V::Splat32(rk[i + 3]);
     // The word written by the previous round enters last: it is the one the
     // round waits for.
+#pragma GCC unroll 4
     for (int g = 0; g < G; ++g)
       s[g][0] = V::Xor(s[g][0], T<V>(p, V::Xor(V::Xor(V::Xor(s[g][1], s[g][2]), k0), s[g][3])));
+#pragma GCC unroll 4
     for (int g = 0; g < G; ++g)
       s[g][1] = V::Xor(s[g][1], T<V>(p, V::Xor(V::Xor(V::Xor(s[g][2], s[g][3]), k1), s[g][0])));
+#pragma GCC unroll 4
     for (int g = 0; g < G; ++g)
       s[g][2] = V::Xor(s[g][2], T<V>(p, V::Xor(V::Xor(V::Xor(s[g][3], s[g][0]), k2), s[g][1])));
+#pragma GCC unroll 4
     for (int g = 0; g < G; ++g)
       s[g][3] = V::Xor(s[g][3], T<V>(p, V::Xor(V::Xor(V::Xor(s[g][0], s[g][1]), k3), s[g][2])));
   }
@@ -191,13 +195,18 @@ template <class V, class P, int G>
 [[gnu::always_inline]] inline void CryptGroups(const P &p, const uint32_t *rk, const uint8_t *in,
                                                typename V::R (&out)[G][4]) {
   typename V::R s[G][4];
+#pragma GCC unroll 4
   for (int g = 0; g < G; ++g) {
+#pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) s[g][k] = V::Load(in + (4 * g + k) * kStride<V>);
     V::Transpose(s[g][0], s[g][1], s[g][2], s[g][3]);
+#pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) s[g][k] = p.Enter(s[g][k]);
   }
   Rounds<V, P, G>(p, rk, s);
+#pragma GCC unroll 4
   for (int g = 0; g < G; ++g) {
+#pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) out[g][k] = p.Leave(s[g][3 - k]);
     V::Transpose(out[g][0], out[g][1], out[g][2], out[g][3]);
   }
@@ -207,7 +216,9 @@ template <class V, class P, int G>
 void EcbGroups(const P &p, const uint32_t *rk, const uint8_t *in, uint8_t *out) {
   typename V::R r[G][4];
   CryptGroups<V, P, G>(p, rk, in, r);
+#pragma GCC unroll 4
   for (int g = 0; g < G; ++g) {
+#pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) V::Store(out + (4 * g + k) * kStride<V>, r[g][k]);
   }
 }
@@ -222,14 +233,18 @@ void CbcDecryptGroups(const P &p, const uint32_t *rk, const uint8_t *in, uint8_t
   uint8_t head[kStride<V>];
   std::memcpy(head, chain, 16);
   std::memcpy(head + 16, in, kStride<V> - 16);
+#pragma GCC unroll 4
   for (int g = 0; g < G; ++g) {
+#pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) {
       const size_t at = (4 * g + k) * kStride<V>;
       prev[g][k] = at == 0 ? V::Load(head) : V::Load(in + at - 16);
     }
   }
   std::memcpy(chain, in + G * kGroupBlocks<V> * 16 - 16, 16);
+#pragma GCC unroll 4
   for (int g = 0; g < G; ++g) {
+#pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) V::Store(out + (4 * g + k) * kStride<V>, V::Xor(r[g][k], prev[g][k]));
   }
 }
@@ -283,11 +298,14 @@ void CbcEncrypt(const uint32_t rk[32], const uint8_t iv[16], const uint8_t *in, 
   using R = typename V::R;
   const P p;
   R c[4];
+#pragma GCC unroll 4
   for (int k = 0; k < 4; ++k) c[k] = p.EnterWord(iv + 4 * k);
   for (; n != 0; --n, in += 16, out += 16) {
     R s[4];
+#pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) s[k] = V::Xor(p.EnterWord(in + 4 * k), c[k]);
     SplatRounds<V>(p, rk, s);
+#pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) {
       c[k] = s[3 - k];
       p.LeaveWord(c[k], out + 4 * k);

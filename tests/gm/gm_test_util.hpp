@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -94,6 +95,14 @@ class OnEveryPath : public ::testing::TestWithParam<zeph::gm::CpuPath> {
  private:
   std::string saved_;
 };
+
+}  // namespace gm_test
+
+namespace zeph::gm {
+inline void PrintTo(CpuPath path, std::ostream *os) { *os << CpuPathName(path); }
+}  // namespace zeph::gm
+
+namespace gm_test {
 
 inline std::string PathName(const ::testing::TestParamInfo<zeph::gm::CpuPath> &info) {
   return zeph::gm::CpuPathName(info.param);

@@ -46,7 +46,12 @@ struct VectorSchedule {
     Store(wp, _mm_xor_si128(x0, x1));
     Store(wp + 4, _mm_xor_si128(x1, x2));
     Store(wp + 8, _mm_xor_si128(x2, x3));
+    Publish();
   }
+
+  // The rounds read W from memory: without this the compiler takes each word
+  // back out of the vector registers instead, two micro-ops apiece.
+  void Publish() { __asm__("" : : "r"(w) : "memory"); }
 
   uint32_t W(int j) const { return w[j]; }
   uint32_t Wp(int j, uint32_t) const { return wp[j]; }
@@ -62,6 +67,7 @@ struct VectorSchedule {
     n = _mm_xor_si128(n, P1(Rot::template Rotl<15>(_mm_slli_si128(n, 12))));
     Store(w + j + 16, n);
     Store(wp + j + 12, _mm_xor_si128(x3, n));
+    Publish();
     x0 = x1;
     x1 = x2;
     x2 = x3;

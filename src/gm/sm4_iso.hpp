@@ -192,6 +192,7 @@ constexpr Nibbles RoundTerm(H h) {
 
 constexpr Nibbles kTermUV = RoundTerm([](uint8_t b) -> uint8_t { return ByteU(b) ^ ByteV(b); });
 constexpr Nibbles kTermVW = RoundTerm([](uint8_t b) -> uint8_t { return ByteV(b) ^ ByteW(b); });
+constexpr Nibbles kTermUW = RoundTerm([](uint8_t b) -> uint8_t { return ByteU(b) ^ ByteW(b); });
 constexpr Nibbles kEnter = NibblesOf(kPre, 0);          // X -> M(X)
 constexpr Nibbles kLeave = NibblesOf(Invert(kPre), 0);  // M(X) -> X
 constexpr Nibbles kPreNibbles = NibblesOf(kPre, kPreC);

@@ -11,7 +11,8 @@
 // 16- or 32-bit lanes), Shuffle (PSHUFB within each 128-bit lane) and
 // Transpose (4x4 32-bit words within each 128-bit lane, its own inverse). An
 // AES vector type adds SubBytes (AESENCLAST with a zero key), a GFNI one Sbox
-// and Rotl<n> on 32-bit lanes.
+// and Rotl<n> on 32-bit lanes. Opaque returns its argument through an empty
+// asm statement, so that the compiler keeps a value as computed.
 //
 // No round reads a table and nothing branches on key or data: the blocks go
 // through the same instructions whatever their values.
@@ -36,15 +37,15 @@ namespace {
 template <class V>
 struct AesRound {
   using R = typename V::R;
-  struct Parts {
-    R a, b;
+  struct Parts {  // a ^ b ^ c, a ready first
+    R a, b, c;
   };
   struct Map {
     R lo, hi;
   };
 
   R nib, rot0, rot1, rot2, rot3, word_rot1, word_rot2, word_rot3;
-  Map uv, vw, enter, leave, pre, post;
+  Map uv, vw, uw, enter, leave, pre, post;
 
   AesRound()
       : nib(V::Splat32(0x0F0F0F0F)),
@@ -57,6 +58,7 @@ struct AesRound {
         word_rot3(V::Splat16(sm4iso::kWordRot3.idx)),
         uv(MapOf(sm4iso::kTermUV)),
         vw(MapOf(sm4iso::kTermVW)),
+        uw(MapOf(sm4iso::kTermUW)),
         enter(MapOf(sm4iso::kEnter)),
         leave(MapOf(sm4iso::kLeave)),
         pre(MapOf(sm4iso::kPreNibbles)),
@@ -86,8 +88,7 @@ struct AesRound {
   // columns are equal, so ShiftRows changes nothing.
   uint32_t Tau(uint32_t x) const { return V::Low32(Apply(post, V::SubBytes(Apply(pre, V::Splat32(x))))); }
 
-  // M(L(S(x))) from the mapped S-box input, as two parts whose XOR it is
-  // (the first one ready earlier). kSplat: every word of the register is the
+  // M(L(S(x))) from the mapped S-box input, as three parts whose XOR it is. kSplat: every word of the register is the
   // same (one block at a time), so ShiftRows needs no undoing.
   template <bool kSplat>
   Parts Round(R x) const {
@@ -95,13 +96,12 @@ struct AesRound {
     const R lo = V::And(z, nib), hi = V::And(V::Shr4(z), nib);
     const R t_uv = V::Xor(V::Shuffle(uv.lo, lo), V::Shuffle(uv.hi, hi));
     const R t_vw = V::Xor(V::Shuffle(vw.lo, lo), V::Shuffle(vw.hi, hi));
-    const R t_uw = V::Xor(t_uv, t_vw);  // u^w = (u^v) ^ (v^w): two lookups fewer
-    if constexpr (kSplat) {
-      return {V::Xor(t_uv, V::Shuffle(t_vw, word_rot1)),
-              V::Xor(V::Shuffle(t_vw, word_rot2), V::Shuffle(t_uw, word_rot3))};
-    } else {
-      return {V::Xor(V::Shuffle(t_uv, rot0), V::Shuffle(t_vw, rot1)),
-              V::Xor(V::Shuffle(t_vw, rot2), V::Shuffle(t_uw, rot3))};
+    if constexpr (kSplat) {  // latency counts: a lookup of its own
+      const R t_uw = V::Xor(V::Shuffle(uw.lo, lo), V::Shuffle(uw.hi, hi));
+      return {t_uv, V::Shuffle(t_vw, word_rot1), V::Xor(V::Shuffle(t_vw, word_rot2), V::Shuffle(t_uw, word_rot3))};
+    } else {  // throughput counts: u^w = (u^v) ^ (v^w), two lookups fewer
+      const R t_uw = V::Xor(t_uv, t_vw);
+      return {V::Shuffle(t_uv, rot0), V::Shuffle(t_vw, rot1), V::Xor(V::Shuffle(t_vw, rot2), V::Shuffle(t_uw, rot3))};
     }
   }
 };
@@ -110,8 +110,8 @@ struct AesRound {
 template <class V>
 struct GfniRound {
   using R = typename V::R;
-  struct Parts {
-    R a, b;
+  struct Parts {  // a ^ b ^ c, a ready first
+    R a, b, c;
   };
 
   R bswap;
@@ -125,19 +125,19 @@ struct GfniRound {
   void LeaveWord(R x, uint8_t *p) const { store_u32_be(p, V::Low32(x)); }
   uint32_t Tau(uint32_t x) const { return V::Low32(V::Sbox(V::Splat32(x))); }
 
-  // L(s) = s ^ (s <<< 24) ^ ((s ^ (s <<< 8) ^ (s <<< 16)) <<< 2), in two parts.
+  // L(s) = s ^ (s <<< 24) ^ ((s ^ (s <<< 8) ^ (s <<< 16)) <<< 2), in three parts.
   template <bool kSplat>
   Parts Round(R x) const {
     const R s = V::Sbox(x);
     const R t = V::Xor(V::Xor(s, V::template Rotl<8>(s)), V::template Rotl<16>(s));
-    return {V::Xor(s, V::template Rotl<24>(s)), V::template Rotl<2>(t)};
+    return {s, V::template Rotl<24>(s), V::template Rotl<2>(t)};
   }
 };
 
 template <class V, class P>
 [[gnu::always_inline]] inline typename V::R T(const P &p, typename V::R x) {
   const auto parts = p.template Round<false>(x);
-  return V::Xor(parts.a, parts.b);
+  return V::Xor(V::Xor(parts.a, parts.b), parts.c);
 }
 
 // 32 rounds on G groups of four state registers. The small loops here are
@@ -176,10 +176,13 @@ template <class V, class P>
 #pragma GCC unroll 4
     for (int j = 0; j < 4; ++j) {
       const int r = i + j;
-      const R next = r == 31 ? x : V::Xor(V::Xor(V::Xor(s[(j + 2) & 3], s[(j + 3) & 3]), V::Splat32(rk[r + 1])), s[j]);
+      // Opaque to the compiler, which would otherwise spread it over the
+      // chain again.
+      const R next =
+          V::Opaque(r == 31 ? x : V::Xor(V::Xor(V::Xor(s[(j + 2) & 3], s[(j + 3) & 3]), V::Splat32(rk[r + 1])), s[j]));
       const auto parts = p.template Round<true>(x);
-      s[j] = V::Xor(V::Xor(s[j], parts.a), parts.b);
-      x = V::Xor(V::Xor(next, parts.a), parts.b);
+      s[j] = V::Xor(V::Xor(V::Xor(s[j], parts.a), parts.b), parts.c);
+      x = V::Xor(V::Xor(V::Opaque(V::Xor(next, parts.a)), parts.b), V::Opaque(parts.c));
     }
   }
 }
@@ -249,45 +252,61 @@ void CbcDecryptGroups(const P &p, const uint32_t *rk, const uint8_t *in, uint8_t
   }
 }
 
-// kGroups groups per step while the input lasts (independent groups fill the
-// pipeline while one waits on its rounds), then one group, then the last
-// blocks through a zero-padded group on the stack.
-template <class V, class P, int kGroups>
-void Ecb(const uint32_t rk[32], const uint8_t *in, uint8_t *out, size_t n) {
-  const P p;
-  constexpr size_t kStep = kGroups * kGroupBlocks<V>;
-  for (; n >= kStep; n -= kStep, in += 16 * kStep, out += 16 * kStep) EcbGroups<V, P, kGroups>(p, rk, in, out);
-  for (; n >= kGroupBlocks<V>; n -= kGroupBlocks<V>, in += 16 * kGroupBlocks<V>, out += 16 * kGroupBlocks<V>) {
-    EcbGroups<V, P, 1>(p, rk, in, out);
+template <class V, class P>
+struct EcbStep {
+  const P &p;
+  const uint32_t *rk;
+  template <int G>
+  void Run(const uint8_t *in, uint8_t *out) const {
+    EcbGroups<V, P, G>(p, rk, in, out);
   }
+};
+
+template <class V, class P>
+struct CbcDecryptStep {
+  const P &p;
+  const uint32_t *rk;
+  uint8_t *chain;
+  template <int G>
+  void Run(const uint8_t *in, uint8_t *out) const {
+    CbcDecryptGroups<V, P, G>(p, rk, in, out, chain);
+  }
+};
+
+// kGroups groups at a time while the input lasts (independent groups keep the
+// pipeline full while each waits on its own rounds), then two, then one, then
+// the last blocks through a zero-padded group on the stack.
+template <class V, int kGroups, class Step>
+void ForEachGroup(const Step &step, const uint8_t *in, uint8_t *out, size_t n) {
+  constexpr size_t kBlocks = kGroupBlocks<V>;
+  for (; n >= kGroups * kBlocks; n -= kGroups * kBlocks, in += 16 * kGroups * kBlocks, out += 16 * kGroups * kBlocks) {
+    step.template Run<kGroups>(in, out);
+  }
+  if constexpr (kGroups > 2) {
+    for (; n >= 2 * kBlocks; n -= 2 * kBlocks, in += 32 * kBlocks, out += 32 * kBlocks) step.template Run<2>(in, out);
+  }
+  for (; n >= kBlocks; n -= kBlocks, in += 16 * kBlocks, out += 16 * kBlocks) step.template Run<1>(in, out);
   if (n != 0) {
-    uint8_t buf[16 * kGroupBlocks<V>] = {};
+    uint8_t buf[16 * kBlocks] = {};
     std::memcpy(buf, in, 16 * n);
-    EcbGroups<V, P, 1>(p, rk, buf, buf);
+    step.template Run<1>(buf, buf);
     std::memcpy(out, buf, 16 * n);
     OPENSSL_cleanse(buf, sizeof buf);
   }
 }
 
 template <class V, class P, int kGroups>
+void Ecb(const uint32_t rk[32], const uint8_t *in, uint8_t *out, size_t n) {
+  const P p;
+  ForEachGroup<V, kGroups>(EcbStep<V, P>{p, rk}, in, out, n);
+}
+
+template <class V, class P, int kGroups>
 void CbcDecrypt(const uint32_t rk[32], const uint8_t iv[16], const uint8_t *in, uint8_t *out, size_t n) {
   const P p;
-  constexpr size_t kStep = kGroups * kGroupBlocks<V>;
   uint8_t chain[16];
   std::memcpy(chain, iv, 16);
-  for (; n >= kStep; n -= kStep, in += 16 * kStep, out += 16 * kStep) {
-    CbcDecryptGroups<V, P, kGroups>(p, rk, in, out, chain);
-  }
-  for (; n >= kGroupBlocks<V>; n -= kGroupBlocks<V>, in += 16 * kGroupBlocks<V>, out += 16 * kGroupBlocks<V>) {
-    CbcDecryptGroups<V, P, 1>(p, rk, in, out, chain);
-  }
-  if (n != 0) {
-    uint8_t buf[16 * kGroupBlocks<V>] = {};
-    std::memcpy(buf, in, 16 * n);
-    CbcDecryptGroups<V, P, 1>(p, rk, buf, buf, chain);
-    std::memcpy(out, buf, 16 * n);
-    OPENSSL_cleanse(buf, sizeof buf);
-  }
+  ForEachGroup<V, kGroups>(CbcDecryptStep<V, P>{p, rk, chain}, in, out, n);
   OPENSSL_cleanse(chain, sizeof chain);
 }
 

@@ -21,6 +21,10 @@ struct V128 {
   static R Splat16(const uint8_t (&b)[16]) { return Load(b); }
   static R Splat32(uint32_t w) { return _mm_set1_epi32(static_cast<int>(w)); }
   static uint32_t Low32(R r) { return static_cast<uint32_t>(_mm_cvtsi128_si32(r)); }
+  static R Opaque(R a) {
+    __asm__("" : "+x"(a));
+    return a;
+  }
   static R Xor(R a, R b) { return _mm_xor_si128(a, b); }
   static R And(R a, R b) { return _mm_and_si128(a, b); }
   static R Shr4(R a) { return _mm_srli_epi16(a, 4); }
@@ -38,7 +42,7 @@ struct V128 {
 
 }  // namespace
 
-const Sm4Engine kSm4Aesni = MakeSm4Engine<V128, AesRound<V128>, 2>("aesni");
+const Sm4Engine kSm4Aesni = MakeSm4Engine<V128, AesRound<V128>, 6>("aesni");
 
 }  // namespace zeph::gm
 ZEPH_TARGET_END

@@ -24,7 +24,7 @@ struct V : V256 {
 
 }  // namespace
 
-const Sm4Engine kSm4Avx2 = MakeSm4Engine<V, AesRound<V>, 2>("avx2");
+const Sm4Engine kSm4Avx2 = MakeSm4Engine<V, AesRound<V>, 6>("avx2");
 
 }  // namespace zeph::gm
 ZEPH_TARGET_END

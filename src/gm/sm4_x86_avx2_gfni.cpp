@@ -23,7 +23,7 @@ struct V : V256 {
 
 }  // namespace
 
-const Sm4Engine kSm4Avx2Gfni = MakeSm4Engine<V, GfniRound<V>, 2>("avx2+gfni");
+const Sm4Engine kSm4Avx2Gfni = MakeSm4Engine<V, GfniRound<V>, 4>("avx2+gfni");
 
 }  // namespace zeph::gm
 ZEPH_TARGET_END

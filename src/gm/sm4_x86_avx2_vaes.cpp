@@ -19,7 +19,7 @@ struct V : V256 {
 
 }  // namespace
 
-const Sm4Engine kSm4Avx2Vaes = MakeSm4Engine<V, AesRound<V>, 2>("avx2+vaes");
+const Sm4Engine kSm4Avx2Vaes = MakeSm4Engine<V, AesRound<V>, 6>("avx2+vaes");
 
 }  // namespace zeph::gm
 ZEPH_TARGET_END

@@ -29,6 +29,10 @@ struct V512 {
   }
   static R Splat32(uint32_t w) { return _mm512_set1_epi32(static_cast<int>(w)); }
   static uint32_t Low32(R r) { return static_cast<uint32_t>(_mm_cvtsi128_si32(_mm512_castsi512_si128(r))); }
+  static R Opaque(R a) {
+    __asm__("" : "+v"(a));
+    return a;
+  }
   static R Xor(R a, R b) { return _mm512_xor_si512(a, b); }
   static R And(R a, R b) { return _mm512_and_si512(a, b); }
   static R Shr4(R a) { return _mm512_srli_epi32(a, 4); }
@@ -54,7 +58,7 @@ struct V512 {
 
 }  // namespace
 
-const Sm4Engine kSm4Avx512Gfni = MakeSm4Engine<V512, GfniRound<V512>, 2>("avx512+gfni");
+const Sm4Engine kSm4Avx512Gfni = MakeSm4Engine<V512, GfniRound<V512>, 4>("avx512+gfni");
 
 }  // namespace zeph::gm
 ZEPH_TARGET_END

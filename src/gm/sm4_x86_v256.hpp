@@ -21,6 +21,10 @@ struct V256 {
   }
   static R Splat32(uint32_t w) { return _mm256_set1_epi32(static_cast<int>(w)); }
   static uint32_t Low32(R r) { return static_cast<uint32_t>(_mm_cvtsi128_si32(_mm256_castsi256_si128(r))); }
+  static R Opaque(R a) {
+    __asm__("" : "+x"(a));
+    return a;
+  }
   static R Xor(R a, R b) { return _mm256_xor_si256(a, b); }
   static R And(R a, R b) { return _mm256_and_si256(a, b); }
   static R Shr4(R a) { return _mm256_srli_epi16(a, 4); }

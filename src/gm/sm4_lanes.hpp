@@ -88,8 +88,9 @@ struct AesRound {
   // columns are equal, so ShiftRows changes nothing.
   uint32_t Tau(uint32_t x) const { return V::Low32(Apply(post, V::SubBytes(Apply(pre, V::Splat32(x))))); }
 
-  // M(L(S(x))) from the mapped S-box input, as three parts whose XOR it is. kSplat: every word of the register is the
-  // same (one block at a time), so ShiftRows needs no undoing.
+  // M(L(S(x))) from the mapped S-box input, as three parts whose XOR it is.
+  // kSplat: every word of the register is the same (one block at a time), so
+  // ShiftRows needs no undoing.
   template <bool kSplat>
   Parts Round(R x) const {
     const R z = V::SubBytes(x);
@@ -149,16 +150,16 @@ template <class V, class P, int G>
     const R k0 = V::Splat32(rk[i]), k1 = V::Splat32(rk[i + 1]), k2 = V::Splat32(rk[i + 2]), k3 = V::Splat32(rk[i + 3]);
     // The word written by the previous round enters last: it is the one the
     // round waits for.
-#pragma GCC unroll 4
+#pragma GCC unroll 8
     for (int g = 0; g < G; ++g)
       s[g][0] = V::Xor(s[g][0], T<V>(p, V::Xor(V::Xor(V::Xor(s[g][1], s[g][2]), k0), s[g][3])));
-#pragma GCC unroll 4
+#pragma GCC unroll 8
     for (int g = 0; g < G; ++g)
       s[g][1] = V::Xor(s[g][1], T<V>(p, V::Xor(V::Xor(V::Xor(s[g][2], s[g][3]), k1), s[g][0])));
-#pragma GCC unroll 4
+#pragma GCC unroll 8
     for (int g = 0; g < G; ++g)
       s[g][2] = V::Xor(s[g][2], T<V>(p, V::Xor(V::Xor(V::Xor(s[g][3], s[g][0]), k2), s[g][1])));
-#pragma GCC unroll 4
+#pragma GCC unroll 8
     for (int g = 0; g < G; ++g)
       s[g][3] = V::Xor(s[g][3], T<V>(p, V::Xor(V::Xor(V::Xor(s[g][0], s[g][1]), k3), s[g][2])));
   }
@@ -198,7 +199,7 @@ template <class V, class P, int G>
 [[gnu::always_inline]] inline void CryptGroups(const P &p, const uint32_t *rk, const uint8_t *in,
                                                typename V::R (&out)[G][4]) {
   typename V::R s[G][4];
-#pragma GCC unroll 4
+#pragma GCC unroll 8
   for (int g = 0; g < G; ++g) {
 #pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) s[g][k] = V::Load(in + (4 * g + k) * kStride<V>);
@@ -207,7 +208,7 @@ template <class V, class P, int G>
     for (int k = 0; k < 4; ++k) s[g][k] = p.Enter(s[g][k]);
   }
   Rounds<V, P, G>(p, rk, s);
-#pragma GCC unroll 4
+#pragma GCC unroll 8
   for (int g = 0; g < G; ++g) {
 #pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) out[g][k] = p.Leave(s[g][3 - k]);
@@ -219,7 +220,7 @@ template <class V, class P, int G>
 void EcbGroups(const P &p, const uint32_t *rk, const uint8_t *in, uint8_t *out) {
   typename V::R r[G][4];
   CryptGroups<V, P, G>(p, rk, in, r);
-#pragma GCC unroll 4
+#pragma GCC unroll 8
   for (int g = 0; g < G; ++g) {
 #pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) V::Store(out + (4 * g + k) * kStride<V>, r[g][k]);
@@ -236,7 +237,7 @@ void CbcDecryptGroups(const P &p, const uint32_t *rk, const uint8_t *in, uint8_t
   uint8_t head[kStride<V>];
   std::memcpy(head, chain, 16);
   std::memcpy(head + 16, in, kStride<V> - 16);
-#pragma GCC unroll 4
+#pragma GCC unroll 8
   for (int g = 0; g < G; ++g) {
 #pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) {
@@ -245,7 +246,7 @@ void CbcDecryptGroups(const P &p, const uint32_t *rk, const uint8_t *in, uint8_t
     }
   }
   std::memcpy(chain, in + G * kGroupBlocks<V> * 16 - 16, 16);
-#pragma GCC unroll 4
+#pragma GCC unroll 8
   for (int g = 0; g < G; ++g) {
 #pragma GCC unroll 4
     for (int k = 0; k < 4; ++k) V::Store(out + (4 * g + k) * kStride<V>, V::Xor(r[g][k], prev[g][k]));

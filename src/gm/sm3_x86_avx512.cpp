@@ -24,10 +24,7 @@ struct Rot {
 }  // namespace
 
 void Sm3CompressAvx512(uint32_t state[8], const uint8_t *blocks, size_t n) {
-  for (; n != 0; --n, blocks += 64) {
-    VectorSchedule<Rot> w(blocks);
-    CompressBlock(state, w);
-  }
+  CompressWithVectorSchedule<Rot>(state, blocks, n);
 }
 
 }  // namespace zeph::gm

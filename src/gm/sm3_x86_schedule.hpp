@@ -75,5 +75,13 @@ struct VectorSchedule {
   }
 };
 
+template <class Rot>
+void CompressWithVectorSchedule(uint32_t state[8], const uint8_t *blocks, size_t n) {
+  for (; n != 0; --n, blocks += 64) {
+    VectorSchedule<Rot> w(blocks);
+    CompressBlock(state, w);
+  }
+}
+
 }  // namespace
 }  // namespace zeph::gm

@@ -7,10 +7,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#if !defined(ZEPH_GM_X86)  // -DZEPH_GM_X86=0 builds the portable path alone
 #if defined(__x86_64__) && defined(__GNUC__)
 #define ZEPH_GM_X86 1
 #else
 #define ZEPH_GM_X86 0
+#endif
 #endif
 
 // Functions defined between these two are built for the named instruction

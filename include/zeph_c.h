@@ -6,6 +6,11 @@
 #include "zeph_c_ci.h"
 #include "zeph_c_device.h"
 #include "zeph_c_gm.h"
+#include "zeph_c_p7.h"
+#include "zeph_c_pki.h"
+#include "zeph_c_sdbi.h"
+#include "zeph_c_seal.h"
+#include "zeph_c_sm2.h"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 

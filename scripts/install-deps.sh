@@ -2,9 +2,9 @@
 # Installs the Debian packages the project builds, tests, benchmarks and
 # fuzzes with; does nothing when they are all present.
 set -euo pipefail
+# valgrind: memcheck runs the constant-time tests of the SM2 arithmetic and of the SM4 vector paths.
 packages=(g++ gcc make cmake ninja-build pkg-config binutils libssl-dev openssl libcjson-dev
-          libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
-          valgrind)  # valgrind: the constant-time check of the SM4 vector paths (memcheck)
+          libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev valgrind)
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then

@@ -44,8 +44,14 @@ void PointTo65(const Point &p, uint8_t out[kPointLen]);
 bool MulBase(const Scalar &k, Point *out);
 // k·P, constant time in k. False when the result is the point at infinity.
 bool Mul(const Scalar &k, const Point &p, Point *out);
+// (MulBase and Mul write *out even when they return false, then with
+// meaningless contents, so that success and failure take the same path.)
 // s·G + t·P for public s and t (signature verification). False at infinity.
 bool MulBaseAdd(const Scalar &s, const Scalar &t, const Point &p, Point *out);
+// Whether s·G + t·P is finite and its x coordinate is congruent to x_mod_n
+// modulo n (public values): the verification check x1 ≡ r − e without
+// bringing the point to affine form. False when x_mod_n ≥ n.
+bool MulBaseAddXModN(const Scalar &s, const Scalar &t, const Point &p, const Scalar &x_mod_n);
 // a + b and a − b. False when the result is the point at infinity.
 bool Add(const Point &a, const Point &b, Point *out);
 bool Sub(const Point &a, const Point &b, Point *out);

@@ -7,6 +7,11 @@
 #include "zeph_c_ci.h"
 #include "zeph_c_export.h"
 #include "zeph_c_gm.h"
+#include "zeph_c_p7.h"
+#include "zeph_c_pki.h"
+#include "zeph_c_sdbi.h"
+#include "zeph_c_seal.h"
+#include "zeph_c_sm2.h"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 #include "zeph_skf.h"
@@ -49,6 +54,37 @@ int zeph_c_header_check(void) {
     free(host);
     free(port);
     if (ZEPH_C_SetConfig(NULL) != 0xFFFFFFFFu) return 13;
+  }
+
+  /* PKI services and the SM2 message types through their C view. */
+  {
+    char reply[8];
+    uint32_t len = 0;
+    SM2_Sign *msg = SM2_Sign_new();
+    unsigned char *der = NULL;
+    ASN1_INTEGER *nonce = create_nonce(64);
+    if (strncmp(HttpsPostHeadersForTimeStamp, "User-Agent: ", 12) != 0) return 14;
+    if (ZEPH_C_HttpPost("127.0.0.1", 1, "/", "", 0, reply, &len) != 0xFFFFFFFFu) return 15;
+    if (ZEPH_C_HttpSetTimeouts(0, 0) != 0 || ZEPH_C_HttpsSetCAFile(NULL) != 0) return 16;
+    if (msg == NULL || SM2_Sign_it() == NULL) return 17;
+    msg->ID = OBJ_txt2obj(ZEPH_OID_SM2_SIGNED_DATA, 1);
+    if (i2d_SM2_Sign(msg, &der) != 14 || der[0] != 0x30) return 18;
+    OPENSSL_free(der);
+    SM2_Sign_free(msg);
+    if (nonce == NULL || ASN1_STRING_length(nonce) > 8) return 19;
+    ASN1_INTEGER_free(nonce);
+  }
+
+  /* The seal structures and detection through the C view. */
+  {
+    SESeal *seal = SESeal_new();
+    VORLI_ExtData_structure *ext = VORLI_ExtData_structure_new();
+    int32_t type = 0;
+    const int built = seal != NULL && seal->SES_SealInfo != NULL && ext != NULL && ext->_critical == -1;
+    SESeal_free(seal);
+    VORLI_ExtData_structure_free(ext);
+    if (!built) return 20;
+    if (ZEPH_C_CheckSealType(NULL, 5, &type) != 0 || type != ZEPH_SEAL_TYPE_PICTURE) return 21;
   }
   return 0;
 }

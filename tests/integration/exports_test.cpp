@@ -75,3 +75,16 @@ TEST(Exports, NoFileLocalHelperIsExported) {
     EXPECT_NE(name.rfind("l_", 0), 0u) << "file-local helper exported: " << name;
   }
 }
+
+// The self-test fault switch lives in the static twin only: the shared
+// library carries the inert query but not the switch, not even hidden.
+TEST(Exports, SelftestFaultSwitchIsAbsent) {
+  FILE *p = popen(("nm -C '" + std::string(ZEPH_LIB_PATH) + "'").c_str(), "r");
+  ASSERT_NE(p, nullptr);
+  std::string all;
+  char line[4096];
+  while (std::fgets(line, sizeof line, p) != nullptr) all += line;
+  pclose(p);
+  ASSERT_NE(all.find("zeph::gm::selftest::Faulty"), std::string::npos) << "no symbol table to inspect";
+  EXPECT_EQ(all.find("SetSelftestFault"), std::string::npos);
+}

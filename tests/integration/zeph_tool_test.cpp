@@ -78,3 +78,60 @@ TEST_F(ZephTool, Base64RoundTripThroughPipesAndFiles) {
 }
 
 }  // namespace
+
+TEST_F(ZephTool, SealInfoPictureAndVerify) {
+  const std::string seals = std::string(" '") + ZEPH_SOURCE_DIR + "/tests/data/seals/";
+  const ToolRun info = Zeph("seal info" + seals + "gb-v4-signature.dat'");
+  EXPECT_EQ(info.code, 0);
+  EXPECT_EQ(info.out.rfind("signature    GB, version 4\nsigned at    20201012111403Z\nproperty     /D", 0), 0u);
+  EXPECT_EQ(Zeph("seal info --json" + seals + "ses-v1-user.esl'").out.rfind(R"({"kind":"seal","family":"SES",)", 0),
+            0u);
+
+  const ToolRun picture = Zeph("seal picture" + seals + "gb-v4-seal-gif.der' --out " + Q("stamp"));
+  EXPECT_EQ(picture.out, dir_.file("stamp.gif") + " (GIF, 5911 bytes)\n");
+  const auto gif = zeph_test::ReadBytes(dir_.file("stamp.gif"));
+  EXPECT_TRUE(gif.size() == 5911 && std::string(gif.begin(), gif.begin() + 6) == "GIF89a");
+
+  const ToolRun valid = Zeph("seal verify" + seals + "v5-signature.dat'");
+  EXPECT_EQ(valid.code, 0);
+  EXPECT_NE(valid.out.find("document hash          not checked (no --doc)\n"), std::string::npos) << valid.out;
+  Put("doc", "not the signed document");
+  const ToolRun wrong_doc = Zeph("seal verify" + seals + "v5-signature.dat' --doc " + Q("doc"));
+  EXPECT_EQ(wrong_doc.code, 1);
+  EXPECT_NE(wrong_doc.out.find("document hash          FAILED\n"), std::string::npos) << wrong_doc.out;
+  const std::pair<std::string, int> codes[] = {{"seal verify" + seals + "v5-user.esl'", 1},
+                                               {"seal", 2},
+                                               {"seal frob" + seals + "v5-user.esl'", 2},
+                                               {"seal picture" + seals + "v5-user.esl'", 2}};
+  for (const auto &[args, code] : codes) EXPECT_EQ(Zeph(args).code, code) << args;
+}
+
+TEST_F(ZephTool, Sm2SdbiAndSelftestCommands) {
+  const std::string key =
+      "--pubkey 0409F9DF311E5421A150DD7D161E4BC5C672179FAD1833FC076BB08FF356F35020"
+      "CCEA490CE26775A52DC6EA718CC1AA600AED05FBF35E084A6632F6072DA9AD13 ";
+  Put("msg", "encryption standard");
+  Put("md", "message digest");
+  zeph_test::WriteBytes(dir_.file("sig"), zeph_test::FromHex("3046022100F5A03B0648D2C4630EEAC513E1BB81A15944DA38"
+                                                             "27D5B74143AC7EACEEE720B3022100B1B6AA29DF212FD8763182"
+                                                             "BC0D421CA1BB9038FD1F7F42D4840B69C485BBC1AA"));
+  ASSERT_EQ(Zeph("sm2 encrypt " + key + "--form c1c2c3 " + Q("msg") + " > " + Q("c.raw")).code, 0);
+  EXPECT_EQ(zeph_test::ReadBytes(dir_.file("c.raw")).size(), 97u + 19u);
+  ASSERT_EQ(Zeph("sm2 convert --from c1c2c3 --to der " + Q("c.raw") + " > " + Q("c.der")).code, 0);
+  EXPECT_EQ(Zeph("sm2 convert --from der --to c1c2c3 " + Q("c.der") + " | cmp - " + Q("c.raw")).code, 0);
+  EXPECT_EQ(Zeph("sm2 verify " + key + "--sig " + Q("sig") + " " + Q("md")).out, "signature verified\n");
+  EXPECT_EQ(Zeph("sm2 verify " + key + "--id other --sig " + Q("sig") + " " + Q("md")).code, 1);
+  const std::string sdbi_key = " --key 00010002000300040005000600070008 ";
+  ASSERT_EQ(Zeph("sdbi encrypt" + sdbi_key + Q("msg") + " > " + Q("e")).code, 0);
+  EXPECT_EQ(Zeph("sdbi decrypt" + sdbi_key + Q("e") + " | cmp - " + Q("msg")).code, 0);
+  const struct {
+    std::string args;
+    int code;
+  } cases[] = {{"sm2 encrypt " + Q("msg"), 2},
+               {"sm2 encrypt --pubkey 0011 " + Q("msg"), 2},
+               {"sm2 convert --from der --to xyz " + Q("msg"), 2},
+               {"sm2 convert --from der --to c1c3c2 " + Q("msg"), 1},
+               {"sdbi decrypt" + sdbi_key + Q("msg"), 1},
+               {"selftest", 0}};
+  for (const auto &c : cases) EXPECT_EQ(Zeph(c.args).code, c.code) << c.args;
+}

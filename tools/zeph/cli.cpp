@@ -121,6 +121,8 @@ bool ParseArgs(const Group &group, const std::vector<std::string> &argv, Args *a
       args->help = true;
     } else if (const size_t eq = a.find('='); eq != std::string::npos && TakesValue(group, a.substr(0, eq))) {
       args->options[a.substr(0, eq)] = a.substr(eq + 1);
+    } else if (std::find(group.flag_options.begin(), group.flag_options.end(), a) != group.flag_options.end()) {
+      args->options[a] = "";
     } else if (TakesValue(group, a)) {
       if (i + 1 == argv.size()) {
         *error = "option " + a + " needs a value";

@@ -5,7 +5,8 @@
 //   static int RunHash(const zeph_cli::Args &args) { ... }
 //   ZEPH_CLI_GROUP(hash, "hash a file", "hash [--alg ALG] FILE...", RunHash, {"--alg"});
 //
-// The last argument lists the options that take a value ({} for none).
+// The last argument lists the options that take a value ({} for none); a
+// further list may name flags that take none: ..., {"--out"}, {"--json"});
 //
 // main.cpp finds the group by the first argument and hands it the rest,
 // parsed. Exit status: 0 done, 1 the operation failed, 2 a usage error.
@@ -39,6 +40,7 @@ struct Group {
   const char *usage;    // the lines after "usage: zeph "
   int (*run)(const Args &args);
   std::vector<std::string> value_options;
+  std::vector<std::string> flag_options = {};  // options without a value ("--json"); Has() tells
 };
 
 bool RegisterGroup(Group group);

@@ -1,0 +1,60 @@
+// A seal signature signed with a software key through the handle API, as a
+// host builds one: OpenSSL's command line accepts it, and so does the library.
+#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_NOEXT_LIB) && defined(ZEPH_SOFTKEY_TOOL)
+
+#include "softkey_env.hpp"
+
+namespace zeph_it {
+namespace {
+
+using SealSignTest = SoftkeyTest;
+
+TEST_F(SealSignTest, KeySignedGbSignatureVerifiesWithOpenSsl) {
+  CreateStandardKey("SEAL1", false);
+  const Bytes cert = ExportCert("SEAL1", "VorliEcc", "ECC");
+  const Bytes seal = zeph_test::ReadBytes(std::string(ZEPH_SOURCE_DIR) + "/tests/data/seals/gb-v4-user.esl");
+  const Bytes hash(32, 0x5C);
+  Bytes tbs(seal.size() + 512);
+  auto len = static_cast<uint32_t>(tbs.size());
+  ASSERT_EQ(ZEPH_C_GetGBTBSSignData(1, seal.data(), seal.size(), "20210601000000Z", 0, hash.data(), 32, "p", 1,
+                                    tbs.data(), &len),
+            0u);
+  tbs.resize(len);
+  Bytes value(72);
+  len = 0;
+  {
+    Handle h("ZA_SEAL1");
+    ASSERT_EQ(ZEPH_C_DoSm2Sign(h.get(), kUserPin, tbs.data(), tbs.size(), value.data(), &len), 0u);
+  }
+  value.resize(len);
+  Bytes sig(tbs.size() + 1024);
+  len = static_cast<uint32_t>(sig.size());
+  ASSERT_EQ(ZEPH_C_GetGBSESSignature(tbs.data(), tbs.size(), value.data(), value.size(), cert.data(), cert.size(),
+                                     "1.2.156.10197.1.501", sig.data(), &len),
+            0u);
+  sig.resize(len);
+
+  zeph_test::TempDir dir;
+  zeph_test::WriteBytes(dir.file("cert.der"), cert);
+  zeph_test::WriteBytes(dir.file("tbs.der"), tbs);
+  zeph_test::WriteBytes(dir.file("sig.der"), value);
+  const std::string script = "cd '" + dir.path().string() +
+                             "' && openssl x509 -inform DER -in cert.der -pubkey -noout > pub.pem && openssl pkeyutl "
+                             "-verify -pubin -inkey pub.pem -rawin -digest sm3 -pkeyopt distid:1234567812345678 -in "
+                             "tbs.der -sigfile sig.der >/dev/null 2>&1";
+  EXPECT_EQ(std::system(script.c_str()), 0);
+
+  const Bytes any = {1};
+  EXPECT_EQ(ZEPH_C_VerifyGBSESSignature(seal.data(), seal.size(), any.data(), 1, any.data(), 1, any.data(), 1,
+                                        any.data(), 1, sig.data(), sig.size(), 0),
+            0u);
+  char report[512];
+  len = sizeof report;
+  EXPECT_EQ(ZEPH_C_SealVerify(sig.data(), sig.size(), nullptr, 0, report, &len), ERR_SIGNATURE_INVALID);
+  EXPECT_EQ(std::string(report).substr(0, 40), R"({"makerSignature":true,"signature":true,)");
+}
+
+}  // namespace
+}  // namespace zeph_it
+
+#endif

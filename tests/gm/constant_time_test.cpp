@@ -1,13 +1,10 @@
-// Constant time on the vector paths: under valgrind's memcheck, with the key
-// and the data marked undefined, no vector engine may branch on them or use
-// them to form an address. The portable engine, whose tables are indexed by
-// key and data, must be caught the same way, which shows the check can see.
+// Constant time on the vector paths: under valgrind's memcheck (the ctest
+// gm.Sm4ConstantTimeUnderValgrind runs this test there), with the key and the
+// data marked undefined, no vector engine may branch on them or use them to
+// form an address. The portable engine, whose tables are indexed by key and
+// data, must be caught the same way, which shows the check can see.
 #include <cstdio>
-#include <cstdlib>
 #include <string>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -25,17 +22,6 @@ using namespace gm_test;
 using namespace zeph::gm;
 
 namespace {
-
-std::string FindInPath(const std::string &program) {
-  const char *path = std::getenv("PATH");
-  for (std::string dirs = path != nullptr ? path : ""; !dirs.empty();) {
-    const size_t colon = dirs.find(':');
-    const std::string candidate = dirs.substr(0, colon) + "/" + program;
-    if (access(candidate.c_str(), X_OK) == 0) return candidate;
-    dirs = colon == std::string::npos ? "" : dirs.substr(colon + 1);
-  }
-  return "";
-}
 
 #if GM_HAVE_MEMCHECK
 // Memcheck errors raised while every mode runs on one engine with secrets it
@@ -60,28 +46,9 @@ unsigned ErrorsWithSecretInputs(const Sm4Engine &engine) {
 
 }  // namespace
 
-TEST(ConstantTime, VectorPathsUnderMemcheck) {
-  if (kSanitized) GTEST_SKIP() << "valgrind cannot run a sanitizer build; the plain build runs this check";
-  const std::string valgrind = FindInPath("valgrind");
-  if (valgrind.empty() || !GM_HAVE_MEMCHECK) {
-    GTEST_SKIP() << "valgrind is not installed (scripts/install-deps.sh installs it)";
-  }
-  const std::string command = valgrind + " --tool=memcheck --quiet /proc/" + std::to_string(getpid()) +
-                              "/exe --gtest_filter=ConstantTimeProbe.* 2>&1";
-  FILE *pipe = popen(command.c_str(), "r");
-  ASSERT_NE(pipe, nullptr);
-  std::string output;
-  char buf[4096];
-  for (size_t n; (n = std::fread(buf, 1, sizeof buf, pipe)) > 0;) output.append(buf, n);
-  const int status = pclose(pipe);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << output;
-  EXPECT_NE(output.find("vector engines checked: "), std::string::npos) << output;
-}
-
-// Started under valgrind by the test above.
-TEST(ConstantTimeProbe, SecretsReachNoBranchOrAddress) {
+TEST(Sm4ConstantTime, SecretsReachNoBranchOrAddress) {
 #if GM_HAVE_MEMCHECK
-  if (RUNNING_ON_VALGRIND == 0) GTEST_SKIP() << "runs under valgrind, started by ConstantTime.VectorPathsUnderMemcheck";
+  if (RUNNING_ON_VALGRIND == 0) GTEST_SKIP() << "runs under valgrind: ctest gm.Sm4ConstantTimeUnderValgrind";
   EXPECT_GT(ErrorsWithSecretInputs(kSm4Portable), 0u) << "memcheck did not see the portable engine's table lookups";
   std::string checked;
   const CpuFeatures cpu = DetectCpuFeatures();  // as valgrind's virtual CPU reports them

@@ -63,8 +63,8 @@ GmDispatch DispatchFor(CpuPath path, const CpuFeatures &cpu);
 // The process's choice, made on first use.
 const GmDispatch &ActiveGm();
 
-// Reads ZEPH_CPU again, so one test binary can run every path. Not for use
-// while other threads hash or encrypt.
+// Reads ZEPH_CPU again, so that one test or benchmark binary can run every
+// path. Not for use while other threads hash or encrypt.
 void ReselectGmForTesting();
 
 }  // namespace zeph::gm

@@ -1,4 +1,5 @@
-// SM4 internals shared between the block modes and the padded/file modes.
+// SM4 internals shared by the block modes, the padded and file modes and the
+// engines: the S-box, the key schedule and the whole-block ECB and CBC.
 #pragma once
 
 #include <cstddef>

@@ -5,7 +5,6 @@
 // is the least disturbed by other load.
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -13,6 +12,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.hpp"
 #include "gm/cpu_path.hpp"
 #include "gm/sm4_engine.hpp"
 #include "zeph_c_gm.h"
@@ -138,45 +138,19 @@ void DrbgOwn(benchmark::State &state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kDrbgRequest));
 }
 
-// Keeps the best bytes/s of every benchmark for the summary.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  struct Pair {
-    std::string what, mine, theirs;
-    double target;  // 0: no target
-  };
-
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      const auto it = run.counters.find("bytes_per_second");
-      if (it == run.counters.end()) continue;
-      std::string name = run.benchmark_name();
-      if (const auto slash = name.find("/repeats"); slash != std::string::npos) name.resize(slash);
-      double &best = best_[name];
-      if (it->second.value > best) best = it->second.value;
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  void Summary(const std::vector<Pair> &pairs) const {
-    std::printf("\n%-50s %10s %10s %8s %7s\n", "comparison", "MB/s", "vs MB/s", "ratio", "target");
-    for (const Pair &p : pairs) {
-      const auto a = best_.find(p.mine), b = best_.find(p.theirs);
-      if (a == best_.end() || b == best_.end() || b->second == 0) continue;
-      const double ratio = a->second / b->second;
-      std::printf("%-50s %10.1f %10.1f %7.2fx ", p.what.c_str(), a->second / 1e6, b->second / 1e6, ratio);
-      if (p.target > 0) {
-        std::printf("%6.2fx %s\n", p.target, ratio >= p.target ? "ok" : "BELOW");
-      } else {
-        std::printf("%7s\n", "-");
-      }
-    }
-  }
-
- private:
-  std::map<std::string, double> best_;
+// One row of the summary; the names are built per path, so they are kept here.
+struct Comparison {
+  std::string what, ours, theirs;
+  double target;  // 0: no target
 };
+
+void Summary(const zeph_bench::RatioReporter &reporter, const std::vector<Comparison> &comparisons) {
+  std::vector<zeph_bench::RatioRow> rows;
+  for (const Comparison &c : comparisons) {
+    rows.push_back({c.what.c_str(), c.ours.c_str(), c.theirs.c_str(), c.target, "MB/s", 1e-6});
+  }
+  zeph_bench::PrintRatios(reporter, rows);
+}
 
 }  // namespace
 
@@ -204,7 +178,7 @@ int main(int argc, char **argv) {
   const auto label = [](CpuPath p, const char *engine) {
     return std::string(zeph::gm::CpuPathName(p)) + " (" + engine + ")";
   };
-  std::vector<RatioReporter::Pair> pairs;
+  std::vector<Comparison> pairs;
   for (const Sm4Row &row : sm4_rows) {
     for (CpuPath p : paths) {
       const double target = p == CpuPath::kAvx512 ? row.avx512_target : p == CpuPath::kAvx2 ? row.avx2_target : 0;
@@ -249,10 +223,6 @@ int main(int argc, char **argv) {
     }
     benchmark::RegisterBenchmark("DRBG-64K/own", DrbgOwn);
   }
-  benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.Summary(pairs);
-  benchmark::Shutdown();
-  return 0;
+  return zeph_bench::RunWithRatios(argc, argv,
+                                   [&](const zeph_bench::RatioReporter &reporter) { Summary(reporter, pairs); });
 }

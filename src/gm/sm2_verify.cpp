@@ -74,13 +74,12 @@ uint32_t VerifyDigest(const uint8_t e[32], const Point &key, const Scalar &r, co
   Scalar t;
   ModAdd(r, s, &t);
   if (IsZero(t)) return BIVO_ERR_VERIFY;
-  Point x1y1;
-  if (!MulBaseAdd(s, t, key, &x1y1)) return BIVO_ERR_VERIFY;
-  Scalar e_mod_n, x1, expected;
+  // R = (e + x1) mod n equals r exactly when x1 ≡ r − e (mod n); the check
+  // runs on the projective point and saves the affine conversion.
+  Scalar e_mod_n, x1_expected;
   Reduce(e, &e_mod_n);
-  Reduce(x1y1.x, &x1);
-  ModAdd(e_mod_n, x1, &expected);
-  return std::memcmp(expected.b, r.b, kScalarLen) == 0 ? 0 : BIVO_ERR_VERIFY;
+  ModSub(r, e_mod_n, &x1_expected);
+  return MulBaseAddXModN(s, t, key, x1_expected) ? 0 : BIVO_ERR_VERIFY;
 }
 
 }  // namespace zeph::gm::sm2

@@ -236,7 +236,7 @@ void CbcDecryptGroups(const P &p, const uint32_t *rk, const uint8_t *in, uint8_t
   CryptGroups<V, P, G>(p, rk, in, r);
   uint8_t head[kStride<V>];
   std::memcpy(head, chain, 16);
-  if constexpr (kStride<V> > 16) std::memcpy(head + 16, in, kStride<V> - 16);
+  if constexpr (16 < kStride<V>) std::memcpy(head + 16, in, kStride<V> - 16);
 #pragma GCC unroll 8
   for (int g = 0; g < G; ++g) {
 #pragma GCC unroll 4

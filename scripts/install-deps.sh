@@ -2,7 +2,7 @@
 # Installs the Debian packages the project builds, tests, benchmarks and
 # fuzzes with; does nothing when they are all present.
 set -euo pipefail
-# valgrind: memcheck runs the constant-time test of the SM2 arithmetic.
+# valgrind: memcheck runs the constant-time tests of the SM2 arithmetic and of the SM4 vector paths.
 packages=(g++ gcc make cmake ninja-build pkg-config binutils libssl-dev openssl libcjson-dev
           libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev valgrind
           clang-format)  # clang-format: make format-check

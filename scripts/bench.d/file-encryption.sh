@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# File encryption: `zeph sm4 encrypt` (4 MiB chunks through the library)
-# against `openssl enc -sm4-ecb` on the same file, best of a few alternating
-# rounds. Prints throughput, their ratio (target >= 0.9 at 256 MiB) and the
-# encrypting process's peak resident memory (target <= 16 MiB at any size).
+# File encryption: `zeph sm4 encrypt` (4 MiB chunks through the library's own
+# multi-block SM4, on the path this CPU runs) against `openssl enc -sm4-ecb` on
+# the same file, best of a few alternating rounds. Prints throughput, their
+# ratio (target >= 3 at 256 MiB) and the encrypting process's peak resident
+# memory (target <= 16 MiB at any size).
 # usage: file-encryption.sh BUILD_DIR     (FILE_BENCH_ROUNDS, default 3)
 set -euo pipefail
 build=$(cd "${1:?build dir}" && pwd)
@@ -51,7 +52,7 @@ for mib in 64 256; do
   awk -v mib="$mib" -v z="$best_z" -v o="$best_o" -v rz="$rss_z" -v ro="$rss_o" 'BEGIN {
     ratio = o / z
     verdict = (rz <= 16 * 1024 ? "rss ok" : "RSS OVER 16 MiB")
-    if (mib >= 256) verdict = verdict (ratio >= 0.9 ? ", ratio ok" : ", RATIO BELOW 0.9")
+    if (mib >= 256) verdict = verdict (ratio >= 3 ? ", ratio ok" : ", RATIO BELOW 3")
     printf "%-8s %12.1f %12.1f %7.3f %14.1f %14.1f  %s\n", mib " MiB", mib / z, mib / o, ratio, rz / 1024, ro / 1024, verdict
   }'
 done

@@ -1,10 +1,12 @@
 // Whole-file SM4-ECB encryption to "<name>.enc" and decryption to
-// "<name>.dec", in 4 MiB chunks so that any file size needs two chunk buffers.
+// "<name>.dec", in 4 MiB chunks so that any file size needs one chunk buffer.
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "foundation/owned.hpp"
 #include "foundation/status_flow.hpp"
+#include "gm/sm4_engine.hpp"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
@@ -35,6 +37,59 @@ struct OutputFile {
   bool keep = false;
 };
 
+bool WriteAll(FILE *f, const unsigned char *p, size_t n) { return n == 0 || std::fwrite(p, 1, n, f) == n; }
+
+// The library's own SM4 over the file, whole chunks at a time: the round keys
+// are derived once, and the multi-block engine runs each chunk in place. The
+// result is the same as OpenSSL's SM4-ECB with its block padding.
+uint32_t EncryptChunks(FILE *input, FILE *output, const zeph::gm::Sm4Key &key, unsigned char *chunk) {
+  for (;;) {
+    const size_t got = std::fread(chunk, 1, kChunk, input);
+    if (got == kChunk) {
+      key.Ecb(chunk, chunk, kChunk / kBlock);
+      if (!WriteAll(output, chunk, kChunk)) return ERR_FILE_WRITE_FAILED;
+      continue;
+    }
+    if (std::ferror(input)) return ERR_FILE_OPEN_FAILED;
+    // The last, short chunk (possibly empty) gains 1 to 16 bytes of padding.
+    const size_t padded = got - got % kBlock + kBlock;
+    std::memset(chunk + got, static_cast<int>(padded - got), padded - got);
+    key.Ecb(chunk, chunk, padded / kBlock);
+    return WriteAll(output, chunk, padded) ? 0 : ERR_FILE_WRITE_FAILED;
+  }
+}
+
+// The last plaintext block is held back until the end of the file shows it
+// carries the padding.
+uint32_t DecryptChunks(FILE *input, FILE *output, const zeph::gm::Sm4Key &key, unsigned char *chunk) {
+  struct HeldBlock {
+    unsigned char b[kBlock];
+    bool full = false;
+    ~HeldBlock() { OPENSSL_cleanse(b, sizeof b); }
+  } held;
+  for (;;) {
+    const size_t got = std::fread(chunk, 1, kChunk, input);
+    if (std::ferror(input)) return ERR_FILE_OPEN_FAILED;
+    if (got == 0) break;
+    if (got % kBlock != 0) return ERR_ALG_UNSUPPORTED;  // not whole blocks
+    key.Ecb(chunk, chunk, got / kBlock);
+    if ((held.full && !WriteAll(output, held.b, kBlock)) || !WriteAll(output, chunk, got - kBlock)) {
+      return ERR_FILE_WRITE_FAILED;
+    }
+    std::memcpy(held.b, chunk + got - kBlock, kBlock);
+    held.full = true;
+    if (got < kChunk) break;
+  }
+  // An empty file or bad padding (a wrong key, most likely) is refused.
+  if (!held.full) return ERR_ALG_UNSUPPORTED;
+  const unsigned pad = held.b[kBlock - 1];
+  if (pad < 1 || pad > kBlock) return ERR_ALG_UNSUPPORTED;
+  for (unsigned i = 2; i <= pad; ++i) {
+    if (held.b[kBlock - i] != pad) return ERR_ALG_UNSUPPORTED;
+  }
+  return WriteAll(output, held.b, kBlock - pad) ? 0 : ERR_FILE_WRITE_FAILED;
+}
+
 uint32_t TransformFile(int encrypt, const char *file_name, const unsigned char *key, uint32_t key_length) {
   if (file_name == nullptr || file_name[0] == '\0' || key == nullptr || key_length == 0) {
     return ERR_INVALID_PARAMETER;
@@ -52,30 +107,10 @@ uint32_t TransformFile(int encrypt, const char *file_name, const unsigned char *
     if (!output.file) return ERR_FILE_OPEN_FAILED;
     output.created = true;
 
-    WipedChunk in(kChunk);
-    WipedChunk out(kChunk + kBlock);  // an update may release one held-back block
-    zeph::EvpCipherCtxPtr ctx(EVP_CIPHER_CTX_new());
-    if (!ctx) return ERR_OUT_OF_MEMORY;
-    // OpenSSL's own block padding stays on: the file is padded as a whole.
-    if (EVP_CipherInit_ex(ctx.get(), EVP_sm4_ecb(), nullptr, key, nullptr, encrypt) != 1) {
-      return ERR_ALG_UNSUPPORTED;
-    }
-    for (;;) {
-      const size_t got = std::fread(in.data.get(), 1, kChunk, input.get());
-      if (got == 0) break;
-      int produced = 0;
-      if (EVP_CipherUpdate(ctx.get(), out.data.get(), &produced, in.data.get(), static_cast<int>(got)) != 1) {
-        return ERR_ALG_UNSUPPORTED;
-      }
-      const auto n = static_cast<size_t>(produced);
-      if (std::fwrite(out.data.get(), 1, n, output.file.get()) != n) return ERR_FILE_WRITE_FAILED;
-      if (got < kChunk) break;
-    }
-    if (std::ferror(input.get())) return ERR_FILE_OPEN_FAILED;
-    int produced = 0;
-    if (EVP_CipherFinal_ex(ctx.get(), out.data.get(), &produced) != 1) return ERR_ALG_UNSUPPORTED;
-    const auto n = static_cast<size_t>(produced);
-    if (std::fwrite(out.data.get(), 1, n, output.file.get()) != n) return ERR_FILE_WRITE_FAILED;
+    WipedChunk chunk(kChunk + kBlock);  // room for the padding block
+    const zeph::gm::Sm4Key sm4(key, encrypt != 0);
+    ZEPH_TRY(encrypt != 0 ? EncryptChunks(input.get(), output.file.get(), sm4, chunk.data.get())
+                          : DecryptChunks(input.get(), output.file.get(), sm4, chunk.data.get()));
     // Buffered bytes that fail to reach the file are a short write too.
     if (std::fclose(output.file.release()) != 0) return ERR_FILE_WRITE_FAILED;
     output.keep = true;

@@ -27,10 +27,16 @@ inline constexpr uint32_t kSm3Iv[8] = {0x7380166F, 0x4914B2B9, 0x172442D7, 0xDA8
                                        0xA96F30BC, 0x163138AA, 0xE38DEE4D, 0xB0FB0E4E};
 
 // Compresses n consecutive 64-byte blocks into the chaining value, through
-// the fastest build of the loop this CPU runs; the portable build is kept
-// reachable so it can be checked on any CPU.
+// the build of the loop chosen for this CPU (cpu_path.hpp). The builds:
+// portable C; the same with BMI1/BMI2; the message expanded with AVX or
+// AVX-512VL before BMI2 rounds.
 void Sm3Compress(uint32_t state[8], const uint8_t *blocks, size_t n);
 void Sm3CompressPortable(uint32_t state[8], const uint8_t *blocks, size_t n);
+#if defined(__x86_64__) && defined(__GNUC__)
+void Sm3CompressBmi2(uint32_t state[8], const uint8_t *blocks, size_t n);
+void Sm3CompressAvx(uint32_t state[8], const uint8_t *blocks, size_t n);
+void Sm3CompressAvx512(uint32_t state[8], const uint8_t *blocks, size_t n);
+#endif
 
 // The streaming steps behind sm3_init/update/final, for the library's own
 // callers (direct calls, no null checks).

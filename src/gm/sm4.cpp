@@ -6,35 +6,14 @@
 #include <openssl/crypto.h>
 
 #include "gm/gm_internal.hpp"
+#include "gm/sm4_engine.hpp"
 #include "gm/sm4_internal.hpp"
 #include "zeph_c_status.h"
 
 namespace zeph::gm {
 namespace {
 
-// clang-format off
-constexpr uint8_t SM4_S[256] = {
-    0xD6, 0x90, 0xE9, 0xFE, 0xCC, 0xE1, 0x3D, 0xB7, 0x16, 0xB6, 0x14, 0xC2, 0x28, 0xFB, 0x2C, 0x05,
-    0x2B, 0x67, 0x9A, 0x76, 0x2A, 0xBE, 0x04, 0xC3, 0xAA, 0x44, 0x13, 0x26, 0x49, 0x86, 0x06, 0x99,
-    0x9C, 0x42, 0x50, 0xF4, 0x91, 0xEF, 0x98, 0x7A, 0x33, 0x54, 0x0B, 0x43, 0xED, 0xCF, 0xAC, 0x62,
-    0xE4, 0xB3, 0x1C, 0xA9, 0xC9, 0x08, 0xE8, 0x95, 0x80, 0xDF, 0x94, 0xFA, 0x75, 0x8F, 0x3F, 0xA6,
-    0x47, 0x07, 0xA7, 0xFC, 0xF3, 0x73, 0x17, 0xBA, 0x83, 0x59, 0x3C, 0x19, 0xE6, 0x85, 0x4F, 0xA8,
-    0x68, 0x6B, 0x81, 0xB2, 0x71, 0x64, 0xDA, 0x8B, 0xF8, 0xEB, 0x0F, 0x4B, 0x70, 0x56, 0x9D, 0x35,
-    0x1E, 0x24, 0x0E, 0x5E, 0x63, 0x58, 0xD1, 0xA2, 0x25, 0x22, 0x7C, 0x3B, 0x01, 0x21, 0x78, 0x87,
-    0xD4, 0x00, 0x46, 0x57, 0x9F, 0xD3, 0x27, 0x52, 0x4C, 0x36, 0x02, 0xE7, 0xA0, 0xC4, 0xC8, 0x9E,
-    0xEA, 0xBF, 0x8A, 0xD2, 0x40, 0xC7, 0x38, 0xB5, 0xA3, 0xF7, 0xF2, 0xCE, 0xF9, 0x61, 0x15, 0xA1,
-    0xE0, 0xAE, 0x5D, 0xA4, 0x9B, 0x34, 0x1A, 0x55, 0xAD, 0x93, 0x32, 0x30, 0xF5, 0x8C, 0xB1, 0xE3,
-    0x1D, 0xF6, 0xE2, 0x2E, 0x82, 0x66, 0xCA, 0x60, 0xC0, 0x29, 0x23, 0xAB, 0x0D, 0x53, 0x4E, 0x6F,
-    0xD5, 0xDB, 0x37, 0x45, 0xDE, 0xFD, 0x8E, 0x2F, 0x03, 0xFF, 0x6A, 0x72, 0x6D, 0x6C, 0x5B, 0x51,
-    0x8D, 0x1B, 0xAF, 0x92, 0xBB, 0xDD, 0xBC, 0x7F, 0x11, 0xD9, 0x5C, 0x41, 0x1F, 0x10, 0x5A, 0xD8,
-    0x0A, 0xC1, 0x31, 0x88, 0xA5, 0xCD, 0x7B, 0xBD, 0x2D, 0x74, 0xD0, 0x12, 0xB8, 0xE5, 0xB4, 0xB0,
-    0x89, 0x69, 0x97, 0x4A, 0x0C, 0x96, 0x77, 0x7E, 0x65, 0xB9, 0xF1, 0x09, 0xC5, 0x6E, 0xC6, 0x84,
-    0x18, 0xF0, 0x7D, 0xEC, 0x3A, 0xDC, 0x4D, 0x20, 0x79, 0xEE, 0x5F, 0x3E, 0xD7, 0xCB, 0x39, 0x48,
-};
-// clang-format on
-
 constexpr uint32_t L(uint32_t b) { return b ^ rotl(b, 2) ^ rotl(b, 10) ^ rotl(b, 18) ^ rotl(b, 24); }
-constexpr uint32_t LKey(uint32_t b) { return b ^ rotl(b, 13) ^ rotl(b, 23); }
 
 constexpr uint32_t Tau(uint32_t x) {
   return static_cast<uint32_t>(SM4_S[x >> 24]) << 24 | static_cast<uint32_t>(SM4_S[(x >> 16) & 0xFF]) << 16 |
@@ -53,15 +32,6 @@ constexpr SboxTable MakeSboxTable() {
 alignas(64) constexpr SboxTable kSboxTable = MakeSboxTable();
 constexpr const uint32_t *SM4_SBOX_T = kSboxTable.t;
 
-constexpr uint32_t FK[4] = {0xA3B1BAC6, 0x56AA3350, 0x677D9197, 0xB27022DC};
-
-// CK[i] byte j is (4i + j) * 7 mod 256.
-constexpr uint32_t MakeCk(uint32_t i) {
-  uint32_t v = 0;
-  for (uint32_t j = 0; j < 4; ++j) v = v << 8 | (((4 * i + j) * 7) & 0xFF);
-  return v;
-}
-
 inline uint32_t T_slow(uint32_t x) { return L(Tau(x)); }
 
 inline uint32_t T_table(uint32_t x) {
@@ -69,20 +39,7 @@ inline uint32_t T_table(uint32_t x) {
          rotl(SM4_SBOX_T[x & 0xFF], 8);
 }
 
-void KeySchedule(const uint8_t key[16], uint32_t rk[32]) {
-  uint32_t k0 = load_u32_be(key) ^ FK[0], k1 = load_u32_be(key + 4) ^ FK[1], k2 = load_u32_be(key + 8) ^ FK[2],
-           k3 = load_u32_be(key + 12) ^ FK[3];
-  for (uint32_t i = 0; i < 32; i += 4) {
-    k0 ^= LKey(Tau(k1 ^ k2 ^ k3 ^ MakeCk(i)));
-    k1 ^= LKey(Tau(k2 ^ k3 ^ k0 ^ MakeCk(i + 1)));
-    k2 ^= LKey(Tau(k3 ^ k0 ^ k1 ^ MakeCk(i + 2)));
-    k3 ^= LKey(Tau(k0 ^ k1 ^ k2 ^ MakeCk(i + 3)));
-    rk[i] = k0;
-    rk[i + 1] = k1;
-    rk[i + 2] = k2;
-    rk[i + 3] = k3;
-  }
-}
+void KeySchedule(const uint8_t key[16], uint32_t rk[32]) { ExpandSm4Key(key, rk, Tau); }
 
 // Four rounds on renamed words: X(i+4) = X(i) ^ T(X(i+1) ^ X(i+2) ^ X(i+3) ^ rk[i]).
 #define SM4_ROUNDS4(T, k)              \
@@ -111,18 +68,6 @@ void KeySchedule(const uint8_t key[16], uint32_t rk[32]) {
 
 #undef SM4_ROUNDS4
 
-// Round keys for one direction: decryption runs them in reverse.
-struct RoundKeys {
-  uint32_t rk[32];
-  RoundKeys(const uint8_t key[16], bool encrypt) {
-    KeySchedule(key, rk);
-    if (!encrypt) std::reverse(rk, rk + 32);
-  }
-  ~RoundKeys() { OPENSSL_cleanse(rk, sizeof rk); }
-  RoundKeys(const RoundKeys &) = delete;
-  RoundKeys &operator=(const RoundKeys &) = delete;
-};
-
 inline void Xor16(uint8_t *dst, const uint8_t *a, const uint8_t *b) {
   uint64_t x[2], y[2];
   std::memcpy(x, a, 16);
@@ -132,34 +77,60 @@ inline void Xor16(uint8_t *dst, const uint8_t *a, const uint8_t *b) {
   std::memcpy(dst, x, 16);
 }
 
+// The portable engine: the block function above, one block at a time.
+void PortableSchedule(const uint8_t key[16], bool encrypt, uint32_t rk[32]) {
+  KeySchedule(key, rk);
+  if (!encrypt) std::reverse(rk, rk + 32);  // decryption runs the round keys in reverse
+}
+
+void PortableEcb(const uint32_t rk[32], const uint8_t *in, uint8_t *out, size_t nblocks) {
+  for (; nblocks != 0; --nblocks, in += kSm4Block, out += kSm4Block) CryptBlock(in, out, rk);
+}
+
+void PortableCbcEncrypt(const uint32_t rk[32], const uint8_t iv[16], const uint8_t *in, uint8_t *out, size_t nblocks) {
+  uint8_t block[16];
+  for (const uint8_t *chain = iv; nblocks != 0; --nblocks, chain = out, in += kSm4Block, out += kSm4Block) {
+    Xor16(block, in, chain);
+    CryptBlock(block, out, rk);
+  }
+  OPENSSL_cleanse(block, sizeof block);
+}
+
+void PortableCbcDecrypt(const uint32_t rk[32], const uint8_t iv[16], const uint8_t *in, uint8_t *out, size_t nblocks) {
+  uint8_t chain[16], block[16];
+  std::memcpy(chain, iv, 16);
+  for (; nblocks != 0; --nblocks, in += kSm4Block, out += kSm4Block) {
+    std::memcpy(block, in, 16);  // kept aside: out may overwrite in
+    CryptBlock(in, out, rk);
+    Xor16(out, out, chain);
+    std::memcpy(chain, block, 16);
+  }
+  OPENSSL_cleanse(block, sizeof block);
+  OPENSSL_cleanse(chain, sizeof chain);
+}
+
 }  // namespace
 
+const Sm4Engine kSm4Portable = {"portable", PortableSchedule, PortableEcb, PortableCbcEncrypt, PortableCbcDecrypt};
+
+// The engine chosen for this CPU does the blocks. The single-block function
+// above keeps the large table off the four rounds at each end; the vector
+// engines read no table in any round, so no round of theirs, not only the
+// ones nearest the known text, leaves a key-dependent trace in the cache.
 void Sm4EcbBlocks(const uint8_t *in, uint8_t *out, uint32_t nblocks, const uint8_t key[16], bool encrypt) {
   if (nblocks == 0) return;
-  const RoundKeys keys(key, encrypt);
-  for (uint32_t i = 0; i < nblocks; ++i, in += kSm4Block, out += kSm4Block) CryptBlock(in, out, keys.rk);
+  Sm4Key(key, encrypt).Ecb(in, out, nblocks);
 }
 
 void Sm4CbcBlocks(const uint8_t *in, uint8_t *out, uint32_t nblocks, const uint8_t iv[16], const uint8_t key[16],
                   bool encrypt) {
   if (nblocks == 0) return;
-  const RoundKeys keys(key, encrypt);
-  uint8_t chain[16], block[16];
-  std::memcpy(chain, iv, 16);
-  for (uint32_t i = 0; i < nblocks; ++i, in += kSm4Block, out += kSm4Block) {
-    if (encrypt) {
-      Xor16(block, in, chain);
-      CryptBlock(block, out, keys.rk);
-      std::memcpy(chain, out, 16);
-    } else {
-      std::memcpy(block, in, 16);  // kept aside: out may overwrite in
-      CryptBlock(in, out, keys.rk);
-      Xor16(out, out, chain);
-      std::memcpy(chain, block, 16);
-    }
+  const Sm4Key keys(key, encrypt);
+  if (encrypt) {
+    keys.CbcEncrypt(iv, in, out, nblocks);
+  } else {
+    keys.CbcDecrypt(iv, in, out, nblocks);
   }
-  OPENSSL_cleanse(block, sizeof block);
-  OPENSSL_cleanse(chain, sizeof chain);
 }
 
 namespace {

@@ -7,6 +7,7 @@
 #include "foundation/owned.hpp"
 #include "foundation/secure_bytes.hpp"
 #include "foundation/status_flow.hpp"
+#include "gm/sm4_engine.hpp"
 #include "gm/sm4_internal.hpp"
 #include "zeph_c_gm.h"
 #include "zeph_c_status.h"
@@ -36,12 +37,13 @@ uint32_t EncryptPadded(const uint8_t *in, uint32_t len, const uint8_t *iv, const
   if (rest != 0) std::memcpy(last, in + whole * kSm4Block, rest);
   std::memset(last + rest, pad, pad);
   uint8_t *tail = out + whole * kSm4Block;
+  const zeph::gm::Sm4Key sm4(key, true);  // one key schedule for the body and the last block
   if (iv == nullptr) {
-    zeph::gm::Sm4EcbBlocks(in, out, whole, key, true);
-    zeph::gm::Sm4EcbBlocks(last, tail, 1, key, true);
+    sm4.Ecb(in, out, whole);
+    sm4.Ecb(last, tail, 1);
   } else {
-    zeph::gm::Sm4CbcBlocks(in, out, whole, iv, key, true);
-    zeph::gm::Sm4CbcBlocks(last, tail, 1, whole == 0 ? iv : tail - kSm4Block, key, true);
+    sm4.CbcEncrypt(iv, in, out, whole);
+    sm4.CbcEncrypt(whole == 0 ? iv : tail - kSm4Block, last, tail, 1);
   }
   OPENSSL_cleanse(last, sizeof last);
   return 0;

@@ -81,7 +81,10 @@ TEST(ZDigest, StandardExampleAndIdentityBound) {
   EXPECT_EQ(ToHex(z), z_hex);
 }
 
-TEST(ZDigest, VariantsAgreeOnRandomInputs) {
+using ZDigestPath = OnEveryPath;
+GM_ON_EVERY_PATH(ZDigestPath);
+
+TEST_P(ZDigestPath, VariantsAgreeOnRandomInputs) {
   std::mt19937 gen(11);
   for (int round = 0; round < 100; ++round) {
     std::string id(round == 0 ? 0 : gen() % 300, '\0');         // ENTL 0x0000 first

@@ -106,7 +106,8 @@ TEST_F(P7, RsaPkcs7PassesOpenSslCmsAndSmime) {
   zeph_it::Handle key(kKey);
   const Bytes data = B("pay 100 to Alice\n"), chain = Der("sm2");
   Bytes attached, detached, content;
-  for (auto [mode, out] : {std::pair{ZEPH_P7_ATTACHED, &attached}, std::pair{ZEPH_P7_DETACHED, &detached}}) {
+  for (auto [layout, out] : {std::pair{ZEPH_P7_ATTACHED, &attached}, std::pair{ZEPH_P7_DETACHED, &detached}}) {
+    const auto mode = layout;  // clang 14 cannot capture a structured binding in a lambda
     ASSERT_EQ(Call(
                   [&](unsigned char *o, uint32_t *n) {
                     return ZEPH_C_DoSignToPKCS7(key.get(), kPin, ZEPH_AREA_RSA, 8, mode, data.data(), 17, chain.data(),

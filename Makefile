@@ -1,7 +1,6 @@
 # Front door: every target first installs what is missing from Debian.
 BUILD        ?= build
 ASAN_BUILD   ?= build-asan
-FUZZ_BUILD   ?= build-fuzz
 TSAN_BUILD   ?= build-tsan
 FUZZ_SECONDS ?= 60
 FUZZ_SMOKE_SECONDS ?= 4
@@ -26,15 +25,14 @@ build: deps
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DZEPH_WERROR=$(WERROR)
 	cmake --build $(BUILD) -j $(JOBS)
 
+# One sanitizer build serves the suite and the fuzz targets: clang with
+# AddressSanitizer + UndefinedBehaviorSanitizer and libFuzzer's coverage hooks.
 build-asan: deps
-	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEPH_SANITIZE=ON -DZEPH_BENCH=OFF \
-	  -DZEPH_WERROR=$(WERROR)
+	CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEPH_SANITIZE=ON \
+	  -DZEPH_FUZZ=ON -DZEPH_BENCH=OFF -DZEPH_WERROR=$(WERROR)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
-build-fuzz: deps
-	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-	  -DZEPH_FUZZ=ON -DZEPH_TESTS=OFF -DZEPH_BENCH=OFF -DZEPH_WERROR=$(WERROR)
-	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_all
+build-fuzz: build-asan
 
 # Every tracked C and C++ file exactly as clang-format writes it.
 format-check: deps
@@ -47,11 +45,11 @@ test-normal: build
 test-asan: build-asan
 	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 
-fuzz-smoke: build-fuzz
-	bash scripts/fuzz.sh $(FUZZ_BUILD) $(FUZZ_SMOKE_SECONDS)
+fuzz-smoke: build-asan
+	bash scripts/fuzz.sh $(ASAN_BUILD) $(FUZZ_SMOKE_SECONDS)
 
-# Format check, fuzz smoke, then the whole suite twice: plain and under
-# AddressSanitizer + UndefinedBehaviorSanitizer.
+# Format check, fuzz smoke, then the whole suite twice: plain (g++) and under
+# AddressSanitizer + UndefinedBehaviorSanitizer (clang).
 test: deps
 	$(MAKE) format-check
 	$(MAKE) fuzz-smoke
@@ -60,8 +58,8 @@ test: deps
 
 # The fuzz targets, then kill -9 at random moments of software-key work
 # (PIN checks, signatures, file writes) with what survives checked.
-fuzz: build-fuzz build
-	bash scripts/fuzz.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+fuzz: build-asan build
+	bash scripts/fuzz.sh $(ASAN_BUILD) $(FUZZ_SECONDS)
 	bash scripts/softkey-kill-loop.sh $(BUILD) $(KILL_ROUNDS)
 
 # ThreadSanitizer over the code that promises threads: randomness contexts
@@ -81,4 +79,4 @@ install: build
 	cmake --install $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(TSAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)

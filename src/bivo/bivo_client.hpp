@@ -34,6 +34,23 @@ struct ZEPH_BIVO_CTX_st {
   bool has_key;
 };
 
+extern "C" {
+
+// Takes a DER BIVOParm apart. Each output is written only when its pointer
+// is given; its *len is the capacity on entry and the value's length on
+// return. 0, or -1 when the DER does not decode (trailing bytes included) or
+// a value does not fit its capacity.
+int l_bivo_ResloveParm(const unsigned char *der, uint32_t der_len, unsigned char *pubkey_out, uint32_t *pubkey_len,
+                       unsigned char *hash_out, uint32_t *hash_len, unsigned char *d1_out, uint32_t *d1_len,
+                       unsigned char *d1_inv_out, uint32_t *d1_inv_len);
+
+// The string value of key in a JSON text into out (out_size bytes, the
+// terminator included). 0; ERR_JSON_INVALID when the text does not parse or
+// has no string under key; ERR_BUFFER_TOO_SMALL when it does not fit.
+uint32_t l_GetCStringFromJsonByKey(const char *json_text, const char *key, char *out, uint32_t out_size);
+
+}  // extern "C"
+
 namespace zeph::bivo {
 
 // Buffers of the exchanges: requests of a key pair, of a signature or

@@ -164,7 +164,7 @@ namespace sm2 = zeph::gm::sm2;
 
 extern "C" {
 
-ZEPH_API uint32_t l_GetCStringFromJsonByKey(const char *json_text, const char *key, char *out, uint32_t out_size) {
+uint32_t l_GetCStringFromJsonByKey(const char *json_text, const char *key, char *out, uint32_t out_size) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(json_text != nullptr && key != nullptr && out != nullptr, ERR_INVALID_PARAMETER);
     zeph::JsonPtr root(cJSON_Parse(json_text));

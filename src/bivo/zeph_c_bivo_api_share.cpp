@@ -253,7 +253,7 @@ using namespace zeph::bivo;  // NOLINT: the exported functions below use the cli
 
 extern "C" {
 
-ZEPH_API int l_bivo_ResloveParm(const unsigned char *der, uint32_t der_len, unsigned char *pubkey_out,
+int l_bivo_ResloveParm(const unsigned char *der, uint32_t der_len, unsigned char *pubkey_out,
                                 uint32_t *pubkey_len, unsigned char *hash_out, uint32_t *hash_len,
                                 unsigned char *d1_out, uint32_t *d1_len, unsigned char *d1_inv_out,
                                 uint32_t *d1_inv_len) {

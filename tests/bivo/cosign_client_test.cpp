@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "bivo/bivo_client.hpp"
 #include "cosign_service.hpp"
 #include "oracle.hpp"
 #include "test_support.hpp"

@@ -3,6 +3,7 @@
 #define ZEPH_C_H
 
 #include "zeph_c_api.h"
+#include "zeph_c_bivo.h"
 #include "zeph_c_bivo_math.h"
 #include "zeph_c_ci.h"
 #include "zeph_c_corvex.h"

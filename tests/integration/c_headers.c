@@ -4,6 +4,7 @@
 
 #include "zeph_c.h"
 #include "zeph_c_api.h"
+#include "zeph_c_bivo.h"
 #include "zeph_c_bivo_math.h"
 #include "zeph_c_ci.h"
 #include "zeph_c_corvex.h"

@@ -1,0 +1,92 @@
+// The co-signing client inside: the context, the service exchange, the
+// sealed share and the request signer shared by the SM2 and RSA halves.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <openssl/x509.h>
+
+#include "bivo/bivo_math.hpp"
+#include "foundation/json_owned.hpp"
+#include "foundation/secure_bytes.hpp"
+#include "zeph_c_bivo.h"
+
+inline constexpr size_t kBivoTextBuffer = 130;
+
+struct ZEPH_BIVO_CTX_st {
+  char device_number[kBivoTextBuffer];
+  char container_id[65];
+  char url[kBivoTextBuffer];
+  uint8_t d1[32];
+  uint8_t d1_inv[32];
+  uint8_t pubkey[65];
+  uint32_t pubkey_len;
+  std::string host;
+  int port;
+  std::string path;
+  int tls;
+  bool has_service;
+  bool has_key;
+};
+
+namespace zeph::bivo {
+
+// Buffers of the exchanges: requests of a key pair, of a signature or
+// decryption, and every reply.
+inline constexpr size_t kKeyPairRequest = 650;
+inline constexpr size_t kShareRequest = 780;
+inline constexpr size_t kReplyBuffer = 1024;
+
+// Posts body to <path><method> and hands back the reply's "result" as JSON
+// text (a string holding JSON text, or an object). ERR_COSIGN_FAILED without
+// a service; ERR_HTTP_FAILED for the transport or a "status" other than 200;
+// ERR_JSON_INVALID for a reply that is not JSON or has no "result".
+uint32_t CallService(const ZEPH_BIVO_CTX &ctx, const char *method, std::string_view body, std::string *result,
+                     size_t max_reply = kReplyBuffer);
+
+// A base64 value of the result that decodes to exactly out.size() bytes, else
+// ERR_COSIGN_FAILED (ERR_JSON_INVALID when the key is missing).
+uint32_t ResultBytes(const std::string &result, const char *key, std::span<uint8_t> out);
+// Any base64 value of the result of at most max bytes.
+uint32_t ResultBytes(const std::string &result, const char *key, size_t max, std::vector<uint8_t> *out);
+
+std::string Base64(std::span<const uint8_t> bytes);
+// Upper-case hex, as the container identifiers are written.
+std::string HexUpper(std::span<const uint8_t> bytes);
+
+// The device-data seal: K = SM3(secret || device number), SM4-ECB under
+// K[0..15] xor K[16..31], without padding (whole blocks) or with PKCS#7
+// padding. Decoding with padding gives ERR_PIN_VERIFY_FAILED when the padding
+// is wrong (a wrong secret).
+uint32_t l_bivo_EnCodeDeviceData(std::span<const uint8_t> secret, const char *device_number,
+                                 std::span<const uint8_t> data, bool padding, SecureBytes *out);
+uint32_t l_bivo_DeCodeDeviceData(std::span<const uint8_t> secret, const char *device_number,
+                                 std::span<const uint8_t> data, bool padding, SecureBytes *out);
+
+// The SM2 share as a DER BIVOParm sealed under secret, and its length (the
+// same for every share).
+uint32_t EncodeShare(std::span<const uint8_t> secret, const char *device_number, const Scalar &d1,
+                     const Scalar &d1_inv, const Point &p, std::vector<uint8_t> *der);
+size_t ShareLength();
+// The share opened with the secret and checked (SM3(d1) is its digest,
+// d1·d1^-1 = 1): ERR_INVALID_PARAMETER for DER that is no share,
+// ERR_PIN_VERIFY_FAILED for a secret that does not open it.
+uint32_t OpenShare(std::span<const uint8_t> secret, const char *device_number, std::span<const uint8_t> der,
+                   Scalar *d1, Scalar *d1_inv, Point *p, char container_id[65]);
+
+// An SM2 public key (65 bytes) as an OpenSSL key, null when it is no point.
+EvpPkeyPtr Sm2Key(const uint8_t pubkey65[65]);
+
+// A PKCS#10 request for key with the subject dn, signed by sign over its
+// DER to-be-signed part; sig_alg names the signature algorithm.
+using TbsSigner = std::function<uint32_t(std::span<const uint8_t> tbs, std::vector<uint8_t> *sig)>;
+uint32_t BuildCsr(EVP_PKEY *key, const char *dn, int sig_nid, const TbsSigner &sign, std::vector<uint8_t> *der);
+// Room for such a request: the DER with a signature of sig_max bytes.
+uint32_t CsrLength(EVP_PKEY *key, const char *dn, int sig_nid, size_t sig_max, size_t *len);
+
+}  // namespace zeph::bivo

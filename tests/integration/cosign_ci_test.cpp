@@ -1,0 +1,186 @@
+// The co-signing rows of the JSON interface end to end: a software key, a
+// co-signing service on loopback, and the openssl tool checking every result;
+// rows that fail leave the key's PIN and share as they were.
+#include <cstdlib>
+#include <fstream>
+
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include "ci_support.hpp"
+#include "cosign_service.hpp"
+#include "test_support.hpp"
+#include "zeph_c_pki.h"
+
+namespace {
+
+using ci_test::Ci;
+using ci_test::Reply;
+using ci_test::Signed;
+
+// A member of the JSON text a row returns as its data.
+std::string Member(const std::string &data, const char *key) {
+  cJSON *doc = cJSON_Parse(data.c_str());
+  const cJSON *item = cJSON_GetObjectItemCaseSensitive(doc, key);
+  std::string out = cJSON_IsString(item) ? item->valuestring : "";
+  cJSON_Delete(doc);
+  return out;
+}
+
+// A 65-byte SM2 point as DER SubjectPublicKeyInfo.
+zeph_test::Bytes Spki(const zeph_test::Bytes &point) {
+  char group[] = "SM2";
+  OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, group, 0),
+                         OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY,
+                                                           const_cast<uint8_t *>(point.data()), point.size()),
+                         OSSL_PARAM_construct_end()};
+  EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new_from_name(nullptr, "SM2", nullptr);
+  EVP_PKEY *key = nullptr;
+  EVP_PKEY_fromdata_init(ctx);
+  EVP_PKEY_fromdata(ctx, &key, EVP_PKEY_PUBLIC_KEY, params);
+  unsigned char *der = nullptr;
+  const int n = i2d_PUBKEY(key, &der);
+  zeph_test::Bytes out(der, der + (n > 0 ? n : 0));
+  OPENSSL_free(der);
+  EVP_PKEY_free(key);
+  EVP_PKEY_CTX_free(ctx);
+  return out;
+}
+
+class CosignRows : public ci_test::SoftKeyCi {
+ protected:
+  void SetUp() override {
+    SoftKeyCi::SetUp();
+    vars_["url"] = service.url();
+  }
+  void TearDown() override {
+    unsetenv("ZEPH_SOFTKEY_FAULT");
+    ZEPH_C_HttpSetTimeouts(0, 0);
+    SoftKeyCi::TearDown();
+  }
+  Reply Row(const std::string &request) {
+    return Ci(Fill(R"({"keySN":"<keySN>","pin":"<pin>","url":"<url>","deviceID":"DEV-9",)" + request + "}"));
+  }
+  // The share file as the key holds it ("" when there is none).
+  std::string Share(const char *file = "BivoShare", int row = 7) {
+    const Reply r = Ci(Fill(R"({"type":108,"keySN":"<keySN>","idx":)" + std::to_string(row) + R"(,"filepath":")" +
+                            file + "\"}"));
+    return r.code == 0 ? r.data : "";
+  }
+  std::string Openssl(const std::string &args) {
+    std::string out;
+    EXPECT_EQ(zeph_test::Shell("cd " + dir.path().string() + " && openssl " + args, &out), 0) << args << "\n" << out;
+    return out;
+  }
+
+  zeph_test::CosignService service;
+  zeph_test::TempDir dir;
+};
+
+TEST_F(CosignRows, Sm2RowsAgainstOpenSsl) {
+  const Reply created = Row(R"("type":600)");
+  ASSERT_EQ(created.code, 0) << created.text;
+  const std::string id = Member(created.data, "containerID");
+  EXPECT_EQ(id.size(), 64u);
+  zeph_test::WriteBytes(dir.file("pub.der"), Spki(ci_test::FromBase64(Member(created.data, "pubKey"))));
+  EXPECT_FALSE(Share().empty());
+
+  const zeph_test::Bytes msg = zeph_test::RandomBytes(333, 4);
+  zeph_test::WriteBytes(dir.file("msg"), msg);
+  const Reply signed_row = Row(R"("type":601,"signData":")" + ci_test::Base64(msg) + "\"");
+  ASSERT_EQ(signed_row.code, 0) << signed_row.text;
+  zeph_test::WriteBytes(dir.file("sig"), ci_test::FromBase64(Member(signed_row.data, "signature")));
+  Openssl("dgst -sm3 -verify pub.der -keyform DER -sigopt distid:1234567812345678 -signature sig msg");
+
+  const Reply csr = Row(R"("type":602,"dn":"CN=co-signed user,O=zeph")");
+  ASSERT_EQ(csr.code, 0) << csr.text;
+  zeph_test::WriteBytes(dir.file("csr"), ci_test::FromBase64(Member(csr.data, "csr")));
+  Openssl("req -inform DER -in csr -verify -noout");
+
+  zeph_test::WriteBytes(dir.file("plain"), {'c', 'o', '-', 's', 'i', 'g', 'n', 'e', 'd'});
+  Openssl("pkeyutl -encrypt -pubin -keyform DER -inkey pub.der -in plain -out cipher");
+  const Reply opened = Row(R"("type":604,"raw":")" + ci_test::Base64(zeph_test::ReadBytes(dir.file("cipher"))) + "\"");
+  ASSERT_EQ(opened.code, 0) << opened.text;
+  EXPECT_EQ(ci_test::FromBase64(Member(opened.data, "plain")), zeph_test::ReadBytes(dir.file("plain")));
+
+  EXPECT_EQ(Row(R"("type":605)").code, 0);
+  // A wrong PIN is refused by the key before the share is touched.
+  EXPECT_NE(Ci(Fill(R"({"type":605,"keySN":"<keySN>","pin":"000000","deviceID":"DEV-9"})")).code, 0);
+
+  // 609: the key's PIN and the share change together.
+  ASSERT_EQ(Row(R"("type":609,"newPin":"654321")").code, 0);
+  vars_["pin"] = "654321";
+  const Reply again = Row(R"("type":601,"signData":")" + ci_test::Base64(msg) + "\"");
+  ASSERT_EQ(again.code, 0) << again.text;
+  zeph_test::WriteBytes(dir.file("sig"), ci_test::FromBase64(Member(again.data, "signature")));
+  Openssl("dgst -sm3 -verify pub.der -keyform DER -sigopt distid:1234567812345678 -signature sig msg");
+}
+
+TEST_F(CosignRows, FailedRowsLeaveTheKeyAsItWas) {
+  ASSERT_EQ(Row(R"("type":600)").code, 0);
+  const std::string share = Share();
+  const std::string sign = R"("type":601,"signData":"AQID")";
+
+  // A service whose credential does not match: no new share.
+  service.set_tamper([](const std::string &method, std::map<std::string, std::string> *result, std::string *, int *) {
+    if (method == "BIVOGenKeyPair") (*result)["credential"] = (*result)["pubKey"];
+  });
+  EXPECT_EQ(Row(R"("type":600)").code, 12);
+  service.set_tamper(nullptr);
+  EXPECT_EQ(Share(), share);
+
+  // The share cannot be written: the old one stays.
+  setenv("ZEPH_SOFTKEY_FAULT", "SKF_WriteFile:1:0x0A000001", 1);
+  EXPECT_EQ(Row(R"("type":600)").code, Signed(0x0A000001u));
+  unsetenv("ZEPH_SOFTKEY_FAULT");
+  EXPECT_EQ(Share(), share);
+  EXPECT_EQ(Row(sign).code, 0);
+
+  // 609 whose write fails: the PIN and the share are the old ones.
+  setenv("ZEPH_SOFTKEY_FAULT", "pin,SKF_WriteFile:1:0x0A000001", 1);
+  EXPECT_EQ(Row(R"("type":609,"newPin":"654321")").code, Signed(0x0A000001u));
+  unsetenv("ZEPH_SOFTKEY_FAULT");
+  EXPECT_EQ(Share(), share);
+  EXPECT_EQ(Row(sign).code, 0);
+
+  // A service that never answers: the deadline ends the row.
+  ZEPH_C_HttpSetTimeouts(200, 300);
+  service.set_silent(true);
+  EXPECT_EQ(Row(sign).code, Signed(ERR_HTTP_FAILED));
+  EXPECT_EQ(Row(R"("type":600)").code, Signed(ERR_HTTP_FAILED));
+  EXPECT_EQ(Share(), share);
+}
+
+TEST_F(CosignRows, RsaRowsAgainstOpenSsl) {
+  const Reply created = Row(R"("type":606,"modLen":2048)");
+  ASSERT_EQ(created.code, 0) << created.text;
+  zeph_test::WriteBytes(dir.file("pub.der"), ci_test::FromBase64(Member(created.data, "pubKey")));
+  const zeph_test::Bytes msg = zeph_test::RandomBytes(100, 8);
+  zeph_test::WriteBytes(dir.file("msg"), msg);
+  const Reply signed_row = Row(R"("type":607,"algID":4,"signData":")" + ci_test::Base64(msg) + "\"");
+  ASSERT_EQ(signed_row.code, 0) << signed_row.text;
+  zeph_test::WriteBytes(dir.file("sig"), ci_test::FromBase64(Member(signed_row.data, "signature")));
+  Openssl("dgst -sha256 -verify pub.der -keyform DER -signature sig msg");
+  const Reply csr = Row(R"("type":608,"dn":"/CN=rsa co-signed")");
+  ASSERT_EQ(csr.code, 0) << csr.text;
+  zeph_test::WriteBytes(dir.file("csr"), ci_test::FromBase64(Member(csr.data, "csr")));
+  Openssl("req -inform DER -in csr -verify -noout");
+}
+
+TEST_F(CosignRows, EnvelopeRowUsesTheConfiguredKey) {
+  ASSERT_EQ(ZEPH_C_SetConfig(dir.path().c_str()), 0u);
+  std::ofstream(dir.file("vorli_ukey_cfg.json")) << "[]";
+  EXPECT_EQ(Row(R"("type":603,"raw":"MAMCAQE=")").code, Signed(ERR_UNSUPPORTED_VALUE));
+  Openssl("ecparam -name SM2 -genkey -noout -outform DER -out k.der && base64 -w 0 k.der > zeph_bivo_envelope.key"
+          " && openssl req -new -x509 -key k.der -keyform DER -subj /CN=env -days 2 -outform DER -out c.der");
+  const Reply env = Ci(R"({"type":302,"raw":"c2VjcmV0","cert":")" +
+                       ci_test::Base64(zeph_test::ReadBytes(dir.file("c.der"))) + "\"}");
+  ASSERT_EQ(env.code, 0) << env.text;
+  const Reply opened = Row(R"("type":603,"raw":")" + env.data + "\"");
+  EXPECT_EQ(opened.code, 0) << opened.text;
+  EXPECT_EQ(Member(opened.data, "plain"), "c2VjcmV0");
+  ZEPH_C_SetConfig("");
+}
+
+}  // namespace

@@ -6,6 +6,7 @@
 #include "zeph_c_bivo.h"
 #include "zeph_c_bivo_math.h"
 #include "zeph_c_ci.h"
+#include "zeph_c_corvex.h"
 #include "zeph_c_device.h"
 #include "zeph_c_gm.h"
 #include "zeph_c_p7.h"

@@ -7,6 +7,7 @@
 #include "zeph_c_bivo.h"
 #include "zeph_c_bivo_math.h"
 #include "zeph_c_ci.h"
+#include "zeph_c_corvex.h"
 #include "zeph_c_export.h"
 #include "zeph_c_gm.h"
 #include "zeph_c_p7.h"
@@ -121,6 +122,19 @@ int zeph_c_header_check(void) {
     if (ZEPH_C_RandTest_Report(ctx, report, &len) != 0 || strncmp(report, "{\"suite\":\"quick\"", 16) != 0) return 34;
     ZEPH_C_RandTest_Free(ctx);
     if (cephes_igamc(1.0, 0.0) != 1.0 || ComputePower(2, 10) != 1024u) return 35;
+  }
+  /* Corvex: a signer pushed onto the optional stack through the inline operations. */
+  {
+    Corvex_Signature *corvex = Corvex_Signature_new();
+    SignerInfo *signer = SignerInfo_new();
+    uint32_t len = 0;
+    if (corvex == NULL || signer == NULL || (corvex->signers = sk_SignerInfo_new_null()) == NULL) return 40;
+    if (sk_SignerInfo_push(corvex->signers, signer) != 1 || sk_HASHALG_num(signer->hashAlg) != 0) return 41;
+    Corvex_Signature_free(corvex);
+    if (Corvex_DoSignature(NULL, 0, (const unsigned char *)"x", 1, (const unsigned char *)"s", 1, NULL, &len) !=
+        ERR_INVALID_PARAMETER) {
+      return 42;
+    }
   }
   return 0;
 }

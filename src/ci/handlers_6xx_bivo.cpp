@@ -11,6 +11,7 @@
 #include "foundation/json_owned.hpp"
 #include "zeph_c_api.h"
 #include "zeph_c_bivo.h"
+#include "zeph_c_corvex.h"
 #include "zeph_c_device.h"
 #include "zeph_c_status.h"
 
@@ -155,6 +156,32 @@ uint32_t DoSignature(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   std::vector<uint8_t> data, sig;
   ZEPH_TRY(Sm2Signature(req, &data, &sig));
   return SetJson(res, {{"signature", Base64Text(sig)}});
+}
+
+// Corvex_DoSignature answers 1 (or 0) for success.
+uint32_t CorvexStatus(uint32_t rv) { return rv == 1 ? 0 : rv; }
+
+// 601, then the message, "cert" (base64 DER) and the signature packed as a
+// Corvex signature. The certificate is checked before anything is signed.
+uint32_t CorvexSignature(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
+  SecureBytes cert;
+  ZEPH_TRY(DecodeBase64(req.cert, &cert));
+  const auto cert_len = static_cast<uint32_t>(cert.size());
+  ZEPH_ENSURE(cert_len != 0, ERR_INVALID_PARAMETER);
+  const uint8_t placeholder[72] = {};
+  uint32_t len = 0;
+  ZEPH_TRY(CorvexStatus(Corvex_DoSignature(placeholder, 1, cert.data(), cert_len, placeholder, sizeof placeholder,
+                                           nullptr, &len)));
+  std::vector<uint8_t> data, sig;
+  ZEPH_TRY(Sm2Signature(req, &data, &sig));
+  const auto data_len = static_cast<uint32_t>(data.size()), sig_len = static_cast<uint32_t>(sig.size());
+  ZEPH_TRY(CorvexStatus(
+      Corvex_DoSignature(data.data(), data_len, cert.data(), cert_len, sig.data(), sig_len, nullptr, &len)));
+  // Compat: the packer fills only a buffer of exactly the length it asked for.
+  std::vector<uint8_t> out(len);
+  ZEPH_TRY(CorvexStatus(
+      Corvex_DoSignature(data.data(), data_len, cert.data(), cert_len, sig.data(), sig_len, out.data(), &len)));
+  return SetJson(res, {{"signature", Base64Text(out)}});
 }
 
 uint32_t GenCsr(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
@@ -310,5 +337,8 @@ uint32_t l_ci4doBIVO_RSAdoSignature(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
 }
 uint32_t l_ci4doBIVO_RSAgenCSR(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) { return Answer(res, RsaGenCsr(*req, res)); }
 uint32_t l_ci4doBIVO_ChangeUserPin(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) { return Answer(res, ChangePin(*req)); }
+uint32_t l_ci4doBIVO_doSignatureforCorvex(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
+  return Answer(res, CorvexSignature(*req, res));
+}
 
 }  // namespace zeph::ci

@@ -253,7 +253,7 @@ TEST_F(CiDocs, WaitingRowsAnswerUnsupportedAndLiveRowsDoNot) {
         << handler << ": " << r.text;
   }
   const auto parser_keys = All(ReadText("src/ci/ci_request.cpp"), "\"(\\w+)\"");
-  EXPECT_EQ(cosign_.size(), 10u);
+  EXPECT_EQ(cosign_.size(), 11u);
   for (const auto &[code, row] : cosign_) {
     EXPECT_EQ(row.handler, table_.at(code)) << code;
     for (const auto &key : row.reads) EXPECT_NE(std::count(parser_keys.begin(), parser_keys.end(), key), 0) << key;

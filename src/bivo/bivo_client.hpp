@@ -66,11 +66,19 @@ inline constexpr size_t kReplyBuffer = 1024;
 uint32_t CallService(const ZEPH_BIVO_CTX &ctx, const char *method, std::string_view body, std::string *result,
                      size_t max_reply = kReplyBuffer);
 
+// The "result" of a reply body: as CallService, without the exchange.
+uint32_t ReadReply(std::string_view body, std::string *result);
+
 // A base64 value of the result that decodes to exactly out.size() bytes, else
 // ERR_COSIGN_FAILED (ERR_JSON_INVALID when the key is missing).
 uint32_t ResultBytes(const std::string &result, const char *key, std::span<uint8_t> out);
 // Any base64 value of the result of at most max bytes.
 uint32_t ResultBytes(const std::string &result, const char *key, size_t max, std::vector<uint8_t> *out);
+
+// A point of the result (65 bytes, 0x04, on the curve) and a scalar (32
+// bytes in [1, n-1]), else ERR_COSIGN_FAILED.
+uint32_t ResultPoint(const std::string &result, const char *key, Point *out);
+uint32_t ResultScalar(const std::string &result, const char *key, Scalar *out);
 
 std::string Base64(std::span<const uint8_t> bytes);
 // Upper-case hex, as the container identifiers are written.

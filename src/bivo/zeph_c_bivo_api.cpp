@@ -52,7 +52,7 @@ uint32_t Post(const ZEPH_BIVO_CTX &ctx, const char *method, std::string_view bod
 uint32_t Greet(const ZEPH_BIVO_CTX &ctx) {
   std::string text;
   ZEPH_TRY(Post(ctx, "BIVOInit", "{}", kReplyBuffer, &text));
-  const JsonPtr root(cJSON_Parse(text.c_str()));
+  const JsonPtr root(cJSON_ParseWithLength(text.data(), text.size()));
   const cJSON *status = cJSON_GetObjectItemCaseSensitive(root.get(), "status");
   ZEPH_ENSURE(cJSON_IsNumber(status), ERR_JSON_INVALID);
   ZEPH_ENSURE(status->valueint == 200, ERR_HTTP_FAILED);
@@ -76,18 +76,11 @@ std::string HexUpper(std::span<const uint8_t> bytes) {
   return out;
 }
 
-uint32_t CallService(const ZEPH_BIVO_CTX &ctx, const char *method, std::string_view body, std::string *result,
-                     size_t max_reply) {
-  ZEPH_ENSURE(ctx.has_service, ERR_COSIGN_FAILED);
-  std::string text;
-  ZEPH_TRY(Post(ctx, method, body, max_reply, &text));
-  JsonPtr root(cJSON_Parse(text.c_str()));
+uint32_t ReadReply(std::string_view body, std::string *result) {
+  JsonPtr root(cJSON_ParseWithLength(body.data(), body.size()));
   ZEPH_ENSURE(root != nullptr && cJSON_IsObject(root.get()), ERR_JSON_INVALID);
   const cJSON *status = cJSON_GetObjectItemCaseSensitive(root.get(), "status");
-  if (status != nullptr && !(cJSON_IsNumber(status) && status->valueint == 200)) {
-    ZEPH_LOG(method, ERR_HTTP_FAILED);
-    return ERR_HTTP_FAILED;
-  }
+  ZEPH_ENSURE(status == nullptr || (cJSON_IsNumber(status) && status->valueint == 200), ERR_HTTP_FAILED);
   const cJSON *res = cJSON_GetObjectItemCaseSensitive(root.get(), "result");
   if (cJSON_IsString(res)) {
     *result = res->valuestring;
@@ -98,6 +91,16 @@ uint32_t CallService(const ZEPH_BIVO_CTX &ctx, const char *method, std::string_v
   ZEPH_ENSURE(printed != nullptr, ERR_OUT_OF_MEMORY);
   *result = printed.get();
   return 0;
+}
+
+uint32_t CallService(const ZEPH_BIVO_CTX &ctx, const char *method, std::string_view body, std::string *result,
+                     size_t max_reply) {
+  ZEPH_ENSURE(ctx.has_service, ERR_COSIGN_FAILED);
+  std::string text;
+  ZEPH_TRY(Post(ctx, method, body, max_reply, &text));
+  const uint32_t rv = ReadReply(text, result);
+  if (rv != 0) ZEPH_LOG(method, rv);
+  return rv;
 }
 
 uint32_t ResultBytes(const std::string &result, const char *key, size_t max, std::vector<uint8_t> *out) {
@@ -128,8 +131,6 @@ uint32_t ResultBytes(const std::string &result, const char *key, std::span<uint8
   return 0;
 }
 
-namespace {
-
 // A point of the result: 65 bytes, on the curve.
 uint32_t ResultPoint(const std::string &result, const char *key, Point *out) {
   uint8_t raw[sm2::kPointLen];
@@ -146,6 +147,8 @@ uint32_t ResultScalar(const std::string &result, const char *key, Scalar *out) {
   ZEPH_ENSURE(sm2::InRange(*out), ERR_COSIGN_FAILED);
   return 0;
 }
+
+namespace {
 
 uint32_t Sm3Hex(const Scalar &d1, char out[65]) {
   uint8_t digest[32];

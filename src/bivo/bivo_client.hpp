@@ -95,14 +95,14 @@ uint32_t l_bivo_DeCodeDeviceData(std::span<const uint8_t> secret, const char *de
 
 // The SM2 share as a DER BIVOParm sealed under secret, and its length (the
 // same for every share).
-uint32_t EncodeShare(std::span<const uint8_t> secret, const char *device_number, const Scalar &d1,
-                     const Scalar &d1_inv, const Point &p, std::vector<uint8_t> *der);
+uint32_t EncodeShare(std::span<const uint8_t> secret, const char *device_number, const Scalar &d1, const Scalar &d1_inv,
+                     const Point &p, std::vector<uint8_t> *der);
 size_t ShareLength();
 // The share opened with the secret and checked (SM3(d1) is its digest,
 // d1·d1^-1 = 1): ERR_INVALID_PARAMETER for DER that is no share,
 // ERR_PIN_VERIFY_FAILED for a secret that does not open it.
-uint32_t OpenShare(std::span<const uint8_t> secret, const char *device_number, std::span<const uint8_t> der,
-                   Scalar *d1, Scalar *d1_inv, Point *p, char container_id[65]);
+uint32_t OpenShare(std::span<const uint8_t> secret, const char *device_number, std::span<const uint8_t> der, Scalar *d1,
+                   Scalar *d1_inv, Point *p, char container_id[65]);
 
 // An SM2 public key (65 bytes) as an OpenSSL key, null when it is no point.
 EvpPkeyPtr Sm2Key(const uint8_t pubkey65[65]);

@@ -63,7 +63,8 @@ uint32_t Greet(const ZEPH_BIVO_CTX &ctx) {
 
 std::string Base64(std::span<const uint8_t> bytes) {
   std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), bytes.data(), static_cast<int>(bytes.size()));
+  const int n =
+      EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), bytes.data(), static_cast<int>(bytes.size()));
   out.resize(n < 0 ? 0 : static_cast<size_t>(n));
   return out;
 }
@@ -223,8 +224,8 @@ ZEPH_API uint32_t ZEPH_C_BIVO_Finalize(ZEPH_BIVO_CTX *ctx) {
 }
 
 ZEPH_API uint32_t ZEPH_C_BIVO_CreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned char *secret, uint32_t secret_len,
-                                           unsigned char *pubkey_out, uint32_t *pubkey_len, char *container_id_out,
-                                           unsigned char *share_out, uint32_t *share_len) {
+                                            unsigned char *pubkey_out, uint32_t *pubkey_len, char *container_id_out,
+                                            unsigned char *share_out, uint32_t *share_len) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(ctx != nullptr, ZEPH_ERR_MISSING_HANDLE);
     ZEPH_ENSURE(secret != nullptr && share_len != nullptr && pubkey_len != nullptr, ERR_INVALID_PARAMETER);
@@ -287,7 +288,7 @@ ZEPH_API uint32_t ZEPH_C_BIVO_CreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned c
 }
 
 ZEPH_API uint32_t ZEPH_C_BIVO_DoSignature(ZEPH_BIVO_CTX *ctx, const unsigned char *msg, uint32_t msg_len,
-                                         unsigned char *sig_out, uint32_t *sig_len) {
+                                          unsigned char *sig_out, uint32_t *sig_len) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(ctx != nullptr, ZEPH_ERR_MISSING_HANDLE);
     ZEPH_ENSURE(ctx->has_key, ERR_COSIGN_FAILED);
@@ -304,9 +305,9 @@ ZEPH_API uint32_t ZEPH_C_BIVO_DoSignature(ZEPH_BIVO_CTX *ctx, const unsigned cha
     uint8_t q1_raw[65];
     sm2::PointTo65(q1, q1_raw);
     char request[kShareRequest];
-    const int n = std::snprintf(request, sizeof request,
-                                R"({"containerID":"%s", "q1":"%s", "digest":"%s", "signType":%d})", ctx->container_id,
-                                Base64(q1_raw).c_str(), Base64(e).c_str(), kSignType);
+    const int n =
+        std::snprintf(request, sizeof request, R"({"containerID":"%s", "q1":"%s", "digest":"%s", "signType":%d})",
+                      ctx->container_id, Base64(q1_raw).c_str(), Base64(e).c_str(), kSignType);
     ZEPH_ENSURE(n > 0 && static_cast<size_t>(n) < sizeof request, ERR_INVALID_PARAMETER);
     std::string result;
     ZEPH_TRY(CallService(*ctx, "BIVOSignature", request, &result));
@@ -328,7 +329,7 @@ ZEPH_API uint32_t ZEPH_C_BIVO_DoSignature(ZEPH_BIVO_CTX *ctx, const unsigned cha
 }
 
 ZEPH_API uint32_t ZEPH_C_BIVO_SM2Decrypt(ZEPH_BIVO_CTX *ctx, const unsigned char *cipher, uint32_t cipher_len,
-                                        unsigned char *plain_out, uint32_t *plain_len) {
+                                         unsigned char *plain_out, uint32_t *plain_len) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(ctx != nullptr, ZEPH_ERR_MISSING_HANDLE);
     ZEPH_ENSURE(ctx->has_key, ERR_COSIGN_FAILED);

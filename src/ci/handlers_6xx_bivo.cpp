@@ -68,11 +68,10 @@ uint32_t ReadShare(const KeyHandle &key, const ZEPH_REQ_PARAM &req, const ShareF
 // The share written last; a failed write puts the previous one back.
 uint32_t WriteShare(const KeyHandle &key, const char *pin, const ShareFile &file, std::span<const uint8_t> share,
                     const SecureBytes &previous) {
-  const uint32_t rv = ZEPH_C_WriteUkeyFile(key.get(), pin, file.row, file.name, share.data(),
-                                           static_cast<uint32_t>(share.size()));
+  const uint32_t rv =
+      ZEPH_C_WriteUkeyFile(key.get(), pin, file.row, file.name, share.data(), static_cast<uint32_t>(share.size()));
   if (rv != 0 && !previous.empty()) {
-    ZEPH_C_WriteUkeyFile(key.get(), pin, file.row, file.name, previous.data(),
-                         static_cast<uint32_t>(previous.size()));
+    ZEPH_C_WriteUkeyFile(key.get(), pin, file.row, file.name, previous.data(), static_cast<uint32_t>(previous.size()));
   }
   return rv;
 }
@@ -146,8 +145,8 @@ uint32_t Sm2Signature(const ZEPH_REQ_PARAM &req, std::vector<uint8_t> *data, std
   ZEPH_TRY(OpenSm2Session(req, &s));
   uint32_t sig_len = 72;
   sig->resize(sig_len);
-  ZEPH_TRY(ZEPH_C_BIVO_DoSignature(s.ctx.get(), data->data(), static_cast<uint32_t>(data->size()), sig->data(),
-                                   &sig_len));
+  ZEPH_TRY(
+      ZEPH_C_BIVO_DoSignature(s.ctx.get(), data->data(), static_cast<uint32_t>(data->size()), sig->data(), &sig_len));
   sig->resize(sig_len);
   return 0;
 }
@@ -170,8 +169,8 @@ uint32_t CorvexSignature(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   ZEPH_ENSURE(cert_len != 0, ERR_INVALID_PARAMETER);
   const uint8_t placeholder[72] = {};
   uint32_t len = 0;
-  ZEPH_TRY(CorvexStatus(Corvex_DoSignature(placeholder, 1, cert.data(), cert_len, placeholder, sizeof placeholder,
-                                           nullptr, &len)));
+  ZEPH_TRY(CorvexStatus(
+      Corvex_DoSignature(placeholder, 1, cert.data(), cert_len, placeholder, sizeof placeholder, nullptr, &len)));
   std::vector<uint8_t> data, sig;
   ZEPH_TRY(Sm2Signature(req, &data, &sig));
   const auto data_len = static_cast<uint32_t>(data.size()), sig_len = static_cast<uint32_t>(sig.size());
@@ -306,9 +305,8 @@ uint32_t ChangePin(const ZEPH_REQ_PARAM &req) {
   ZEPH_TRY(CollectOutput(
       share.size(),
       [&](uint8_t *out, uint32_t *out_len) {
-        return ZEPH_C_BIVO_ChangeUserPin(ctx.get(), Bytes(req.pin.s), Len(req.pin.s), Bytes(req.value),
-                                         Len(req.value), share.data(), static_cast<uint32_t>(share.size()), out,
-                                         out_len);
+        return ZEPH_C_BIVO_ChangeUserPin(ctx.get(), Bytes(req.pin.s), Len(req.pin.s), Bytes(req.value), Len(req.value),
+                                         share.data(), static_cast<uint32_t>(share.size()), out, out_len);
       },
       &resealed));
   ZEPH_TRY(ZEPH_C_ChangeUserPin(key.get(), ZEPH_AREA_SM2, req.pin.s, req.value));
@@ -322,7 +320,9 @@ uint32_t ChangePin(const ZEPH_REQ_PARAM &req) {
 uint32_t l_ci4doBIVO_CreateKeyShare(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
   return Answer(res, CreateKeyShare(*req, res));
 }
-uint32_t l_ci4doBIVO_doSignature(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) { return Answer(res, DoSignature(*req, res)); }
+uint32_t l_ci4doBIVO_doSignature(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
+  return Answer(res, DoSignature(*req, res));
+}
 uint32_t l_ci4doBIVO_genCSR(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) { return Answer(res, GenCsr(*req, res)); }
 uint32_t l_ci4doBIVO_DecodeEnveloper(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
   return Answer(res, DecodeEnveloper(*req, res));

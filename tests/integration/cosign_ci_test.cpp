@@ -33,10 +33,10 @@ std::string Member(const std::string &data, const char *key) {
 // A 65-byte SM2 point as DER SubjectPublicKeyInfo.
 zeph_test::Bytes Spki(const zeph_test::Bytes &point) {
   char group[] = "SM2";
-  OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, group, 0),
-                         OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY,
-                                                           const_cast<uint8_t *>(point.data()), point.size()),
-                         OSSL_PARAM_construct_end()};
+  OSSL_PARAM params[] = {
+      OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, group, 0),
+      OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, const_cast<uint8_t *>(point.data()), point.size()),
+      OSSL_PARAM_construct_end()};
   EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new_from_name(nullptr, "SM2", nullptr);
   EVP_PKEY *key = nullptr;
   EVP_PKEY_fromdata_init(ctx);
@@ -66,8 +66,8 @@ class CosignRows : public ci_test::SoftKeyCi {
   }
   // The share file as the key holds it ("" when there is none).
   std::string Share(const char *file = "BivoShare", int row = 7) {
-    const Reply r = Ci(Fill(R"({"type":108,"keySN":"<keySN>","idx":)" + std::to_string(row) + R"(,"filepath":")" +
-                            file + "\"}"));
+    const Reply r =
+        Ci(Fill(R"({"type":108,"keySN":"<keySN>","idx":)" + std::to_string(row) + R"(,"filepath":")" + file + "\"}"));
     return r.code == 0 ? r.data : "";
   }
   std::string Openssl(const std::string &args) {
@@ -104,8 +104,7 @@ TEST_F(CosignRows, Sm2RowsAgainstOpenSsl) {
   const unsigned char *p = der.data();
   Corvex_Signature *parsed = d2i_Corvex_Signature(nullptr, &p, static_cast<long>(der.size()));
   ASSERT_NE(parsed, nullptr);
-  const ASN1_OCTET_STRING *inner =
-      sk_SIGNATURE_INFO_value(sk_SignerInfo_value(parsed->signers, 0)->info, 0)->signature;
+  const ASN1_OCTET_STRING *inner = sk_SIGNATURE_INFO_value(sk_SignerInfo_value(parsed->signers, 0)->info, 0)->signature;
   zeph_test::WriteBytes(dir.file("sig"), {inner->data, inner->data + inner->length});
   Corvex_Signature_free(parsed);
   Openssl("dgst -sm3 -verify pub.der -keyform DER -sigopt distid:1234567812345678 -signature sig msg");
@@ -189,7 +188,8 @@ TEST_F(CosignRows, ServiceFaults) {
       ASSERT_EQ(made.code, 0) << made.text;
       zeph_test::WriteBytes(dir.file("pub.der"), Spki(ci_test::FromBase64(Member(made.data, "pubKey"))));
       Openssl("pkeyutl -encrypt -pubin -keyform DER -inkey pub.der -in pub.der -out cipher");
-      if (c.row == nullptr) row = R"("type":604,"raw":")" + ci_test::Base64(zeph_test::ReadBytes(dir.file("cipher"))) + "\"";
+      if (c.row == nullptr)
+        row = R"("type":604,"raw":")" + ci_test::Base64(zeph_test::ReadBytes(dir.file("cipher"))) + "\"";
     }
     const std::string before = Share();
     const Reply r = Row(row);
@@ -219,10 +219,11 @@ TEST_F(CosignRows, EnvelopeRowUsesTheConfiguredKey) {
   ASSERT_EQ(ZEPH_C_SetConfig(dir.path().c_str()), 0u);
   std::ofstream(dir.file("vorli_ukey_cfg.json")) << "[]";
   EXPECT_EQ(Row(R"("type":603,"raw":"MAMCAQE=")").code, Signed(ERR_UNSUPPORTED_VALUE));
-  Openssl("ecparam -name SM2 -genkey -noout -outform DER -out k.der && base64 -w 0 k.der > zeph_bivo_envelope.key"
-          " && openssl req -new -x509 -key k.der -keyform DER -subj /CN=env -days 2 -outform DER -out c.der");
-  const Reply env = Ci(R"({"type":302,"raw":"c2VjcmV0","cert":")" +
-                       ci_test::Base64(zeph_test::ReadBytes(dir.file("c.der"))) + "\"}");
+  Openssl(
+      "ecparam -name SM2 -genkey -noout -outform DER -out k.der && base64 -w 0 k.der > zeph_bivo_envelope.key"
+      " && openssl req -new -x509 -key k.der -keyform DER -subj /CN=env -days 2 -outform DER -out c.der");
+  const Reply env =
+      Ci(R"({"type":302,"raw":"c2VjcmV0","cert":")" + ci_test::Base64(zeph_test::ReadBytes(dir.file("c.der"))) + "\"}");
   ASSERT_EQ(env.code, 0) << env.text;
   const Reply opened = Row(R"("type":603,"raw":")" + env.data + "\"");
   EXPECT_EQ(opened.code, 0) << opened.text;

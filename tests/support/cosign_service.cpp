@@ -136,9 +136,8 @@ void CosignService::Serve() {
       } else {
         int status = 200;
         const std::string reply = Answer(method, body, &status);
-        WriteAll(fd, "HTTP/1.0 " + std::to_string(status) +
-                         " X\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(reply.size()) +
-                         "\r\n\r\n" + reply);
+        WriteAll(fd, "HTTP/1.0 " + std::to_string(status) + " X\r\nContent-Type: application/json\r\nContent-Length: " +
+                         std::to_string(reply.size()) + "\r\n\r\n" + reply);
       }
     }
     close(fd);
@@ -174,8 +173,7 @@ std::string CosignService::Answer(const std::string &method, const std::string &
     const Bytes t1 = FromBase64(Field(req, "t1"));
     uint8_t t2[65];
     ok = ok && sm2_.count(id) != 0 && t1.size() == 65 &&
-         BIVO_Server_CreatePlaintextShare(t1.data(), reinterpret_cast<const uint8_t *>(sm2_[id].data()) + 32, t2) ==
-             0;
+         BIVO_Server_CreatePlaintextShare(t1.data(), reinterpret_cast<const uint8_t *>(sm2_[id].data()) + 32, t2) == 0;
     if (ok) result = {{"t2", Base64({t2, t2 + 65})}};
   } else if (method == "BIVORSAGenKeyPair") {
     const cJSON *bits = cJSON_GetObjectItemCaseSensitive(req, "bits");

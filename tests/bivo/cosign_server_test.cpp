@@ -63,13 +63,7 @@ Bytes ResultValue(const Posted &posted, const char *key) {
   return value;
 }
 
-std::string Hex(const Bytes &b) {
-  static const char kDigits[] = "0123456789ABCDEF";
-  std::string out;
-  for (uint8_t v : b) out.append({kDigits[v >> 4], kDigits[v & 15]});
-  return out;
-}
-
+std::string Hex(const Bytes &b) { return zeph_test::ToHex(b); }
 std::string B64(const Bytes &b) { return zeph_test::Base64(b); }
 
 struct Sm2Key {
@@ -185,6 +179,14 @@ TEST(CosignServer, Sm2KeySignDecryptAgainstOpenSsl) {
     EXPECT_EQ(rv, 0u);
   }
   EVP_PKEY_free(pkey);
+}
+
+TEST(CosignServer, ServesHttpsWithCertAndKey) {
+  CosignServer server({}, "/", true);
+  ASSERT_EQ(zeph::http::SetTrustFile(zeph_test::TestPki::Get().ca.c_str()), 0u);
+  const Sm2Key key = CreateKey(server);
+  zeph::http::SetTrustFile(nullptr);
+  EXPECT_EQ(key.verified, 0u);
 }
 
 TEST(CosignServer, ConcurrentClientsShareOneServer) {

@@ -192,8 +192,8 @@ ZEPH_API uint32_t ZEPH_C_BIVO_Initialize(ZEPH_BIVO_CTX **out_ctx, const char *de
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(out_ctx != nullptr && device_json != nullptr, ERR_INVALID_PARAMETER);
     auto ctx = std::make_unique<ZEPH_BIVO_CTX>();
-    if (url != nullptr && url_len >= kMinServiceUrl) {
-      const size_t n = strnlen(url, url_len);
+    const size_t n = url != nullptr ? strnlen(url, url_len) : 0;
+    if (n >= kMinServiceUrl) {
       ZEPH_ENSURE(n < kBivoTextBuffer, ERR_INVALID_PARAMETER);
       std::memcpy(ctx->url, url, n);
       zeph::http::Target target;
@@ -201,7 +201,8 @@ ZEPH_API uint32_t ZEPH_C_BIVO_Initialize(ZEPH_BIVO_CTX **out_ctx, const char *de
       ZEPH_ENSURE(zeph::http::ParseUrl(ctx->url, &target) == 0, 0xFFFFFFFFu);
       ctx->host = target.host;
       ctx->port = target.port;
-      ctx->path = target.path.ends_with('/') ? target.path : target.path + "/";
+      // The method name is appended to the path as it stands.
+      ctx->path = target.path;
       ctx->tls = target.tls ? 1 : 0;
       ctx->has_service = true;
       ZEPH_TRY(Greet(*ctx));
@@ -244,7 +245,7 @@ ZEPH_API uint32_t ZEPH_C_BIVO_CreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned c
     ZEPH_ENSURE(container_id_out != nullptr, ERR_INVALID_PARAMETER);
     ZEPH_ENSURE(ctx->has_service, ERR_COSIGN_FAILED);
 
-    ClientKeyShare share;
+    Wiped<ClientKeyShare> share;
     ZEPH_TRY(CreateClientKeyShare(PlainSource(BIVO_ERR_KEY_SHARE), &share));
     char container_id[65];
     Sm3Hex(share.d1, container_id);
@@ -255,12 +256,7 @@ ZEPH_API uint32_t ZEPH_C_BIVO_CreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned c
                                 container_id, Base64(p1).c_str(), ctx->device_number);
     ZEPH_ENSURE(n > 0 && static_cast<size_t>(n) < sizeof request, ERR_INVALID_PARAMETER);
     std::string result;
-    const uint32_t rv = CallService(*ctx, "BIVOGenKeyPair", request, &result);
-    if (rv != 0) {
-      sm2::Wipe(&share.d1);
-      sm2::Wipe(&share.d1_inv);
-      return rv;
-    }
+    ZEPH_TRY(CallService(*ctx, "BIVOGenKeyPair", request, &result));
     Point p, credential;
     uint32_t status = ResultPoint(result, "pubKey", &p);
     if (status == 0) status = ResultPoint(result, "credential", &credential);
@@ -281,8 +277,6 @@ ZEPH_API uint32_t ZEPH_C_BIVO_CreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned c
       std::memcpy(ctx->container_id, container_id, sizeof container_id);
       ctx->has_key = true;
     }
-    sm2::Wipe(&share.d1);
-    sm2::Wipe(&share.d1_inv);
     return status;
   });
 }

@@ -11,6 +11,7 @@
 
 #include "ci_support.hpp"
 #include "cosign_server.hpp"
+#include "loopback.hpp"
 #include "test_support.hpp"
 #include "zeph_c_corvex.h"
 #include "zeph_c_pki.h"
@@ -213,6 +214,19 @@ TEST_F(CosignRows, RsaRowsAgainstOpenSsl) {
   ASSERT_EQ(csr.code, 0) << csr.text;
   zeph_test::WriteBytes(dir.file("csr"), ci_test::FromBase64(Member(csr.data, "csr")));
   Openssl("req -inform DER -in csr -verify -noout");
+}
+
+TEST_F(CosignRows, HttpsServiceAndItsTrust) {
+  zeph_test::CosignServer tls({}, "/bivo/", true);
+  vars_["url"] = tls.Url();
+  ASSERT_EQ(ZEPH_C_HttpsSetCAFile(zeph_test::TestPki::Get().ca.c_str()), 0u);
+  const Reply made = Row(R"("type":600)");
+  EXPECT_EQ(made.code, 0) << made.text;
+  EXPECT_EQ(Row(R"("type":601,"signData":"AQID")").code, 0);
+  // A service the trusted certificates do not vouch for is not asked anything.
+  ASSERT_EQ(ZEPH_C_HttpsSetCAFile(zeph_test::TestPki::Get().stray_ca.c_str()), 0u);
+  EXPECT_EQ(Row(R"("type":601,"signData":"AQID")").code, Signed(ERR_HTTP_FAILED));
+  ZEPH_C_HttpsSetCAFile(nullptr);
 }
 
 TEST_F(CosignRows, EnvelopeRowUsesTheConfiguredKey) {

@@ -15,6 +15,7 @@
 #include "foundation/json_owned.hpp"
 #include "foundation/secure_bytes.hpp"
 #include "zeph_c_bivo.h"
+#include "zeph_c_status.h"
 
 inline constexpr size_t kBivoTextBuffer = 130;
 
@@ -35,6 +36,15 @@ struct ZEPH_BIVO_CTX_st {
 };
 
 extern "C" {
+
+// What an RSAParm seals: the container, the public key and d1 (not exported).
+typedef struct BivoRsaShare_st {
+  ASN1_PRINTABLESTRING *container_id;
+  ASN1_INTEGER *n;
+  ASN1_INTEGER *e;
+  ASN1_INTEGER *d1;
+} BivoRsaShare;
+DECLARE_ASN1_FUNCTIONS(BivoRsaShare);
 
 // Takes a DER BIVOParm apart. Each output is written only when its pointer
 // is given; its *len is the capacity on entry and the value's length on
@@ -81,6 +91,16 @@ uint32_t ResultPoint(const std::string &result, const char *key, Point *out);
 uint32_t ResultScalar(const std::string &result, const char *key, Scalar *out);
 
 std::string Base64(std::span<const uint8_t> bytes);
+
+// The DER of an ASN.1 object into der: 0 or ERR_ENCODE_FAILED.
+template <class T>
+uint32_t ToDer(int (*i2d)(const T *, unsigned char **), const T *obj, std::vector<uint8_t> *der) {
+  const int n = i2d(obj, nullptr);
+  if (n <= 0) return ERR_ENCODE_FAILED;
+  der->resize(static_cast<size_t>(n));
+  unsigned char *w = der->data();
+  return i2d(obj, &w) == n ? 0 : ERR_ENCODE_FAILED;
+}
 // Upper-case hex, as the container identifiers are written.
 std::string HexUpper(std::span<const uint8_t> bytes);
 

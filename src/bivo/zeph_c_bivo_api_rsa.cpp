@@ -4,7 +4,6 @@
 #include <cstring>
 #include <string>
 
-#include <openssl/asn1t.h>
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
@@ -17,223 +16,191 @@
 #include "zeph_c_api.h"
 #include "zeph_c_status.h"
 
+namespace zeph::bivo {
 namespace {
 
-// What the RSAParm seals: the container, the public key and d1.
-struct BivoRsaShare {
-  ASN1_PRINTABLESTRING *container_id;
-  ASN1_INTEGER *n;
-  ASN1_INTEGER *e;
-  ASN1_INTEGER *d1;
+constexpr uint32_t kDefaultBits = 2048;
+constexpr uint32_t kMaxBits = 4096;
+// Requests and replies carry a 4096-bit value or two in base64.
+constexpr size_t kRsaRequest = 1200;
+constexpr size_t kRsaReply = 4096;
+
+using RsaSharePtr = std::unique_ptr<BivoRsaShare, Free<BivoRsaShare_free>>;
+using RsaParmPtr = std::unique_ptr<RSAParm, Free<RSAParm_free>>;
+
+struct RsaKey {
+  std::string container_id;
+  BnPtr n, e, d1;
+  size_t k() const { return static_cast<size_t>(BN_num_bytes(n.get())); }
 };
 
-}  // namespace
+BnPtr Bn(std::span<const uint8_t> bytes) {
+  return BnPtr(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr));
+}
 
-// clang-format off
-ASN1_SEQUENCE(BivoRsaShare) = {
-    ASN1_SIMPLE(BivoRsaShare, container_id, ASN1_PRINTABLESTRING),
-    ASN1_SIMPLE(BivoRsaShare, n, ASN1_INTEGER),
-    ASN1_SIMPLE(BivoRsaShare, e, ASN1_INTEGER),
-    ASN1_SIMPLE(BivoRsaShare, d1, ASN1_INTEGER),
-} static_ASN1_SEQUENCE_END(BivoRsaShare)
-    // clang-format on
+// The service's values: n of exactly bits, e odd in [3, 2^64), d1 in
+// [1, n-1].
+uint32_t CheckKey(const RsaKey &key, uint32_t bits) {
+  const BIGNUM *n = key.n.get(), *e = key.e.get(), *d1 = key.d1.get();
+  ZEPH_ENSURE(n != nullptr && e != nullptr && d1 != nullptr, ERR_COSIGN_FAILED);
+  ZEPH_ENSURE(BN_num_bits(n) == static_cast<int>(bits) && BN_is_odd(n), ERR_COSIGN_FAILED);
+  ZEPH_ENSURE(BN_is_odd(e) && BN_num_bits(e) >= 2 && BN_num_bits(e) <= 64, ERR_COSIGN_FAILED);
+  ZEPH_ENSURE(!BN_is_zero(d1) && BN_cmp(d1, n) < 0, ERR_COSIGN_FAILED);
+  return 0;
+}
 
-    namespace zeph::bivo {
-  namespace {
-
-  constexpr uint32_t kDefaultBits = 2048;
-  constexpr uint32_t kMaxBits = 4096;
-  // Requests and replies carry a 4096-bit value or two in base64.
-  constexpr size_t kRsaRequest = 1200;
-  constexpr size_t kRsaReply = 4096;
-
-  void FreeShare(BivoRsaShare *s) noexcept {
-    ASN1_item_free(reinterpret_cast<ASN1_VALUE *>(s), ASN1_ITEM_rptr(BivoRsaShare));
+EvpPkeyPtr PublicKey(const RsaKey &key) {
+  ParamBldPtr bld(OSSL_PARAM_BLD_new());
+  if (!bld || OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, key.n.get()) != 1 ||
+      OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, key.e.get()) != 1) {
+    return nullptr;
   }
-  using RsaSharePtr = std::unique_ptr<BivoRsaShare, Free<FreeShare>>;
-  using RsaParmPtr = std::unique_ptr<RSAParm, Free<RSAParm_free>>;
-
-  struct RsaKey {
-    std::string container_id;
-    BnPtr n, e, d1;
-    size_t k() const { return static_cast<size_t>(BN_num_bytes(n.get())); }
-  };
-
-  BnPtr Bn(std::span<const uint8_t> bytes) {
-    return BnPtr(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr));
+  ParamPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
+  EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
+  EVP_PKEY *raw = nullptr;
+  if (!params || !ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
+      EVP_PKEY_fromdata(ctx.get(), &raw, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
+    return nullptr;
   }
+  return EvpPkeyPtr(raw);
+}
 
-  // The service's values: n of exactly bits, e odd in [3, 2^64), d1 in
-  // [1, n-1].
-  uint32_t CheckKey(const RsaKey &key, uint32_t bits) {
-    const BIGNUM *n = key.n.get(), *e = key.e.get(), *d1 = key.d1.get();
-    ZEPH_ENSURE(n != nullptr && e != nullptr && d1 != nullptr, ERR_COSIGN_FAILED);
-    ZEPH_ENSURE(BN_num_bits(n) == static_cast<int>(bits) && BN_is_odd(n), ERR_COSIGN_FAILED);
-    ZEPH_ENSURE(BN_is_odd(e) && BN_num_bits(e) >= 2 && BN_num_bits(e) <= 64, ERR_COSIGN_FAILED);
-    ZEPH_ENSURE(!BN_is_zero(d1) && BN_cmp(d1, n) < 0, ERR_COSIGN_FAILED);
-    return 0;
-  }
+uint32_t SealKey(std::span<const uint8_t> secret, const char *device_number, const RsaKey &key,
+                 std::vector<uint8_t> *der) {
+  RsaSharePtr inner(BivoRsaShare_new());
+  ZEPH_ENSURE(inner != nullptr, ERR_OUT_OF_MEMORY);
+  ZEPH_ENSURE(
+      ASN1_STRING_set(inner->container_id, key.container_id.data(), static_cast<int>(key.container_id.size())) == 1 &&
+          BN_to_ASN1_INTEGER(key.n.get(), inner->n) != nullptr &&
+          BN_to_ASN1_INTEGER(key.e.get(), inner->e) != nullptr &&
+          BN_to_ASN1_INTEGER(key.d1.get(), inner->d1) != nullptr,
+      ERR_OUT_OF_MEMORY);
+  unsigned char *plain = nullptr;
+  const int plain_len = i2d_BivoRsaShare(inner.get(), &plain);
+  ZEPH_ENSURE(plain_len > 0, ERR_ENCODE_FAILED);
+  SecureBytes body(plain, static_cast<size_t>(plain_len));
+  OPENSSL_clear_free(plain, static_cast<size_t>(plain_len));
+  SecureBytes sealed;
+  ZEPH_TRY(l_bivo_EnCodeDeviceData(secret, device_number, body.span(), true, &sealed));
+  RsaParmPtr parm(RSAParm_new());
+  ZEPH_ENSURE(parm != nullptr, ERR_OUT_OF_MEMORY);
+  ASN1_OBJECT_free(parm->encAlg->ID);
+  parm->encAlg->ID = OBJ_txt2obj(ZEPH_OID_BIVO_SM4_ECB, 1);
+  ZEPH_ENSURE(parm->encAlg->ID != nullptr &&
+                  ASN1_OCTET_STRING_set(parm->encryptedData, sealed.data(), static_cast<int>(sealed.size())) == 1,
+              ERR_OUT_OF_MEMORY);
+  return ToDer(i2d_RSAParm, parm.get(), der);
+}
 
-  EvpPkeyPtr PublicKey(const RsaKey &key) {
-    ParamBldPtr bld(OSSL_PARAM_BLD_new());
-    if (!bld || OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, key.n.get()) != 1 ||
-        OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, key.e.get()) != 1) {
-      return nullptr;
-    }
-    ParamPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
-    EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
-    EVP_PKEY *raw = nullptr;
-    if (!params || !ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
-        EVP_PKEY_fromdata(ctx.get(), &raw, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
-      return nullptr;
-    }
-    return EvpPkeyPtr(raw);
-  }
+uint32_t OpenKey(std::span<const uint8_t> secret, const char *device_number, std::span<const uint8_t> der,
+                 RsaKey *key) {
+  const unsigned char *p = der.data();
+  RsaParmPtr parm(d2i_RSAParm(nullptr, &p, static_cast<long>(der.size())));
+  char oid[32] = {};
+  ZEPH_ENSURE(parm != nullptr && p == der.data() + der.size() &&
+                  OBJ_obj2txt(oid, sizeof oid, parm->encAlg->ID, 1) > 0 && std::strcmp(oid, ZEPH_OID_BIVO_SM4_ECB) == 0,
+              ERR_INVALID_PARAMETER);
+  const std::span<const uint8_t> sealed{ASN1_STRING_get0_data(parm->encryptedData),
+                                        static_cast<size_t>(ASN1_STRING_length(parm->encryptedData))};
+  ZEPH_ENSURE(!sealed.empty() && sealed.size() % 16 == 0, ERR_INVALID_PARAMETER);
+  SecureBytes body;
+  ZEPH_TRY(l_bivo_DeCodeDeviceData(secret, device_number, sealed, true, &body));
+  const unsigned char *q = body.data();
+  RsaSharePtr inner(d2i_BivoRsaShare(nullptr, &q, static_cast<long>(body.size())));
+  // Padding that happens to pass under a wrong secret still leaves no share.
+  ZEPH_ENSURE(inner != nullptr && q == body.data() + body.size() && ASN1_STRING_length(inner->container_id) == 64,
+              ERR_PIN_VERIFY_FAILED);
+  key->container_id.assign(reinterpret_cast<const char *>(ASN1_STRING_get0_data(inner->container_id)), 64);
+  key->n.reset(ASN1_INTEGER_to_BN(inner->n, nullptr));
+  key->e.reset(ASN1_INTEGER_to_BN(inner->e, nullptr));
+  key->d1.reset(ASN1_INTEGER_to_BN(inner->d1, nullptr));
+  ZEPH_ENSURE(key->n && key->e && key->d1, ERR_OUT_OF_MEMORY);
+  return CheckKey(*key, static_cast<uint32_t>(BN_num_bits(key->n.get()))) == 0 ? 0u : ERR_PIN_VERIFY_FAILED;
+}
 
-  uint32_t SealKey(std::span<const uint8_t> secret, const char *device_number, const RsaKey &key,
-                   std::vector<uint8_t> *der) {
-    RsaSharePtr inner(reinterpret_cast<BivoRsaShare *>(ASN1_item_new(ASN1_ITEM_rptr(BivoRsaShare))));
-    ZEPH_ENSURE(inner != nullptr, ERR_OUT_OF_MEMORY);
-    ZEPH_ENSURE(
-        ASN1_STRING_set(inner->container_id, key.container_id.data(), static_cast<int>(key.container_id.size())) == 1 &&
-            BN_to_ASN1_INTEGER(key.n.get(), inner->n) != nullptr &&
-            BN_to_ASN1_INTEGER(key.e.get(), inner->e) != nullptr &&
-            BN_to_ASN1_INTEGER(key.d1.get(), inner->d1) != nullptr,
-        ERR_OUT_OF_MEMORY);
-    unsigned char *plain = nullptr;
-    const int plain_len =
-        ASN1_item_i2d(reinterpret_cast<ASN1_VALUE *>(inner.get()), &plain, ASN1_ITEM_rptr(BivoRsaShare));
-    ZEPH_ENSURE(plain_len > 0, ERR_ENCODE_FAILED);
-    SecureBytes body(plain, static_cast<size_t>(plain_len));
-    OPENSSL_clear_free(plain, static_cast<size_t>(plain_len));
-    SecureBytes sealed;
-    ZEPH_TRY(l_bivo_EnCodeDeviceData(secret, device_number, body.span(), true, &sealed));
-    RsaParmPtr parm(RSAParm_new());
-    ZEPH_ENSURE(parm != nullptr, ERR_OUT_OF_MEMORY);
-    ASN1_OBJECT_free(parm->encAlg->ID);
-    parm->encAlg->ID = OBJ_txt2obj(ZEPH_OID_BIVO_SM4_ECB, 1);
-    ZEPH_ENSURE(parm->encAlg->ID != nullptr &&
-                    ASN1_OCTET_STRING_set(parm->encryptedData, sealed.data(), static_cast<int>(sealed.size())) == 1,
-                ERR_OUT_OF_MEMORY);
-    const int n = i2d_RSAParm(parm.get(), nullptr);
-    ZEPH_ENSURE(n > 0, ERR_ENCODE_FAILED);
-    der->resize(static_cast<size_t>(n));
-    unsigned char *w = der->data();
-    ZEPH_ENSURE(i2d_RSAParm(parm.get(), &w) == n, ERR_ENCODE_FAILED);
-    return 0;
-  }
-
-  uint32_t OpenKey(std::span<const uint8_t> secret, const char *device_number, std::span<const uint8_t> der,
-                   RsaKey *key) {
-    const unsigned char *p = der.data();
-    RsaParmPtr parm(d2i_RSAParm(nullptr, &p, static_cast<long>(der.size())));
-    char oid[32] = {};
-    ZEPH_ENSURE(parm != nullptr && p == der.data() + der.size() &&
-                    OBJ_obj2txt(oid, sizeof oid, parm->encAlg->ID, 1) > 0 &&
-                    std::strcmp(oid, ZEPH_OID_BIVO_SM4_ECB) == 0,
-                ERR_INVALID_PARAMETER);
-    const std::span<const uint8_t> sealed{ASN1_STRING_get0_data(parm->encryptedData),
-                                          static_cast<size_t>(ASN1_STRING_length(parm->encryptedData))};
-    ZEPH_ENSURE(!sealed.empty() && sealed.size() % 16 == 0, ERR_INVALID_PARAMETER);
-    SecureBytes body;
-    ZEPH_TRY(l_bivo_DeCodeDeviceData(secret, device_number, sealed, true, &body));
-    const unsigned char *q = body.data();
-    RsaSharePtr inner(reinterpret_cast<BivoRsaShare *>(
-        ASN1_item_d2i(nullptr, &q, static_cast<long>(body.size()), ASN1_ITEM_rptr(BivoRsaShare))));
-    // Padding that happens to pass under a wrong secret still leaves no share.
-    ZEPH_ENSURE(inner != nullptr && q == body.data() + body.size() && ASN1_STRING_length(inner->container_id) == 64,
-                ERR_PIN_VERIFY_FAILED);
-    key->container_id.assign(reinterpret_cast<const char *>(ASN1_STRING_get0_data(inner->container_id)), 64);
-    key->n.reset(ASN1_INTEGER_to_BN(inner->n, nullptr));
-    key->e.reset(ASN1_INTEGER_to_BN(inner->e, nullptr));
-    key->d1.reset(ASN1_INTEGER_to_BN(inner->d1, nullptr));
-    ZEPH_ENSURE(key->n && key->e && key->d1, ERR_OUT_OF_MEMORY);
-    return CheckKey(*key, static_cast<uint32_t>(BN_num_bits(key->n.get()))) == 0 ? 0u : ERR_PIN_VERIFY_FAILED;
-  }
-
-  // DigestInfo prefixes of EMSA-PKCS1-v1_5 (RFC 8017, 9.2 note 1).
-  struct DigestPrefix {
-    uint32_t id;
-    const EVP_MD *(*md)();
-    std::vector<uint8_t> prefix;
-  };
-  const DigestPrefix *FindDigest(uint32_t digest_id) {
-    // clang-format off
+// DigestInfo prefixes of EMSA-PKCS1-v1_5 (RFC 8017, 9.2 note 1).
+struct DigestPrefix {
+  uint32_t id;
+  const EVP_MD *(*md)();
+  std::vector<uint8_t> prefix;
+};
+const DigestPrefix *FindDigest(uint32_t digest_id) {
+  // clang-format off
   static const DigestPrefix kTable[] = {
       {ZEPH_DIGEST_SHA1, EVP_sha1, {0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2b, 0x0e, 0x03, 0x02, 0x1a, 0x05, 0x00, 0x04, 0x14}},
       {ZEPH_DIGEST_SHA256, EVP_sha256, {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20}},
       {ZEPH_DIGEST_SHA384, EVP_sha384, {0x30, 0x41, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x02, 0x05, 0x00, 0x04, 0x30}},
       {ZEPH_DIGEST_SHA512, EVP_sha512, {0x30, 0x51, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x03, 0x05, 0x00, 0x04, 0x40}},
   };
-    // clang-format on
-    for (const auto &d : kTable) {
-      if (d.id == digest_id) return &d;
-    }
-    return nullptr;
+  // clang-format on
+  for (const auto &d : kTable) {
+    if (d.id == digest_id) return &d;
   }
+  return nullptr;
+}
 
-  // 00 01 FF..FF 00 DigestInfo, k bytes.
-  uint32_t EncodeMessage(uint32_t digest_id, std::span<const uint8_t> msg, size_t k, std::vector<uint8_t> *em) {
-    const DigestPrefix *d = FindDigest(digest_id == 0 ? ZEPH_DIGEST_SHA256 : digest_id);
-    ZEPH_ENSURE(d != nullptr, ERR_ALG_UNSUPPORTED);
-    uint8_t digest[EVP_MAX_MD_SIZE];
-    unsigned int digest_len = 0;
-    ZEPH_ENSURE(EVP_Digest(msg.data(), msg.size(), digest, &digest_len, d->md(), nullptr) == 1, ERR_DIGEST_FAILED);
-    const size_t t_len = d->prefix.size() + digest_len;
-    ZEPH_ENSURE(k >= t_len + 11, ERR_ALG_UNSUPPORTED);
-    em->assign(k, 0xFF);
-    (*em)[0] = 0x00;
-    (*em)[1] = 0x01;
-    (*em)[k - t_len - 1] = 0x00;
-    std::memcpy(em->data() + k - t_len, d->prefix.data(), d->prefix.size());
-    std::memcpy(em->data() + k - digest_len, digest, digest_len);
-    return 0;
-  }
+// 00 01 FF..FF 00 DigestInfo, k bytes.
+uint32_t EncodeMessage(uint32_t digest_id, std::span<const uint8_t> msg, size_t k, std::vector<uint8_t> *em) {
+  const DigestPrefix *d = FindDigest(digest_id == 0 ? ZEPH_DIGEST_SHA256 : digest_id);
+  ZEPH_ENSURE(d != nullptr, ERR_ALG_UNSUPPORTED);
+  uint8_t digest[EVP_MAX_MD_SIZE];
+  unsigned int digest_len = 0;
+  ZEPH_ENSURE(EVP_Digest(msg.data(), msg.size(), digest, &digest_len, d->md(), nullptr) == 1, ERR_DIGEST_FAILED);
+  const size_t t_len = d->prefix.size() + digest_len;
+  ZEPH_ENSURE(k >= t_len + 11, ERR_ALG_UNSUPPORTED);
+  em->assign(k, 0xFF);
+  (*em)[0] = 0x00;
+  (*em)[1] = 0x01;
+  (*em)[k - t_len - 1] = 0x00;
+  std::memcpy(em->data() + k - t_len, d->prefix.data(), d->prefix.size());
+  std::memcpy(em->data() + k - digest_len, digest, digest_len);
+  return 0;
+}
 
-  // The signature of em: m^d1 · s2 mod n, released only when s^e = m.
-  uint32_t CoSign(const ZEPH_BIVO_CTX &ctx, const RsaKey &key, const std::vector<uint8_t> &em,
-                  std::vector<uint8_t> *sig) {
-    const size_t k = key.k();
-    char request[kRsaRequest];
-    const int len = std::snprintf(request, sizeof request, R"({"containerID":"%s","m":"%s"})", key.container_id.c_str(),
-                                  Base64(em).c_str());
-    ZEPH_ENSURE(len > 0 && static_cast<size_t>(len) < sizeof request, ERR_INVALID_PARAMETER);
-    std::string result;
-    ZEPH_TRY(CallService(ctx, "BIVORSASignature", request, &result, kRsaReply));
-    std::vector<uint8_t> s2_raw(k);
-    ZEPH_TRY(ResultBytes(result, "s2", s2_raw));
-    BnCtxPtr bn(BN_CTX_new());
-    BnPtr m = Bn(em), s2 = Bn(s2_raw), s(BN_new()), check(BN_new());
-    ZEPH_ENSURE(bn && m && s2 && s && check, ERR_OUT_OF_MEMORY);
-    ZEPH_ENSURE(!BN_is_zero(s2.get()) && BN_cmp(s2.get(), key.n.get()) < 0, ERR_COSIGN_FAILED);
-    BN_set_flags(key.d1.get(), BN_FLG_CONSTTIME);
-    ZEPH_ENSURE(BN_mod_exp_mont_consttime(s.get(), m.get(), key.d1.get(), key.n.get(), bn.get(), nullptr) == 1 &&
-                    BN_mod_mul(s.get(), s.get(), s2.get(), key.n.get(), bn.get()) == 1 &&
-                    BN_mod_exp(check.get(), s.get(), key.e.get(), key.n.get(), bn.get()) == 1,
-                ERR_SIGN_FAILED);
-    ZEPH_ENSURE(BN_cmp(check.get(), m.get()) == 0, ERR_COSIGN_FAILED);
-    sig->resize(k);
-    ZEPH_ENSURE(BN_bn2binpad(s.get(), sig->data(), static_cast<int>(k)) == static_cast<int>(k), ERR_SIGN_FAILED);
-    return 0;
-  }
+// The signature of em: m^d1 · s2 mod n, released only when s^e = m.
+uint32_t CoSign(const ZEPH_BIVO_CTX &ctx, const RsaKey &key, const std::vector<uint8_t> &em,
+                std::vector<uint8_t> *sig) {
+  const size_t k = key.k();
+  char request[kRsaRequest];
+  const int len = std::snprintf(request, sizeof request, R"({"containerID":"%s","m":"%s"})", key.container_id.c_str(),
+                                Base64(em).c_str());
+  ZEPH_ENSURE(len > 0 && static_cast<size_t>(len) < sizeof request, ERR_INVALID_PARAMETER);
+  std::string result;
+  ZEPH_TRY(CallService(ctx, "BIVORSASignature", request, &result, kRsaReply));
+  std::vector<uint8_t> s2_raw(k);
+  ZEPH_TRY(ResultBytes(result, "s2", s2_raw));
+  BnCtxPtr bn(BN_CTX_new());
+  BnPtr m = Bn(em), s2 = Bn(s2_raw), s(BN_new()), check(BN_new());
+  ZEPH_ENSURE(bn && m && s2 && s && check, ERR_OUT_OF_MEMORY);
+  ZEPH_ENSURE(!BN_is_zero(s2.get()) && BN_cmp(s2.get(), key.n.get()) < 0, ERR_COSIGN_FAILED);
+  BN_set_flags(key.d1.get(), BN_FLG_CONSTTIME);
+  ZEPH_ENSURE(BN_mod_exp_mont_consttime(s.get(), m.get(), key.d1.get(), key.n.get(), bn.get(), nullptr) == 1 &&
+                  BN_mod_mul(s.get(), s.get(), s2.get(), key.n.get(), bn.get()) == 1 &&
+                  BN_mod_exp(check.get(), s.get(), key.e.get(), key.n.get(), bn.get()) == 1,
+              ERR_SIGN_FAILED);
+  ZEPH_ENSURE(BN_cmp(check.get(), m.get()) == 0, ERR_COSIGN_FAILED);
+  sig->resize(k);
+  ZEPH_ENSURE(BN_bn2binpad(s.get(), sig->data(), static_cast<int>(k)) == static_cast<int>(k), ERR_SIGN_FAILED);
+  return 0;
+}
 
-  uint32_t NewContainerId(const char *device_number, std::string *id) {
-    uint8_t seed[256 + 32];
-    const size_t n = std::strlen(device_number);
-    std::memcpy(seed, device_number, n);
-    ZEPH_ENSURE(RAND_bytes(seed + n, 32) == 1, ERR_GEN_KEYPAIR_FAILED);
-    uint8_t digest[32];
-    gm::Sm3(seed, n + 32, digest);
-    *id = HexUpper(digest);
-    return 0;
-  }
+uint32_t NewContainerId(const char *device_number, std::string *id) {
+  uint8_t seed[256 + 32];
+  const size_t n = std::strlen(device_number);
+  std::memcpy(seed, device_number, n);
+  ZEPH_ENSURE(RAND_bytes(seed + n, 32) == 1, ERR_GEN_KEYPAIR_FAILED);
+  uint8_t digest[32];
+  gm::Sm3(seed, n + 32, digest);
+  *id = HexUpper(digest);
+  return 0;
+}
 
-  // Bounds checked before the service is asked: the public key and the share
-  // of a key of bits.
-  size_t PublicKeyBound(uint32_t bits) { return bits / 8 + 64; }
-  size_t ShareBound(uint32_t bits) { return 2 * (bits / 8) + 160; }
+// Bounds checked before the service is asked: the public key and the share
+// of a key of bits.
+size_t PublicKeyBound(uint32_t bits) { return bits / 8 + 64; }
+size_t ShareBound(uint32_t bits) { return 2 * (bits / 8) + 160; }
 
-  }  // namespace
+}  // namespace
 }  // namespace zeph::bivo
 
 using namespace zeph::bivo;  // NOLINT: the exported functions below use the client's pieces throughout

@@ -94,6 +94,17 @@ uint32_t SetJson(ZEPH_RES_PARAM *res, std::initializer_list<std::pair<const char
   return SetData(res, text.get());
 }
 
+std::string Base64Text(std::span<const uint8_t> bytes);
+
+// An operation of the output protocol run into `capacity` bytes, its result
+// answered as {"<name>":"<base64>"}.
+template <class Op>
+uint32_t SetJsonOutput(ZEPH_RES_PARAM *res, const char *name, size_t capacity, Op &&op) {
+  SecureBytes out;
+  ZEPH_TRY(CollectOutput(capacity, op, &out));
+  return SetJson(res, {{name, Base64Text(out.span())}});
+}
+
 std::string Base64Text(std::span<const uint8_t> bytes) {
   if (bytes.empty()) return "";
   char *text = nullptr;
@@ -187,11 +198,9 @@ uint32_t GenCsr(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   ZEPH_ENSURE(req.value != nullptr && req.value[0] != '\0', ERR_INVALID_PARAMETER);
   Session s;
   ZEPH_TRY(OpenSm2Session(req, &s));
-  SecureBytes csr;
-  ZEPH_TRY(CollectOutput(
-      1024, [&](uint8_t *out, uint32_t *out_len) { return ZEPH_C_BIVO_GenCSR(s.ctx.get(), req.value, out, out_len); },
-      &csr));
-  return SetJson(res, {{"csr", Base64Text(csr.span())}});
+  return SetJsonOutput(res, "csr", 1024, [&](uint8_t *out, uint32_t *out_len) {
+    return ZEPH_C_BIVO_GenCSR(s.ctx.get(), req.value, out, out_len);
+  });
 }
 
 uint32_t DecodeEnveloper(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
@@ -200,14 +209,9 @@ uint32_t DecodeEnveloper(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   ZEPH_TRY(DecodeBase64(req.value, &env));
   KeyHandle key;
   ZEPH_TRY(OpenKey(req, ZEPH_AREA_SM2, &key));
-  SecureBytes plain;
-  ZEPH_TRY(CollectOutput(
-      env.size(),
-      [&](uint8_t *out, uint32_t *out_len) {
-        return ZEPH_C_BIVO_DecodeEnveloper(env.data(), static_cast<uint32_t>(env.size()), out, out_len);
-      },
-      &plain));
-  return SetJson(res, {{"plain", Base64Text(plain.span())}});
+  return SetJsonOutput(res, "plain", env.size(), [&](uint8_t *out, uint32_t *out_len) {
+    return ZEPH_C_BIVO_DecodeEnveloper(env.data(), static_cast<uint32_t>(env.size()), out, out_len);
+  });
 }
 
 uint32_t Sm2Decrypt(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
@@ -216,14 +220,9 @@ uint32_t Sm2Decrypt(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   ZEPH_TRY(DecodeBase64(req.value, &cipher));
   Session s;
   ZEPH_TRY(OpenSm2Session(req, &s));
-  SecureBytes plain;
-  ZEPH_TRY(CollectOutput(
-      cipher.size(),
-      [&](uint8_t *out, uint32_t *out_len) {
-        return ZEPH_C_BIVO_SM2Decrypt(s.ctx.get(), cipher.data(), static_cast<uint32_t>(cipher.size()), out, out_len);
-      },
-      &plain));
-  return SetJson(res, {{"plain", Base64Text(plain.span())}});
+  return SetJsonOutput(res, "plain", cipher.size(), [&](uint8_t *out, uint32_t *out_len) {
+    return ZEPH_C_BIVO_SM2Decrypt(s.ctx.get(), cipher.data(), static_cast<uint32_t>(cipher.size()), out, out_len);
+  });
 }
 
 uint32_t VerifyPin(const ZEPH_REQ_PARAM &req) {
@@ -261,33 +260,23 @@ uint32_t WithRsaShare(const ZEPH_REQ_PARAM &req, Op &&op) {
 uint32_t RsaSignature(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   SecureBytes data;
   ZEPH_TRY(DecodeBase64(req.signData.s, &data));
-  SecureBytes sig;
-  ZEPH_TRY(WithRsaShare(req, [&](ZEPH_BIVO_CTX *ctx, const SecureBytes &share) {
-    return CollectOutput(
-        kRsaOutput,
-        [&](uint8_t *out, uint32_t *out_len) {
-          return ZEPH_C_BIVO_RSADoSignature(ctx, Bytes(req.pin.s), Len(req.pin.s), share.data(),
-                                            static_cast<uint32_t>(share.size()), req.algID, data.data(),
-                                            static_cast<uint32_t>(data.size()), out, out_len);
-        },
-        &sig);
-  }));
-  return SetJson(res, {{"signature", Base64Text(sig.span())}});
+  return WithRsaShare(req, [&](ZEPH_BIVO_CTX *ctx, const SecureBytes &share) {
+    return SetJsonOutput(res, "signature", kRsaOutput, [&](uint8_t *out, uint32_t *out_len) {
+      return ZEPH_C_BIVO_RSADoSignature(ctx, Bytes(req.pin.s), Len(req.pin.s), share.data(),
+                                        static_cast<uint32_t>(share.size()), req.algID, data.data(),
+                                        static_cast<uint32_t>(data.size()), out, out_len);
+    });
+  });
 }
 
 uint32_t RsaGenCsr(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   ZEPH_ENSURE(req.value != nullptr && req.value[0] != '\0', ERR_INVALID_PARAMETER);
-  SecureBytes csr;
-  ZEPH_TRY(WithRsaShare(req, [&](ZEPH_BIVO_CTX *ctx, const SecureBytes &share) {
-    return CollectOutput(
-        kRsaOutput,
-        [&](uint8_t *out, uint32_t *out_len) {
-          return ZEPH_C_BIVO_RSAGenCSR(ctx, Bytes(req.pin.s), Len(req.pin.s), share.data(),
-                                       static_cast<uint32_t>(share.size()), req.value, out, out_len);
-        },
-        &csr);
-  }));
-  return SetJson(res, {{"csr", Base64Text(csr.span())}});
+  return WithRsaShare(req, [&](ZEPH_BIVO_CTX *ctx, const SecureBytes &share) {
+    return SetJsonOutput(res, "csr", kRsaOutput, [&](uint8_t *out, uint32_t *out_len) {
+      return ZEPH_C_BIVO_RSAGenCSR(ctx, Bytes(req.pin.s), Len(req.pin.s), share.data(),
+                                   static_cast<uint32_t>(share.size()), req.value, out, out_len);
+    });
+  });
 }
 
 // The share is re-sealed first (which proves the old PIN opens it), then the

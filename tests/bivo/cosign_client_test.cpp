@@ -57,22 +57,8 @@ uint32_t Create(ZEPH_BIVO_CTX *ctx, Key *key) {
                                    &share_len);
 }
 
-EVP_PKEY *Sm2Public(const Bytes &pub) {
-  char group[] = "SM2";
-  OSSL_PARAM params[] = {
-      OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, group, 0),
-      OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, const_cast<uint8_t *>(pub.data()), pub.size()),
-      OSSL_PARAM_construct_end()};
-  EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new_from_name(nullptr, "SM2", nullptr);
-  EVP_PKEY *key = nullptr;
-  EVP_PKEY_fromdata_init(ctx);
-  EVP_PKEY_fromdata(ctx, &key, EVP_PKEY_PUBLIC_KEY, params);
-  EVP_PKEY_CTX_free(ctx);
-  return key;
-}
-
 bool OpenSslVerifies(const Bytes &pub, const Bytes &msg, const Bytes &sig) {
-  EVP_PKEY *key = Sm2Public(pub);
+  EVP_PKEY *key = zeph_test::Sm2PointKey(pub);
   EVP_MD_CTX *md = EVP_MD_CTX_new();
   EVP_PKEY_CTX *pctx = nullptr;
   bool ok = EVP_DigestVerifyInit(md, &pctx, EVP_sm3(), nullptr, key) == 1 &&
@@ -128,7 +114,7 @@ TEST_F(CosignClient, SignsAndDecryptsForOpenSsl) {
   EXPECT_NE(request.find(R"("signType":2})"), std::string::npos) << request;
 
   // Decryption, also with "result" sent as an object.
-  EVP_PKEY *pub = Sm2Public(key.pub);
+  EVP_PKEY *pub = zeph_test::Sm2PointKey(key.pub);
   for (bool as_object : {false, true}) {
     service.set_result_as_object(as_object);
     const Bytes plain = zeph_test::RandomBytes(45, 2);
@@ -305,7 +291,7 @@ TEST_F(CosignClient, RefusesWhatTheServiceSends) {
       {"credential of another key", "BIVOGenKeyPair", "credential", g, "", 200, 12},
   };
   // clang-format on
-  EVP_PKEY *pub = Sm2Public(key.pub);
+  EVP_PKEY *pub = zeph_test::Sm2PointKey(key.pub);
   const Bytes cipher = zeph_test::Encrypt(pub, Bytes(20, 7));
   EVP_PKEY_free(pub);
   for (const Case &c : cases) {

@@ -11,6 +11,7 @@
 
 #include "ci_support.hpp"
 #include "cosign_server.hpp"
+#include "cosign_service.hpp"
 #include "loopback.hpp"
 #include "test_support.hpp"
 #include "zeph_c_corvex.h"
@@ -33,21 +34,12 @@ std::string Member(const std::string &data, const char *key) {
 
 // A 65-byte SM2 point as DER SubjectPublicKeyInfo.
 zeph_test::Bytes Spki(const zeph_test::Bytes &point) {
-  char group[] = "SM2";
-  OSSL_PARAM params[] = {
-      OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, group, 0),
-      OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, const_cast<uint8_t *>(point.data()), point.size()),
-      OSSL_PARAM_construct_end()};
-  EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new_from_name(nullptr, "SM2", nullptr);
-  EVP_PKEY *key = nullptr;
-  EVP_PKEY_fromdata_init(ctx);
-  EVP_PKEY_fromdata(ctx, &key, EVP_PKEY_PUBLIC_KEY, params);
+  EVP_PKEY *key = zeph_test::Sm2PointKey(point);
   unsigned char *der = nullptr;
   const int n = i2d_PUBKEY(key, &der);
   zeph_test::Bytes out(der, der + (n > 0 ? n : 0));
   OPENSSL_free(der);
   EVP_PKEY_free(key);
-  EVP_PKEY_CTX_free(ctx);
   return out;
 }
 

@@ -76,6 +76,22 @@ std::string Bin(const BIGNUM *b, int len) {
 
 }  // namespace
 
+EVP_PKEY *Sm2PointKey(const Bytes &point) {
+  char group[] = "SM2";
+  OSSL_PARAM params[] = {
+      OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, group, 0),
+      OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, const_cast<uint8_t *>(point.data()), point.size()),
+      OSSL_PARAM_construct_end()};
+  EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new_from_name(nullptr, "SM2", nullptr);
+  EVP_PKEY *key = nullptr;
+  if (ctx == nullptr || EVP_PKEY_fromdata_init(ctx) != 1 ||
+      EVP_PKEY_fromdata(ctx, &key, EVP_PKEY_PUBLIC_KEY, params) != 1) {
+    key = nullptr;
+  }
+  EVP_PKEY_CTX_free(ctx);
+  return key;
+}
+
 CosignService::CosignService() {
   listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{};

@@ -208,6 +208,19 @@ TEST_F(CosignClient, ContextWithoutAKeyOrServiceSendsNothing) {
   EXPECT_EQ(ZEPH_C_BIVO_SM2Decrypt(fresh.get(), buf, 4, buf, &len), ERR_COSIGN_FAILED);
   EXPECT_EQ(service.Count("BIVOSignature") + service.Count("BIVODecrypt"), 0);
 
+  // Short outputs of a key creation are refused before the service is asked.
+  Bytes pub(65), share(key.share.size());
+  uint32_t pub_len = 64, share_len = static_cast<uint32_t>(share.size());
+  char id[65];
+  EXPECT_EQ(ZEPH_C_BIVO_CreateKeyPair(fresh.get(), kPin.data(), 6, pub.data(), &pub_len, id, share.data(), &share_len),
+            0xFFFFFFFFu);
+  pub_len = 65;
+  share_len -= 1;
+  EXPECT_EQ(ZEPH_C_BIVO_CreateKeyPair(fresh.get(), kPin.data(), 6, pub.data(), &pub_len, id, share.data(), &share_len),
+            ERR_OUT_OF_MEMORY);
+  EXPECT_EQ(share_len, key.share.size());
+  EXPECT_EQ(service.Count("BIVOGenKeyPair"), 1);
+
   // URLs of 10 characters or fewer name no service: no greeting, and key
   // creation has nobody to ask.
   Ctx offline;

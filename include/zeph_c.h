@@ -3,8 +3,10 @@
 #define ZEPH_C_H
 
 #include "zeph_c_api.h"
+#include "zeph_c_bivo.h"
 #include "zeph_c_bivo_math.h"
 #include "zeph_c_ci.h"
+#include "zeph_c_corvex.h"
 #include "zeph_c_device.h"
 #include "zeph_c_gm.h"
 #include "zeph_c_p7.h"

@@ -5,7 +5,8 @@ set -euo pipefail
 # valgrind: memcheck runs the constant-time tests of the SM2 arithmetic and of the SM4 vector paths.
 packages=(g++ gcc make cmake ninja-build pkg-config binutils libssl-dev openssl libcjson-dev
           libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev valgrind
-          clang-format)  # clang-format: make format-check
+          clang-format  # clang-format: make format-check
+          libcpp-httplib-dev libsqlite3-dev)  # the reference co-signing service: HTTP(S) server, share store
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then

@@ -4,8 +4,10 @@
 
 #include "zeph_c.h"
 #include "zeph_c_api.h"
+#include "zeph_c_bivo.h"
 #include "zeph_c_bivo_math.h"
 #include "zeph_c_ci.h"
+#include "zeph_c_corvex.h"
 #include "zeph_c_export.h"
 #include "zeph_c_gm.h"
 #include "zeph_c_p7.h"
@@ -91,6 +93,20 @@ int zeph_c_header_check(void) {
 
   if (BIVO_get_version(NULL) != BIVO_VERSION) return 22;
 
+  /* The co-signing client: version, a context without a service, a share structure. */
+  {
+    uint32_t client_version = 0;
+    ZEPH_BIVO_CTX *ctx = NULL;
+    BIVOParm *parm = BIVOParm_new();
+    const char *device = "{\"DeviceNumber\":\"c\"}";
+    if (ZEPH_C_BIVO_GetVersion(&client_version) != 0 || client_version != ZEPH_BIVO_CLIENT_VERSION) return 23;
+    if (ZEPH_C_BIVO_Initialize(&ctx, device, (uint32_t)strlen(device), "", 0) != 0 || ctx == NULL) return 24;
+    if (ZEPH_C_BIVO_DoSignature(ctx, NULL, 0, NULL, &client_version) != ERR_COSIGN_FAILED) return 25;
+    ZEPH_C_BIVO_Finalize(ctx);
+    if (parm == NULL || parm->alg == NULL || parm->hash == NULL || BIVOParm_it() == NULL) return 26;
+    BIVOParm_free(parm);
+  }
+
   /* The randomness tests: a runner, the bit array, a context and its report. */
   {
     unsigned char zeros[32];
@@ -106,6 +122,19 @@ int zeph_c_header_check(void) {
     if (ZEPH_C_RandTest_Report(ctx, report, &len) != 0 || strncmp(report, "{\"suite\":\"quick\"", 16) != 0) return 34;
     ZEPH_C_RandTest_Free(ctx);
     if (cephes_igamc(1.0, 0.0) != 1.0 || ComputePower(2, 10) != 1024u) return 35;
+  }
+  /* Corvex: a signer pushed onto the optional stack through the inline operations. */
+  {
+    Corvex_Signature *corvex = Corvex_Signature_new();
+    SignerInfo *signer = SignerInfo_new();
+    uint32_t len = 0;
+    if (corvex == NULL || signer == NULL || (corvex->signers = sk_SignerInfo_new_null()) == NULL) return 40;
+    if (sk_SignerInfo_push(corvex->signers, signer) != 1 || sk_HASHALG_num(signer->hashAlg) != 0) return 41;
+    Corvex_Signature_free(corvex);
+    if (Corvex_DoSignature(NULL, 0, (const unsigned char *)"x", 1, (const unsigned char *)"s", 1, NULL, &len) !=
+        ERR_INVALID_PARAMETER) {
+      return 42;
+    }
   }
   return 0;
 }

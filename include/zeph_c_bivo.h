@@ -91,26 +91,7 @@ typedef struct RSAParm_st {
   ASN1_OCTET_STRING *encryptedData;
 } RSAParm;
 
-DECLARE_ASN1_FUNCTIONS_attr(ZEPH_API, Digest)
-DECLARE_ASN1_FUNCTIONS_attr(ZEPH_API, AlgParm)
-DECLARE_ASN1_FUNCTIONS_attr(ZEPH_API, BIVOParm)
-DECLARE_ASN1_FUNCTIONS_attr(ZEPH_API, AlgIdentifier)
-DECLARE_ASN1_FUNCTIONS_attr(ZEPH_API, RSAParm)
 /* clang-format on */
-
-/* Takes a DER BIVOParm apart. Each output is written only when its pointer
- * is given; its *len is the capacity on entry and the value's length on
- * return. 0, or -1 when the DER does not decode (trailing bytes included)
- * or a value does not fit its capacity. */
-ZEPH_API int l_bivo_ResloveParm(const unsigned char *der, uint32_t der_len, unsigned char *pubkey_out,
-                                uint32_t *pubkey_len, unsigned char *hash_out, uint32_t *hash_len,
-                                unsigned char *d1_out, uint32_t *d1_len, unsigned char *d1_inv_out,
-                                uint32_t *d1_inv_len);
-
-/* The string value of key in a JSON text into out (out_size bytes, the
- * terminator included). 0; ERR_JSON_INVALID when the text does not parse or
- * has no string under key; ERR_BUFFER_TOO_SMALL when it does not fit. */
-ZEPH_API uint32_t l_GetCStringFromJsonByKey(const char *json_text, const char *key, char *out, uint32_t out_size);
 
 /* ---- Context ------------------------------------------------------------- */
 
@@ -142,22 +123,22 @@ ZEPH_API uint32_t ZEPH_C_BIVO_GetVersion(uint32_t *out_version);
  * any exchange. On success the context holds the new key. 12 when the
  * service's credential does not match the client's share. */
 ZEPH_API uint32_t ZEPH_C_BIVO_CreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned char *secret, uint32_t secret_len,
-                                           unsigned char *pubkey_out, uint32_t *pubkey_len, char *container_id_out,
-                                           unsigned char *share_out, uint32_t *share_len);
+                                            unsigned char *pubkey_out, uint32_t *pubkey_len, char *container_id_out,
+                                            unsigned char *share_out, uint32_t *share_len);
 /* Opens the share with secret and accepts it only when SM3(d1) is its stored
  * digest and d1·d1^-1 = 1 mod n; then d1, d1^-1, the public key and the
  * container identifier are the context's key. ERR_PIN_VERIFY_FAILED for a
  * wrong secret, ERR_INVALID_PARAMETER for a share that does not decode; the
  * context is unchanged on failure. */
 ZEPH_API uint32_t ZEPH_C_BIVO_VerifyUserPin(ZEPH_BIVO_CTX *ctx, const unsigned char *secret, uint32_t secret_len,
-                                           const unsigned char *share, uint32_t share_len);
+                                            const unsigned char *share, uint32_t share_len);
 /* The share sealed under new_secret instead of old_secret (checked as by
  * VerifyUserPin), by the output protocol of zeph_c_api.h. The context's key
  * is not changed. */
 ZEPH_API uint32_t ZEPH_C_BIVO_ChangeUserPin(ZEPH_BIVO_CTX *ctx, const unsigned char *old_secret, uint32_t old_len,
-                                           const unsigned char *new_secret, uint32_t new_len,
-                                           const unsigned char *share, uint32_t share_len, unsigned char *out,
-                                           uint32_t *in_out_len);
+                                            const unsigned char *new_secret, uint32_t new_len,
+                                            const unsigned char *share, uint32_t share_len, unsigned char *out,
+                                            uint32_t *in_out_len);
 
 /* An SM2 signature (DER SEQUENCE { r, s }, SM3 with Z of the identity
  * "1234567812345678") over msg with the context's key. sig_out must hold 72
@@ -165,14 +146,14 @@ ZEPH_API uint32_t ZEPH_C_BIVO_ChangeUserPin(ZEPH_BIVO_CTX *ctx, const unsigned c
  * any exchange. ERR_COSIGN_FAILED, without any exchange, when the context
  * holds no key. */
 ZEPH_API uint32_t ZEPH_C_BIVO_DoSignature(ZEPH_BIVO_CTX *ctx, const unsigned char *msg, uint32_t msg_len,
-                                         unsigned char *sig_out, uint32_t *sig_len);
+                                          unsigned char *sig_out, uint32_t *sig_len);
 /* Decrypts a DER SM2 ciphertext (SM2_Ciphertext_Structure) made for the
  * context's key. The plaintext is as long as C2: a NULL plain_out asks for
  * it, a short capacity gives ERR_BUFFER_TOO_SMALL, both before any
  * exchange. ERR_COSIGN_FAILED, without any exchange, when the context holds
  * no key; 18 to 21 for a ciphertext that does not decode or decrypt. */
 ZEPH_API uint32_t ZEPH_C_BIVO_SM2Decrypt(ZEPH_BIVO_CTX *ctx, const unsigned char *cipher, uint32_t cipher_len,
-                                        unsigned char *plain_out, uint32_t *plain_len);
+                                         unsigned char *plain_out, uint32_t *plain_len);
 /* A DER PKCS#10 request for the context's key with the subject dn
  * ("CN=a,O=b" or "/CN=a/O=b", UTF-8), signed SM2-with-SM3 (identity
  * "1234567812345678") by the service and the client together. Output by the
@@ -185,7 +166,7 @@ ZEPH_API uint32_t ZEPH_C_BIVO_GenCSR(ZEPH_BIVO_CTX *ctx, const char *dn, unsigne
  * or does not hold such a key; ERR_ENVELOPE_FAILED when the envelope does
  * not open. */
 ZEPH_API uint32_t ZEPH_C_BIVO_DecodeEnveloper(const unsigned char *env, uint32_t env_len, unsigned char *out,
-                                             uint32_t *in_out_len);
+                                              uint32_t *in_out_len);
 
 /* ---- RSA ------------------------------------------------------------------ */
 /* The service makes the pair and splits the private exponent,
@@ -200,23 +181,29 @@ ZEPH_API uint32_t ZEPH_C_BIVO_DecodeEnveloper(const unsigned char *env, uint32_t
  * upper bound of its length; a short one gives 0x82080001, before any
  * exchange). */
 ZEPH_API uint32_t ZEPH_C_BIVO_RSACreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned char *secret, uint32_t secret_len,
-                                              uint32_t bits, unsigned char *pubkey_out, uint32_t *pubkey_len,
-                                              char *container_id_out, unsigned char *share_out,
-                                              uint32_t *share_len);
+                                               uint32_t bits, unsigned char *pubkey_out, uint32_t *pubkey_len,
+                                               char *container_id_out, unsigned char *share_out, uint32_t *share_len);
 /* A PKCS#1 v1.5 signature over msg with digest_id (ZEPH_DIGEST_SHA1,
  * _SHA256 (also for 0), _SHA384, _SHA512 of zeph_c_api.h; others
  * ERR_ALG_UNSUPPORTED) and the share opened with secret
  * (ERR_PIN_VERIFY_FAILED when it does not open). Output: the modulus length,
  * by the protocol of zeph_c_api.h, checked before any exchange. */
 ZEPH_API uint32_t ZEPH_C_BIVO_RSADoSignature(ZEPH_BIVO_CTX *ctx, const unsigned char *secret, uint32_t secret_len,
-                                            const unsigned char *share, uint32_t share_len, uint32_t digest_id,
-                                            const unsigned char *msg, uint32_t msg_len, unsigned char *sig_out,
-                                            uint32_t *sig_len);
+                                             const unsigned char *share, uint32_t share_len, uint32_t digest_id,
+                                             const unsigned char *msg, uint32_t msg_len, unsigned char *sig_out,
+                                             uint32_t *sig_len);
 /* A DER PKCS#10 request for the share's key with the subject dn (as
  * ZEPH_C_BIVO_GenCSR), signed sha256WithRSAEncryption by the two parties. */
 ZEPH_API uint32_t ZEPH_C_BIVO_RSAGenCSR(ZEPH_BIVO_CTX *ctx, const unsigned char *secret, uint32_t secret_len,
-                                       const unsigned char *share, uint32_t share_len, const char *dn,
-                                       unsigned char *out, uint32_t *in_out_len);
+                                        const unsigned char *share, uint32_t share_len, const char *dn,
+                                        unsigned char *out, uint32_t *in_out_len);
+
+/* new, free, DER encode and decode, and the item of each share structure. */
+DECLARE_ASN1_FUNCTIONS_attr(ZEPH_API, Digest);
+DECLARE_ASN1_FUNCTIONS_attr(ZEPH_API, AlgParm);
+DECLARE_ASN1_FUNCTIONS_attr(ZEPH_API, BIVOParm);
+DECLARE_ASN1_FUNCTIONS_attr(ZEPH_API, AlgIdentifier);
+DECLARE_ASN1_FUNCTIONS_attr(ZEPH_API, RSAParm);
 
 ZEPH_END_DECLS
 

@@ -52,7 +52,7 @@ uint32_t Post(const ZEPH_BIVO_CTX &ctx, const char *method, std::string_view bod
 uint32_t Greet(const ZEPH_BIVO_CTX &ctx) {
   std::string text;
   ZEPH_TRY(Post(ctx, "BIVOInit", "{}", kReplyBuffer, &text));
-  const JsonPtr root(cJSON_Parse(text.c_str()));
+  const JsonPtr root(cJSON_ParseWithLength(text.data(), text.size()));
   const cJSON *status = cJSON_GetObjectItemCaseSensitive(root.get(), "status");
   ZEPH_ENSURE(cJSON_IsNumber(status), ERR_JSON_INVALID);
   ZEPH_ENSURE(status->valueint == 200, ERR_HTTP_FAILED);
@@ -63,7 +63,8 @@ uint32_t Greet(const ZEPH_BIVO_CTX &ctx) {
 
 std::string Base64(std::span<const uint8_t> bytes) {
   std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), bytes.data(), static_cast<int>(bytes.size()));
+  const int n =
+      EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), bytes.data(), static_cast<int>(bytes.size()));
   out.resize(n < 0 ? 0 : static_cast<size_t>(n));
   return out;
 }
@@ -76,18 +77,11 @@ std::string HexUpper(std::span<const uint8_t> bytes) {
   return out;
 }
 
-uint32_t CallService(const ZEPH_BIVO_CTX &ctx, const char *method, std::string_view body, std::string *result,
-                     size_t max_reply) {
-  ZEPH_ENSURE(ctx.has_service, ERR_COSIGN_FAILED);
-  std::string text;
-  ZEPH_TRY(Post(ctx, method, body, max_reply, &text));
-  JsonPtr root(cJSON_Parse(text.c_str()));
+uint32_t ReadReply(std::string_view body, std::string *result) {
+  JsonPtr root(cJSON_ParseWithLength(body.data(), body.size()));
   ZEPH_ENSURE(root != nullptr && cJSON_IsObject(root.get()), ERR_JSON_INVALID);
   const cJSON *status = cJSON_GetObjectItemCaseSensitive(root.get(), "status");
-  if (status != nullptr && !(cJSON_IsNumber(status) && status->valueint == 200)) {
-    ZEPH_LOG(method, ERR_HTTP_FAILED);
-    return ERR_HTTP_FAILED;
-  }
+  ZEPH_ENSURE(status == nullptr || (cJSON_IsNumber(status) && status->valueint == 200), ERR_HTTP_FAILED);
   const cJSON *res = cJSON_GetObjectItemCaseSensitive(root.get(), "result");
   if (cJSON_IsString(res)) {
     *result = res->valuestring;
@@ -98,6 +92,16 @@ uint32_t CallService(const ZEPH_BIVO_CTX &ctx, const char *method, std::string_v
   ZEPH_ENSURE(printed != nullptr, ERR_OUT_OF_MEMORY);
   *result = printed.get();
   return 0;
+}
+
+uint32_t CallService(const ZEPH_BIVO_CTX &ctx, const char *method, std::string_view body, std::string *result,
+                     size_t max_reply) {
+  ZEPH_ENSURE(ctx.has_service, ERR_COSIGN_FAILED);
+  std::string text;
+  ZEPH_TRY(Post(ctx, method, body, max_reply, &text));
+  const uint32_t rv = ReadReply(text, result);
+  if (rv != 0) ZEPH_LOG(method, rv);
+  return rv;
 }
 
 uint32_t ResultBytes(const std::string &result, const char *key, size_t max, std::vector<uint8_t> *out) {
@@ -128,8 +132,6 @@ uint32_t ResultBytes(const std::string &result, const char *key, std::span<uint8
   return 0;
 }
 
-namespace {
-
 // A point of the result: 65 bytes, on the curve.
 uint32_t ResultPoint(const std::string &result, const char *key, Point *out) {
   uint8_t raw[sm2::kPointLen];
@@ -146,6 +148,8 @@ uint32_t ResultScalar(const std::string &result, const char *key, Scalar *out) {
   ZEPH_ENSURE(sm2::InRange(*out), ERR_COSIGN_FAILED);
   return 0;
 }
+
+namespace {
 
 uint32_t Sm3Hex(const Scalar &d1, char out[65]) {
   uint8_t digest[32];
@@ -164,7 +168,7 @@ namespace sm2 = zeph::gm::sm2;
 
 extern "C" {
 
-ZEPH_API uint32_t l_GetCStringFromJsonByKey(const char *json_text, const char *key, char *out, uint32_t out_size) {
+uint32_t l_GetCStringFromJsonByKey(const char *json_text, const char *key, char *out, uint32_t out_size) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(json_text != nullptr && key != nullptr && out != nullptr, ERR_INVALID_PARAMETER);
     zeph::JsonPtr root(cJSON_Parse(json_text));
@@ -188,8 +192,8 @@ ZEPH_API uint32_t ZEPH_C_BIVO_Initialize(ZEPH_BIVO_CTX **out_ctx, const char *de
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(out_ctx != nullptr && device_json != nullptr, ERR_INVALID_PARAMETER);
     auto ctx = std::make_unique<ZEPH_BIVO_CTX>();
-    if (url != nullptr && url_len >= kMinServiceUrl) {
-      const size_t n = strnlen(url, url_len);
+    const size_t n = url != nullptr ? strnlen(url, url_len) : 0;
+    if (n >= kMinServiceUrl) {
       ZEPH_ENSURE(n < kBivoTextBuffer, ERR_INVALID_PARAMETER);
       std::memcpy(ctx->url, url, n);
       zeph::http::Target target;
@@ -197,7 +201,8 @@ ZEPH_API uint32_t ZEPH_C_BIVO_Initialize(ZEPH_BIVO_CTX **out_ctx, const char *de
       ZEPH_ENSURE(zeph::http::ParseUrl(ctx->url, &target) == 0, 0xFFFFFFFFu);
       ctx->host = target.host;
       ctx->port = target.port;
-      ctx->path = target.path.ends_with('/') ? target.path : target.path + "/";
+      // The method name is appended to the path as it stands.
+      ctx->path = target.path;
       ctx->tls = target.tls ? 1 : 0;
       ctx->has_service = true;
       ZEPH_TRY(Greet(*ctx));
@@ -220,8 +225,8 @@ ZEPH_API uint32_t ZEPH_C_BIVO_Finalize(ZEPH_BIVO_CTX *ctx) {
 }
 
 ZEPH_API uint32_t ZEPH_C_BIVO_CreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned char *secret, uint32_t secret_len,
-                                           unsigned char *pubkey_out, uint32_t *pubkey_len, char *container_id_out,
-                                           unsigned char *share_out, uint32_t *share_len) {
+                                            unsigned char *pubkey_out, uint32_t *pubkey_len, char *container_id_out,
+                                            unsigned char *share_out, uint32_t *share_len) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(ctx != nullptr, ZEPH_ERR_MISSING_HANDLE);
     ZEPH_ENSURE(secret != nullptr && share_len != nullptr && pubkey_len != nullptr, ERR_INVALID_PARAMETER);
@@ -240,7 +245,7 @@ ZEPH_API uint32_t ZEPH_C_BIVO_CreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned c
     ZEPH_ENSURE(container_id_out != nullptr, ERR_INVALID_PARAMETER);
     ZEPH_ENSURE(ctx->has_service, ERR_COSIGN_FAILED);
 
-    ClientKeyShare share;
+    Wiped<ClientKeyShare> share;
     ZEPH_TRY(CreateClientKeyShare(PlainSource(BIVO_ERR_KEY_SHARE), &share));
     char container_id[65];
     Sm3Hex(share.d1, container_id);
@@ -251,12 +256,7 @@ ZEPH_API uint32_t ZEPH_C_BIVO_CreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned c
                                 container_id, Base64(p1).c_str(), ctx->device_number);
     ZEPH_ENSURE(n > 0 && static_cast<size_t>(n) < sizeof request, ERR_INVALID_PARAMETER);
     std::string result;
-    const uint32_t rv = CallService(*ctx, "BIVOGenKeyPair", request, &result);
-    if (rv != 0) {
-      sm2::Wipe(&share.d1);
-      sm2::Wipe(&share.d1_inv);
-      return rv;
-    }
+    ZEPH_TRY(CallService(*ctx, "BIVOGenKeyPair", request, &result));
     Point p, credential;
     uint32_t status = ResultPoint(result, "pubKey", &p);
     if (status == 0) status = ResultPoint(result, "credential", &credential);
@@ -277,14 +277,12 @@ ZEPH_API uint32_t ZEPH_C_BIVO_CreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned c
       std::memcpy(ctx->container_id, container_id, sizeof container_id);
       ctx->has_key = true;
     }
-    sm2::Wipe(&share.d1);
-    sm2::Wipe(&share.d1_inv);
     return status;
   });
 }
 
 ZEPH_API uint32_t ZEPH_C_BIVO_DoSignature(ZEPH_BIVO_CTX *ctx, const unsigned char *msg, uint32_t msg_len,
-                                         unsigned char *sig_out, uint32_t *sig_len) {
+                                          unsigned char *sig_out, uint32_t *sig_len) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(ctx != nullptr, ZEPH_ERR_MISSING_HANDLE);
     ZEPH_ENSURE(ctx->has_key, ERR_COSIGN_FAILED);
@@ -301,9 +299,9 @@ ZEPH_API uint32_t ZEPH_C_BIVO_DoSignature(ZEPH_BIVO_CTX *ctx, const unsigned cha
     uint8_t q1_raw[65];
     sm2::PointTo65(q1, q1_raw);
     char request[kShareRequest];
-    const int n = std::snprintf(request, sizeof request,
-                                R"({"containerID":"%s", "q1":"%s", "digest":"%s", "signType":%d})", ctx->container_id,
-                                Base64(q1_raw).c_str(), Base64(e).c_str(), kSignType);
+    const int n =
+        std::snprintf(request, sizeof request, R"({"containerID":"%s", "q1":"%s", "digest":"%s", "signType":%d})",
+                      ctx->container_id, Base64(q1_raw).c_str(), Base64(e).c_str(), kSignType);
     ZEPH_ENSURE(n > 0 && static_cast<size_t>(n) < sizeof request, ERR_INVALID_PARAMETER);
     std::string result;
     ZEPH_TRY(CallService(*ctx, "BIVOSignature", request, &result));
@@ -325,7 +323,7 @@ ZEPH_API uint32_t ZEPH_C_BIVO_DoSignature(ZEPH_BIVO_CTX *ctx, const unsigned cha
 }
 
 ZEPH_API uint32_t ZEPH_C_BIVO_SM2Decrypt(ZEPH_BIVO_CTX *ctx, const unsigned char *cipher, uint32_t cipher_len,
-                                        unsigned char *plain_out, uint32_t *plain_len) {
+                                         unsigned char *plain_out, uint32_t *plain_len) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(ctx != nullptr, ZEPH_ERR_MISSING_HANDLE);
     ZEPH_ENSURE(ctx->has_key, ERR_COSIGN_FAILED);

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <string>
 
-#include <openssl/asn1t.h>
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
@@ -17,27 +16,6 @@
 #include "zeph_c_api.h"
 #include "zeph_c_status.h"
 
-namespace {
-
-// What the RSAParm seals: the container, the public key and d1.
-struct BivoRsaShare {
-  ASN1_PRINTABLESTRING *container_id;
-  ASN1_INTEGER *n;
-  ASN1_INTEGER *e;
-  ASN1_INTEGER *d1;
-};
-
-}  // namespace
-
-// clang-format off
-ASN1_SEQUENCE(BivoRsaShare) = {
-    ASN1_SIMPLE(BivoRsaShare, container_id, ASN1_PRINTABLESTRING),
-    ASN1_SIMPLE(BivoRsaShare, n, ASN1_INTEGER),
-    ASN1_SIMPLE(BivoRsaShare, e, ASN1_INTEGER),
-    ASN1_SIMPLE(BivoRsaShare, d1, ASN1_INTEGER),
-} static_ASN1_SEQUENCE_END(BivoRsaShare)
-// clang-format on
-
 namespace zeph::bivo {
 namespace {
 
@@ -46,10 +24,8 @@ constexpr uint32_t kMaxBits = 4096;
 // Requests and replies carry a 4096-bit value or two in base64.
 constexpr size_t kRsaRequest = 1200;
 constexpr size_t kRsaReply = 4096;
-constexpr size_t kMaxModulus = kMaxBits / 8;
 
-void FreeShare(BivoRsaShare *s) noexcept { ASN1_item_free(reinterpret_cast<ASN1_VALUE *>(s), ASN1_ITEM_rptr(BivoRsaShare)); }
-using RsaSharePtr = std::unique_ptr<BivoRsaShare, Free<FreeShare>>;
+using RsaSharePtr = std::unique_ptr<BivoRsaShare, Free<BivoRsaShare_free>>;
 using RsaParmPtr = std::unique_ptr<RSAParm, Free<RSAParm_free>>;
 
 struct RsaKey {
@@ -91,15 +67,16 @@ EvpPkeyPtr PublicKey(const RsaKey &key) {
 
 uint32_t SealKey(std::span<const uint8_t> secret, const char *device_number, const RsaKey &key,
                  std::vector<uint8_t> *der) {
-  RsaSharePtr inner(reinterpret_cast<BivoRsaShare *>(ASN1_item_new(ASN1_ITEM_rptr(BivoRsaShare))));
+  RsaSharePtr inner(BivoRsaShare_new());
   ZEPH_ENSURE(inner != nullptr, ERR_OUT_OF_MEMORY);
-  ZEPH_ENSURE(ASN1_STRING_set(inner->container_id, key.container_id.data(), static_cast<int>(key.container_id.size())) == 1 &&
-                  BN_to_ASN1_INTEGER(key.n.get(), inner->n) != nullptr &&
-                  BN_to_ASN1_INTEGER(key.e.get(), inner->e) != nullptr &&
-                  BN_to_ASN1_INTEGER(key.d1.get(), inner->d1) != nullptr,
-              ERR_OUT_OF_MEMORY);
+  ZEPH_ENSURE(
+      ASN1_STRING_set(inner->container_id, key.container_id.data(), static_cast<int>(key.container_id.size())) == 1 &&
+          BN_to_ASN1_INTEGER(key.n.get(), inner->n) != nullptr &&
+          BN_to_ASN1_INTEGER(key.e.get(), inner->e) != nullptr &&
+          BN_to_ASN1_INTEGER(key.d1.get(), inner->d1) != nullptr,
+      ERR_OUT_OF_MEMORY);
   unsigned char *plain = nullptr;
-  const int plain_len = ASN1_item_i2d(reinterpret_cast<ASN1_VALUE *>(inner.get()), &plain, ASN1_ITEM_rptr(BivoRsaShare));
+  const int plain_len = i2d_BivoRsaShare(inner.get(), &plain);
   ZEPH_ENSURE(plain_len > 0, ERR_ENCODE_FAILED);
   SecureBytes body(plain, static_cast<size_t>(plain_len));
   OPENSSL_clear_free(plain, static_cast<size_t>(plain_len));
@@ -112,12 +89,7 @@ uint32_t SealKey(std::span<const uint8_t> secret, const char *device_number, con
   ZEPH_ENSURE(parm->encAlg->ID != nullptr &&
                   ASN1_OCTET_STRING_set(parm->encryptedData, sealed.data(), static_cast<int>(sealed.size())) == 1,
               ERR_OUT_OF_MEMORY);
-  const int n = i2d_RSAParm(parm.get(), nullptr);
-  ZEPH_ENSURE(n > 0, ERR_ENCODE_FAILED);
-  der->resize(static_cast<size_t>(n));
-  unsigned char *w = der->data();
-  ZEPH_ENSURE(i2d_RSAParm(parm.get(), &w) == n, ERR_ENCODE_FAILED);
-  return 0;
+  return ToDer(i2d_RSAParm, parm.get(), der);
 }
 
 uint32_t OpenKey(std::span<const uint8_t> secret, const char *device_number, std::span<const uint8_t> der,
@@ -134,8 +106,7 @@ uint32_t OpenKey(std::span<const uint8_t> secret, const char *device_number, std
   SecureBytes body;
   ZEPH_TRY(l_bivo_DeCodeDeviceData(secret, device_number, sealed, true, &body));
   const unsigned char *q = body.data();
-  RsaSharePtr inner(reinterpret_cast<BivoRsaShare *>(
-      ASN1_item_d2i(nullptr, &q, static_cast<long>(body.size()), ASN1_ITEM_rptr(BivoRsaShare))));
+  RsaSharePtr inner(d2i_BivoRsaShare(nullptr, &q, static_cast<long>(body.size())));
   // Padding that happens to pass under a wrong secret still leaves no share.
   ZEPH_ENSURE(inner != nullptr && q == body.data() + body.size() && ASN1_STRING_length(inner->container_id) == 64,
               ERR_PIN_VERIFY_FAILED);
@@ -187,7 +158,8 @@ uint32_t EncodeMessage(uint32_t digest_id, std::span<const uint8_t> msg, size_t 
 }
 
 // The signature of em: m^d1 · s2 mod n, released only when s^e = m.
-uint32_t CoSign(const ZEPH_BIVO_CTX &ctx, const RsaKey &key, const std::vector<uint8_t> &em, std::vector<uint8_t> *sig) {
+uint32_t CoSign(const ZEPH_BIVO_CTX &ctx, const RsaKey &key, const std::vector<uint8_t> &em,
+                std::vector<uint8_t> *sig) {
   const size_t k = key.k();
   char request[kRsaRequest];
   const int len = std::snprintf(request, sizeof request, R"({"containerID":"%s","m":"%s"})", key.container_id.c_str(),
@@ -236,9 +208,8 @@ using namespace zeph::bivo;  // NOLINT: the exported functions below use the cli
 extern "C" {
 
 ZEPH_API uint32_t ZEPH_C_BIVO_RSACreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned char *secret, uint32_t secret_len,
-                                              uint32_t bits, unsigned char *pubkey_out, uint32_t *pubkey_len,
-                                              char *container_id_out, unsigned char *share_out,
-                                              uint32_t *share_len) {
+                                               uint32_t bits, unsigned char *pubkey_out, uint32_t *pubkey_len,
+                                               char *container_id_out, unsigned char *share_out, uint32_t *share_len) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(ctx != nullptr, ZEPH_ERR_MISSING_HANDLE);
     ZEPH_ENSURE(secret != nullptr && pubkey_len != nullptr && share_len != nullptr, ERR_INVALID_PARAMETER);
@@ -298,9 +269,9 @@ ZEPH_API uint32_t ZEPH_C_BIVO_RSACreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigne
 }
 
 ZEPH_API uint32_t ZEPH_C_BIVO_RSADoSignature(ZEPH_BIVO_CTX *ctx, const unsigned char *secret, uint32_t secret_len,
-                                            const unsigned char *share, uint32_t share_len, uint32_t digest_id,
-                                            const unsigned char *msg, uint32_t msg_len, unsigned char *sig_out,
-                                            uint32_t *sig_len) {
+                                             const unsigned char *share, uint32_t share_len, uint32_t digest_id,
+                                             const unsigned char *msg, uint32_t msg_len, unsigned char *sig_out,
+                                             uint32_t *sig_len) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(ctx != nullptr, ZEPH_ERR_MISSING_HANDLE);
     ZEPH_ENSURE(secret != nullptr && share != nullptr && sig_len != nullptr && (msg != nullptr || msg_len == 0),
@@ -316,12 +287,11 @@ ZEPH_API uint32_t ZEPH_C_BIVO_RSADoSignature(ZEPH_BIVO_CTX *ctx, const unsigned 
 }
 
 ZEPH_API uint32_t ZEPH_C_BIVO_RSAGenCSR(ZEPH_BIVO_CTX *ctx, const unsigned char *secret, uint32_t secret_len,
-                                       const unsigned char *share, uint32_t share_len, const char *dn,
-                                       unsigned char *out, uint32_t *in_out_len) {
+                                        const unsigned char *share, uint32_t share_len, const char *dn,
+                                        unsigned char *out, uint32_t *in_out_len) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(ctx != nullptr, ZEPH_ERR_MISSING_HANDLE);
-    ZEPH_ENSURE(secret != nullptr && share != nullptr && dn != nullptr && in_out_len != nullptr,
-                ERR_INVALID_PARAMETER);
+    ZEPH_ENSURE(secret != nullptr && share != nullptr && dn != nullptr && in_out_len != nullptr, ERR_INVALID_PARAMETER);
     RsaKey key;
     ZEPH_TRY(OpenKey({secret, secret_len}, ctx->device_number, {share, share_len}, &key));
     const zeph::EvpPkeyPtr pub = PublicKey(key);

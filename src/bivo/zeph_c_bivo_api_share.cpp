@@ -5,53 +5,17 @@
 #include <cstring>
 #include <string>
 
-#include <openssl/asn1t.h>
 #include <openssl/crypto.h>
 #include <openssl/objects.h>
 
 #include "bivo/bivo_client.hpp"
 #include "bivo/bivo_math.hpp"
-#include "foundation/owned.hpp"
 #include "foundation/output.hpp"
+#include "foundation/owned.hpp"
 #include "gm/gm_internal.hpp"
 #include "zeph_c_p7.h"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
-
-// clang-format off
-ASN1_SEQUENCE(Digest) = {
-    ASN1_SIMPLE(Digest, ID, ASN1_OBJECT),
-    ASN1_SIMPLE(Digest, digest, ASN1_OCTET_STRING),
-} ASN1_SEQUENCE_END(Digest)
-
-ASN1_SEQUENCE(AlgParm) = {
-    ASN1_SIMPLE(AlgParm, aignAlgID, ASN1_OBJECT),
-} ASN1_SEQUENCE_END(AlgParm)
-
-ASN1_SEQUENCE(BIVOParm) = {
-    ASN1_SIMPLE(BIVOParm, version, ASN1_INTEGER),
-    ASN1_SIMPLE(BIVOParm, alg, AlgParm),
-    ASN1_SIMPLE(BIVOParm, pubkey, ASN1_OCTET_STRING),
-    ASN1_SIMPLE(BIVOParm, d1, ASN1_BIT_STRING),
-    ASN1_SIMPLE(BIVOParm, d1_inv, ASN1_BIT_STRING),
-    ASN1_SIMPLE(BIVOParm, hash, Digest),
-} ASN1_SEQUENCE_END(BIVOParm)
-
-ASN1_SEQUENCE(AlgIdentifier) = {
-    ASN1_SIMPLE(AlgIdentifier, ID, ASN1_OBJECT),
-} ASN1_SEQUENCE_END(AlgIdentifier)
-
-ASN1_SEQUENCE(RSAParm) = {
-    ASN1_SIMPLE(RSAParm, encAlg, AlgIdentifier),
-    ASN1_SIMPLE(RSAParm, encryptedData, ASN1_OCTET_STRING),
-} ASN1_SEQUENCE_END(RSAParm)
-
-IMPLEMENT_ASN1_FUNCTIONS(Digest)
-IMPLEMENT_ASN1_FUNCTIONS(AlgParm)
-IMPLEMENT_ASN1_FUNCTIONS(BIVOParm)
-IMPLEMENT_ASN1_FUNCTIONS(AlgIdentifier)
-IMPLEMENT_ASN1_FUNCTIONS(RSAParm)
-// clang-format on
 
 namespace zeph::bivo {
 namespace sm2 = gm::sm2;
@@ -131,14 +95,14 @@ uint32_t l_bivo_EnCodeDeviceData(std::span<const uint8_t> secret, const char *de
 
 uint32_t l_bivo_DeCodeDeviceData(std::span<const uint8_t> secret, const char *device_number,
                                  std::span<const uint8_t> data, bool padding, SecureBytes *out) {
-  const uint32_t rv = Ecb(padding ? zeph_c_utils_decrypt : zeph_c_utils_decryptNoPading, secret, device_number, data,
-                          data.size(), out);
+  const uint32_t rv =
+      Ecb(padding ? zeph_c_utils_decrypt : zeph_c_utils_decryptNoPading, secret, device_number, data, data.size(), out);
   // With the wrong secret the padding is what fails.
   return rv == ERR_PADDING_INVALID ? ERR_PIN_VERIFY_FAILED : rv;
 }
 
-uint32_t EncodeShare(std::span<const uint8_t> secret, const char *device_number, const Scalar &d1,
-                     const Scalar &d1_inv, const Point &p, std::vector<uint8_t> *der) {
+uint32_t EncodeShare(std::span<const uint8_t> secret, const char *device_number, const Scalar &d1, const Scalar &d1_inv,
+                     const Point &p, std::vector<uint8_t> *der) {
   SecureBytes sealed_d1, sealed_inv;
   ZEPH_TRY(l_bivo_EnCodeDeviceData(secret, device_number, d1.b, false, &sealed_d1));
   ZEPH_TRY(l_bivo_EnCodeDeviceData(secret, device_number, d1_inv.b, false, &sealed_inv));
@@ -156,12 +120,7 @@ uint32_t EncodeShare(std::span<const uint8_t> secret, const char *device_number,
                   ASN1_OCTET_STRING_set(parm->hash->digest, digest, sizeof digest) == 1 &&
                   SetBits(parm->d1, sealed_d1.span()) && SetBits(parm->d1_inv, sealed_inv.span()),
               ERR_OUT_OF_MEMORY);
-  const int n = i2d_BIVOParm(parm.get(), nullptr);
-  ZEPH_ENSURE(n > 0, ERR_ENCODE_FAILED);
-  der->resize(static_cast<size_t>(n));
-  unsigned char *w = der->data();
-  ZEPH_ENSURE(i2d_BIVOParm(parm.get(), &w) == n, ERR_ENCODE_FAILED);
-  return 0;
+  return ToDer(i2d_BIVOParm, parm.get(), der);
 }
 
 size_t ShareLength() {
@@ -178,8 +137,8 @@ size_t ShareLength() {
 
 // The share opened with the secret and checked: SM3(d1) is its digest and
 // d1·d1^-1 = 1.
-uint32_t OpenShare(std::span<const uint8_t> secret, const char *device_number, std::span<const uint8_t> der,
-                   Scalar *d1, Scalar *d1_inv, Point *p, char container_id[65]) {
+uint32_t OpenShare(std::span<const uint8_t> secret, const char *device_number, std::span<const uint8_t> der, Scalar *d1,
+                   Scalar *d1_inv, Point *p, char container_id[65]) {
   const BivoParmPtr parm = ParseShare(der);
   ZEPH_ENSURE(parm != nullptr, ERR_INVALID_PARAMETER);
   ZEPH_ENSURE(ReadPoint(ASN1_STRING_get0_data(parm->pubkey), p), ERR_INVALID_PARAMETER);
@@ -234,8 +193,9 @@ uint32_t EnvelopeKey(SecureBytes *pkcs8) {
   ZEPH_ENSURE(key != nullptr && p == der.data() + der_len, ERR_UNSUPPORTED_VALUE);
   char group[32] = {};
   size_t group_len = 0;
-  ZEPH_ENSURE(EVP_PKEY_get_group_name(key.get(), group, sizeof group, &group_len) == 1 && std::strcmp(group, "SM2") == 0,
-              ERR_UNSUPPORTED_VALUE);
+  ZEPH_ENSURE(
+      EVP_PKEY_get_group_name(key.get(), group, sizeof group, &group_len) == 1 && std::strcmp(group, "SM2") == 0,
+      ERR_UNSUPPORTED_VALUE);
   std::unique_ptr<PKCS8_PRIV_KEY_INFO, Free<PKCS8_PRIV_KEY_INFO_free>> info(EVP_PKEY2PKCS8(key.get()));
   ZEPH_ENSURE(info != nullptr, ERR_UNSUPPORTED_VALUE);
   unsigned char *out = nullptr;
@@ -253,44 +213,43 @@ using namespace zeph::bivo;  // NOLINT: the exported functions below use the cli
 
 extern "C" {
 
-ZEPH_API int l_bivo_ResloveParm(const unsigned char *der, uint32_t der_len, unsigned char *pubkey_out,
-                                uint32_t *pubkey_len, unsigned char *hash_out, uint32_t *hash_len,
-                                unsigned char *d1_out, uint32_t *d1_len, unsigned char *d1_inv_out,
-                                uint32_t *d1_inv_len) {
+int l_bivo_ResloveParm(const unsigned char *der, uint32_t der_len, unsigned char *pubkey_out, uint32_t *pubkey_len,
+                       unsigned char *hash_out, uint32_t *hash_len, unsigned char *d1_out, uint32_t *d1_len,
+                       unsigned char *d1_inv_out, uint32_t *d1_inv_len) {
   return zeph::Guarded(
-      [&]() -> uint32_t {
-        ZEPH_ENSURE(der != nullptr, 1u);
-        const unsigned char *p = der;
-        const BivoParmPtr parm(d2i_BIVOParm(nullptr, &p, static_cast<long>(der_len)));
-        ZEPH_ENSURE(parm != nullptr && p == der + der_len, 1u);
-        const struct {
-          const ASN1_STRING *value;
-          unsigned char *out;
-          uint32_t *len;
-        } fields[] = {{parm->pubkey, pubkey_out, pubkey_len},
-                      {parm->hash->digest, hash_out, hash_len},
-                      {parm->d1, d1_out, d1_len},
-                      {parm->d1_inv, d1_inv_out, d1_inv_len}};
-        for (const auto &f : fields) {
-          if (f.out == nullptr) continue;
-          const auto n = static_cast<uint32_t>(ASN1_STRING_length(f.value));
-          ZEPH_ENSURE(f.len != nullptr && *f.len >= n, 1u);
-        }
-        for (const auto &f : fields) {
-          if (f.out == nullptr) continue;
-          const auto n = static_cast<uint32_t>(ASN1_STRING_length(f.value));
-          if (n != 0) std::memcpy(f.out, ASN1_STRING_get0_data(f.value), n);
-          *f.len = n;
-        }
-        return 0;
-      },
-      1u) == 0
+             [&]() -> uint32_t {
+               ZEPH_ENSURE(der != nullptr, 1u);
+               const unsigned char *p = der;
+               const BivoParmPtr parm(d2i_BIVOParm(nullptr, &p, static_cast<long>(der_len)));
+               ZEPH_ENSURE(parm != nullptr && p == der + der_len, 1u);
+               const struct {
+                 const ASN1_STRING *value;
+                 unsigned char *out;
+                 uint32_t *len;
+               } fields[] = {{parm->pubkey, pubkey_out, pubkey_len},
+                             {parm->hash->digest, hash_out, hash_len},
+                             {parm->d1, d1_out, d1_len},
+                             {parm->d1_inv, d1_inv_out, d1_inv_len}};
+               for (const auto &f : fields) {
+                 if (f.out == nullptr) continue;
+                 const auto n = static_cast<uint32_t>(ASN1_STRING_length(f.value));
+                 ZEPH_ENSURE(f.len != nullptr && *f.len >= n, 1u);
+               }
+               for (const auto &f : fields) {
+                 if (f.out == nullptr) continue;
+                 const auto n = static_cast<uint32_t>(ASN1_STRING_length(f.value));
+                 if (n != 0) std::memcpy(f.out, ASN1_STRING_get0_data(f.value), n);
+                 *f.len = n;
+               }
+               return 0;
+             },
+             1u) == 0
              ? 0
              : -1;
 }
 
 ZEPH_API uint32_t ZEPH_C_BIVO_VerifyUserPin(ZEPH_BIVO_CTX *ctx, const unsigned char *secret, uint32_t secret_len,
-                                           const unsigned char *share, uint32_t share_len) {
+                                            const unsigned char *share, uint32_t share_len) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(ctx != nullptr, ZEPH_ERR_MISSING_HANDLE);
     ZEPH_ENSURE(secret != nullptr && share != nullptr, ERR_INVALID_PARAMETER);
@@ -309,9 +268,9 @@ ZEPH_API uint32_t ZEPH_C_BIVO_VerifyUserPin(ZEPH_BIVO_CTX *ctx, const unsigned c
 }
 
 ZEPH_API uint32_t ZEPH_C_BIVO_ChangeUserPin(ZEPH_BIVO_CTX *ctx, const unsigned char *old_secret, uint32_t old_len,
-                                           const unsigned char *new_secret, uint32_t new_len,
-                                           const unsigned char *share, uint32_t share_len, unsigned char *out,
-                                           uint32_t *in_out_len) {
+                                            const unsigned char *new_secret, uint32_t new_len,
+                                            const unsigned char *share, uint32_t share_len, unsigned char *out,
+                                            uint32_t *in_out_len) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(ctx != nullptr, ZEPH_ERR_MISSING_HANDLE);
     ZEPH_ENSURE(old_secret != nullptr && new_secret != nullptr && share != nullptr, ERR_INVALID_PARAMETER);
@@ -327,7 +286,7 @@ ZEPH_API uint32_t ZEPH_C_BIVO_ChangeUserPin(ZEPH_BIVO_CTX *ctx, const unsigned c
 }
 
 ZEPH_API uint32_t ZEPH_C_BIVO_DecodeEnveloper(const unsigned char *env, uint32_t env_len, unsigned char *out,
-                                             uint32_t *in_out_len) {
+                                              uint32_t *in_out_len) {
   return zeph::Guarded([&]() -> uint32_t {
     ZEPH_ENSURE(env != nullptr && in_out_len != nullptr, ERR_INVALID_PARAMETER);
     zeph::SecureBytes pkcs8;

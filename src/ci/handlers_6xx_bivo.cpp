@@ -11,6 +11,7 @@
 #include "foundation/json_owned.hpp"
 #include "zeph_c_api.h"
 #include "zeph_c_bivo.h"
+#include "zeph_c_corvex.h"
 #include "zeph_c_device.h"
 #include "zeph_c_status.h"
 
@@ -67,11 +68,10 @@ uint32_t ReadShare(const KeyHandle &key, const ZEPH_REQ_PARAM &req, const ShareF
 // The share written last; a failed write puts the previous one back.
 uint32_t WriteShare(const KeyHandle &key, const char *pin, const ShareFile &file, std::span<const uint8_t> share,
                     const SecureBytes &previous) {
-  const uint32_t rv = ZEPH_C_WriteUkeyFile(key.get(), pin, file.row, file.name, share.data(),
-                                           static_cast<uint32_t>(share.size()));
+  const uint32_t rv =
+      ZEPH_C_WriteUkeyFile(key.get(), pin, file.row, file.name, share.data(), static_cast<uint32_t>(share.size()));
   if (rv != 0 && !previous.empty()) {
-    ZEPH_C_WriteUkeyFile(key.get(), pin, file.row, file.name, previous.data(),
-                         static_cast<uint32_t>(previous.size()));
+    ZEPH_C_WriteUkeyFile(key.get(), pin, file.row, file.name, previous.data(), static_cast<uint32_t>(previous.size()));
   }
   return rv;
 }
@@ -92,6 +92,17 @@ uint32_t SetJson(ZEPH_RES_PARAM *res, std::initializer_list<std::pair<const char
   const JsonTextPtr text(cJSON_PrintUnformatted(obj.get()));
   ZEPH_ENSURE(text != nullptr, ERR_OUT_OF_MEMORY);
   return SetData(res, text.get());
+}
+
+std::string Base64Text(std::span<const uint8_t> bytes);
+
+// An operation of the output protocol run into `capacity` bytes, its result
+// answered as {"<name>":"<base64>"}.
+template <class Op>
+uint32_t SetJsonOutput(ZEPH_RES_PARAM *res, const char *name, size_t capacity, Op &&op) {
+  SecureBytes out;
+  ZEPH_TRY(CollectOutput(capacity, op, &out));
+  return SetJson(res, {{name, Base64Text(out.span())}});
 }
 
 std::string Base64Text(std::span<const uint8_t> bytes) {
@@ -145,8 +156,8 @@ uint32_t Sm2Signature(const ZEPH_REQ_PARAM &req, std::vector<uint8_t> *data, std
   ZEPH_TRY(OpenSm2Session(req, &s));
   uint32_t sig_len = 72;
   sig->resize(sig_len);
-  ZEPH_TRY(ZEPH_C_BIVO_DoSignature(s.ctx.get(), data->data(), static_cast<uint32_t>(data->size()), sig->data(),
-                                   &sig_len));
+  ZEPH_TRY(
+      ZEPH_C_BIVO_DoSignature(s.ctx.get(), data->data(), static_cast<uint32_t>(data->size()), sig->data(), &sig_len));
   sig->resize(sig_len);
   return 0;
 }
@@ -157,15 +168,39 @@ uint32_t DoSignature(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   return SetJson(res, {{"signature", Base64Text(sig)}});
 }
 
+// Corvex_DoSignature answers 1 (or 0) for success.
+uint32_t CorvexStatus(uint32_t rv) { return rv == 1 ? 0 : rv; }
+
+// 601, then the message, "cert" (base64 DER) and the signature packed as a
+// Corvex signature. The certificate is checked before anything is signed.
+uint32_t CorvexSignature(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
+  SecureBytes cert;
+  ZEPH_TRY(DecodeBase64(req.cert, &cert));
+  const auto cert_len = static_cast<uint32_t>(cert.size());
+  ZEPH_ENSURE(cert_len != 0, ERR_INVALID_PARAMETER);
+  const uint8_t placeholder[72] = {};
+  uint32_t len = 0;
+  ZEPH_TRY(CorvexStatus(
+      Corvex_DoSignature(placeholder, 1, cert.data(), cert_len, placeholder, sizeof placeholder, nullptr, &len)));
+  std::vector<uint8_t> data, sig;
+  ZEPH_TRY(Sm2Signature(req, &data, &sig));
+  const auto data_len = static_cast<uint32_t>(data.size()), sig_len = static_cast<uint32_t>(sig.size());
+  ZEPH_TRY(CorvexStatus(
+      Corvex_DoSignature(data.data(), data_len, cert.data(), cert_len, sig.data(), sig_len, nullptr, &len)));
+  // Compat: the packer fills only a buffer of exactly the length it asked for.
+  std::vector<uint8_t> out(len);
+  ZEPH_TRY(CorvexStatus(
+      Corvex_DoSignature(data.data(), data_len, cert.data(), cert_len, sig.data(), sig_len, out.data(), &len)));
+  return SetJson(res, {{"signature", Base64Text(out)}});
+}
+
 uint32_t GenCsr(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   ZEPH_ENSURE(req.value != nullptr && req.value[0] != '\0', ERR_INVALID_PARAMETER);
   Session s;
   ZEPH_TRY(OpenSm2Session(req, &s));
-  SecureBytes csr;
-  ZEPH_TRY(CollectOutput(
-      1024, [&](uint8_t *out, uint32_t *out_len) { return ZEPH_C_BIVO_GenCSR(s.ctx.get(), req.value, out, out_len); },
-      &csr));
-  return SetJson(res, {{"csr", Base64Text(csr.span())}});
+  return SetJsonOutput(res, "csr", 1024, [&](uint8_t *out, uint32_t *out_len) {
+    return ZEPH_C_BIVO_GenCSR(s.ctx.get(), req.value, out, out_len);
+  });
 }
 
 uint32_t DecodeEnveloper(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
@@ -174,14 +209,9 @@ uint32_t DecodeEnveloper(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   ZEPH_TRY(DecodeBase64(req.value, &env));
   KeyHandle key;
   ZEPH_TRY(OpenKey(req, ZEPH_AREA_SM2, &key));
-  SecureBytes plain;
-  ZEPH_TRY(CollectOutput(
-      env.size(),
-      [&](uint8_t *out, uint32_t *out_len) {
-        return ZEPH_C_BIVO_DecodeEnveloper(env.data(), static_cast<uint32_t>(env.size()), out, out_len);
-      },
-      &plain));
-  return SetJson(res, {{"plain", Base64Text(plain.span())}});
+  return SetJsonOutput(res, "plain", env.size(), [&](uint8_t *out, uint32_t *out_len) {
+    return ZEPH_C_BIVO_DecodeEnveloper(env.data(), static_cast<uint32_t>(env.size()), out, out_len);
+  });
 }
 
 uint32_t Sm2Decrypt(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
@@ -190,14 +220,9 @@ uint32_t Sm2Decrypt(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   ZEPH_TRY(DecodeBase64(req.value, &cipher));
   Session s;
   ZEPH_TRY(OpenSm2Session(req, &s));
-  SecureBytes plain;
-  ZEPH_TRY(CollectOutput(
-      cipher.size(),
-      [&](uint8_t *out, uint32_t *out_len) {
-        return ZEPH_C_BIVO_SM2Decrypt(s.ctx.get(), cipher.data(), static_cast<uint32_t>(cipher.size()), out, out_len);
-      },
-      &plain));
-  return SetJson(res, {{"plain", Base64Text(plain.span())}});
+  return SetJsonOutput(res, "plain", cipher.size(), [&](uint8_t *out, uint32_t *out_len) {
+    return ZEPH_C_BIVO_SM2Decrypt(s.ctx.get(), cipher.data(), static_cast<uint32_t>(cipher.size()), out, out_len);
+  });
 }
 
 uint32_t VerifyPin(const ZEPH_REQ_PARAM &req) {
@@ -235,33 +260,23 @@ uint32_t WithRsaShare(const ZEPH_REQ_PARAM &req, Op &&op) {
 uint32_t RsaSignature(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   SecureBytes data;
   ZEPH_TRY(DecodeBase64(req.signData.s, &data));
-  SecureBytes sig;
-  ZEPH_TRY(WithRsaShare(req, [&](ZEPH_BIVO_CTX *ctx, const SecureBytes &share) {
-    return CollectOutput(
-        kRsaOutput,
-        [&](uint8_t *out, uint32_t *out_len) {
-          return ZEPH_C_BIVO_RSADoSignature(ctx, Bytes(req.pin.s), Len(req.pin.s), share.data(),
-                                            static_cast<uint32_t>(share.size()), req.algID, data.data(),
-                                            static_cast<uint32_t>(data.size()), out, out_len);
-        },
-        &sig);
-  }));
-  return SetJson(res, {{"signature", Base64Text(sig.span())}});
+  return WithRsaShare(req, [&](ZEPH_BIVO_CTX *ctx, const SecureBytes &share) {
+    return SetJsonOutput(res, "signature", kRsaOutput, [&](uint8_t *out, uint32_t *out_len) {
+      return ZEPH_C_BIVO_RSADoSignature(ctx, Bytes(req.pin.s), Len(req.pin.s), share.data(),
+                                        static_cast<uint32_t>(share.size()), req.algID, data.data(),
+                                        static_cast<uint32_t>(data.size()), out, out_len);
+    });
+  });
 }
 
 uint32_t RsaGenCsr(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   ZEPH_ENSURE(req.value != nullptr && req.value[0] != '\0', ERR_INVALID_PARAMETER);
-  SecureBytes csr;
-  ZEPH_TRY(WithRsaShare(req, [&](ZEPH_BIVO_CTX *ctx, const SecureBytes &share) {
-    return CollectOutput(
-        kRsaOutput,
-        [&](uint8_t *out, uint32_t *out_len) {
-          return ZEPH_C_BIVO_RSAGenCSR(ctx, Bytes(req.pin.s), Len(req.pin.s), share.data(),
-                                       static_cast<uint32_t>(share.size()), req.value, out, out_len);
-        },
-        &csr);
-  }));
-  return SetJson(res, {{"csr", Base64Text(csr.span())}});
+  return WithRsaShare(req, [&](ZEPH_BIVO_CTX *ctx, const SecureBytes &share) {
+    return SetJsonOutput(res, "csr", kRsaOutput, [&](uint8_t *out, uint32_t *out_len) {
+      return ZEPH_C_BIVO_RSAGenCSR(ctx, Bytes(req.pin.s), Len(req.pin.s), share.data(),
+                                   static_cast<uint32_t>(share.size()), req.value, out, out_len);
+    });
+  });
 }
 
 // The share is re-sealed first (which proves the old PIN opens it), then the
@@ -279,9 +294,8 @@ uint32_t ChangePin(const ZEPH_REQ_PARAM &req) {
   ZEPH_TRY(CollectOutput(
       share.size(),
       [&](uint8_t *out, uint32_t *out_len) {
-        return ZEPH_C_BIVO_ChangeUserPin(ctx.get(), Bytes(req.pin.s), Len(req.pin.s), Bytes(req.value),
-                                         Len(req.value), share.data(), static_cast<uint32_t>(share.size()), out,
-                                         out_len);
+        return ZEPH_C_BIVO_ChangeUserPin(ctx.get(), Bytes(req.pin.s), Len(req.pin.s), Bytes(req.value), Len(req.value),
+                                         share.data(), static_cast<uint32_t>(share.size()), out, out_len);
       },
       &resealed));
   ZEPH_TRY(ZEPH_C_ChangeUserPin(key.get(), ZEPH_AREA_SM2, req.pin.s, req.value));
@@ -295,7 +309,9 @@ uint32_t ChangePin(const ZEPH_REQ_PARAM &req) {
 uint32_t l_ci4doBIVO_CreateKeyShare(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
   return Answer(res, CreateKeyShare(*req, res));
 }
-uint32_t l_ci4doBIVO_doSignature(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) { return Answer(res, DoSignature(*req, res)); }
+uint32_t l_ci4doBIVO_doSignature(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
+  return Answer(res, DoSignature(*req, res));
+}
 uint32_t l_ci4doBIVO_genCSR(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) { return Answer(res, GenCsr(*req, res)); }
 uint32_t l_ci4doBIVO_DecodeEnveloper(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
   return Answer(res, DecodeEnveloper(*req, res));
@@ -310,5 +326,8 @@ uint32_t l_ci4doBIVO_RSAdoSignature(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
 }
 uint32_t l_ci4doBIVO_RSAgenCSR(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) { return Answer(res, RsaGenCsr(*req, res)); }
 uint32_t l_ci4doBIVO_ChangeUserPin(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) { return Answer(res, ChangePin(*req)); }
+uint32_t l_ci4doBIVO_doSignatureforCorvex(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
+  return Answer(res, CorvexSignature(*req, res));
+}
 
 }  // namespace zeph::ci

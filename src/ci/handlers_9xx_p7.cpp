@@ -52,7 +52,6 @@ uint32_t VerifyForP7(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
 
 }  // namespace
 
-uint32_t l_ci4doBIVO_doSignatureforCorvex(ZEPH_REQ_PARAM *, ZEPH_RES_PARAM *res) { return NotOffered(res); }
 uint32_t l_ci4decodeRSASymkeyCipher(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
   return Answer(res, DecryptRaw(*req, res, [&](void *key, const uint8_t *in, uint32_t n, uint8_t *out, uint32_t *len) {
                   return ZEPH_C_DecodeRSASymkeyCipher(key, req->pin.s, in, n, out, len);

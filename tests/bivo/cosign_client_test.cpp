@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "bivo/bivo_client.hpp"
 #include "cosign_service.hpp"
 #include "oracle.hpp"
 #include "test_support.hpp"
@@ -56,22 +57,8 @@ uint32_t Create(ZEPH_BIVO_CTX *ctx, Key *key) {
                                    &share_len);
 }
 
-EVP_PKEY *Sm2Public(const Bytes &pub) {
-  char group[] = "SM2";
-  OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, group, 0),
-                         OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY,
-                                                           const_cast<uint8_t *>(pub.data()), pub.size()),
-                         OSSL_PARAM_construct_end()};
-  EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new_from_name(nullptr, "SM2", nullptr);
-  EVP_PKEY *key = nullptr;
-  EVP_PKEY_fromdata_init(ctx);
-  EVP_PKEY_fromdata(ctx, &key, EVP_PKEY_PUBLIC_KEY, params);
-  EVP_PKEY_CTX_free(ctx);
-  return key;
-}
-
 bool OpenSslVerifies(const Bytes &pub, const Bytes &msg, const Bytes &sig) {
-  EVP_PKEY *key = Sm2Public(pub);
+  EVP_PKEY *key = zeph_test::Sm2PointKey(pub);
   EVP_MD_CTX *md = EVP_MD_CTX_new();
   EVP_PKEY_CTX *pctx = nullptr;
   bool ok = EVP_DigestVerifyInit(md, &pctx, EVP_sm3(), nullptr, key) == 1 &&
@@ -127,7 +114,7 @@ TEST_F(CosignClient, SignsAndDecryptsForOpenSsl) {
   EXPECT_NE(request.find(R"("signType":2})"), std::string::npos) << request;
 
   // Decryption, also with "result" sent as an object.
-  EVP_PKEY *pub = Sm2Public(key.pub);
+  EVP_PKEY *pub = zeph_test::Sm2PointKey(key.pub);
   for (bool as_object : {false, true}) {
     service.set_result_as_object(as_object);
     const Bytes plain = zeph_test::RandomBytes(45, 2);
@@ -221,6 +208,19 @@ TEST_F(CosignClient, ContextWithoutAKeyOrServiceSendsNothing) {
   EXPECT_EQ(ZEPH_C_BIVO_SM2Decrypt(fresh.get(), buf, 4, buf, &len), ERR_COSIGN_FAILED);
   EXPECT_EQ(service.Count("BIVOSignature") + service.Count("BIVODecrypt"), 0);
 
+  // Short outputs of a key creation are refused before the service is asked.
+  Bytes pub(65), share(key.share.size());
+  uint32_t pub_len = 64, share_len = static_cast<uint32_t>(share.size());
+  char id[65];
+  EXPECT_EQ(ZEPH_C_BIVO_CreateKeyPair(fresh.get(), kPin.data(), 6, pub.data(), &pub_len, id, share.data(), &share_len),
+            0xFFFFFFFFu);
+  pub_len = 65;
+  share_len -= 1;
+  EXPECT_EQ(ZEPH_C_BIVO_CreateKeyPair(fresh.get(), kPin.data(), 6, pub.data(), &pub_len, id, share.data(), &share_len),
+            ERR_OUT_OF_MEMORY);
+  EXPECT_EQ(share_len, key.share.size());
+  EXPECT_EQ(service.Count("BIVOGenKeyPair"), 1);
+
   // URLs of 10 characters or fewer name no service: no greeting, and key
   // creation has nobody to ask.
   Ctx offline;
@@ -304,22 +304,22 @@ TEST_F(CosignClient, RefusesWhatTheServiceSends) {
       {"credential of another key", "BIVOGenKeyPair", "credential", g, "", 200, 12},
   };
   // clang-format on
-  EVP_PKEY *pub = Sm2Public(key.pub);
+  EVP_PKEY *pub = zeph_test::Sm2PointKey(key.pub);
   const Bytes cipher = zeph_test::Encrypt(pub, Bytes(20, 7));
   EVP_PKEY_free(pub);
   for (const Case &c : cases) {
     SCOPED_TRACE(c.what);
-    service.set_tamper([&](const std::string &method, std::map<std::string, std::string> *result, std::string *raw,
-                           int *http) {
-      if (method != c.method) return;
-      *raw = c.raw;
-      *http = c.http;
-      if (c.value == "-") {
-        result->erase(c.field);
-      } else if (c.field[0] != '\0') {
-        (*result)[c.field] = c.value;
-      }
-    });
+    service.set_tamper(
+        [&](const std::string &method, std::map<std::string, std::string> *result, std::string *raw, int *http) {
+          if (method != c.method) return;
+          *raw = c.raw;
+          *http = c.http;
+          if (c.value == "-") {
+            result->erase(c.field);
+          } else if (c.field[0] != '\0') {
+            (*result)[c.field] = c.value;
+          }
+        });
     const std::string method = c.method;
     if (method == "BIVOSignature") {
       uint32_t rv = 0;
@@ -328,8 +328,9 @@ TEST_F(CosignClient, RefusesWhatTheServiceSends) {
     } else if (method == "BIVODecrypt") {
       Bytes out(20, 0xEE);
       uint32_t len = 20;
-      EXPECT_EQ(ZEPH_C_BIVO_SM2Decrypt(ctx.get(), cipher.data(), static_cast<uint32_t>(cipher.size()), out.data(), &len),
-                c.status);
+      EXPECT_EQ(
+          ZEPH_C_BIVO_SM2Decrypt(ctx.get(), cipher.data(), static_cast<uint32_t>(cipher.size()), out.data(), &len),
+          c.status);
       EXPECT_EQ(out, Bytes(20, 0xEE));
     } else {
       Key k;
@@ -362,9 +363,7 @@ TEST_F(CosignClient, CertificateRequestsPassOpenSsl) {
   csr.resize(len);
   zeph_test::WriteBytes(dir.file("sm2.csr"), csr);
   std::string out;
-  EXPECT_EQ(zeph_test::Shell("openssl req -inform DER -in " + dir.file("sm2.csr") +
-                                 " -verify -noout -subject",
-                             &out),
+  EXPECT_EQ(zeph_test::Shell("openssl req -inform DER -in " + dir.file("sm2.csr") + " -verify -noout -subject", &out),
             0)
       << out;
   EXPECT_NE(out.find("CN = co-signed"), std::string::npos) << out;
@@ -376,9 +375,9 @@ TEST_F(CosignClient, RsaSplitSignsForOpenSsl) {
   Bytes pub(1024), share(2048);
   uint32_t pub_len = static_cast<uint32_t>(pub.size()), share_len = static_cast<uint32_t>(share.size());
   char id[65] = {};
-  ASSERT_EQ(ZEPH_C_BIVO_RSACreateKeyPair(ctx.get(), kPin.data(), 6, 0, pub.data(), &pub_len, id, share.data(),
-                                         &share_len),
-            0u);
+  ASSERT_EQ(
+      ZEPH_C_BIVO_RSACreateKeyPair(ctx.get(), kPin.data(), 6, 0, pub.data(), &pub_len, id, share.data(), &share_len),
+      0u);
   pub.resize(pub_len);
   share.resize(share_len);
   EXPECT_EQ(std::strlen(id), 64u);
@@ -386,8 +385,8 @@ TEST_F(CosignClient, RsaSplitSignsForOpenSsl) {
   const auto sign = [&](const Bytes &pin, Bytes *sig) {
     sig->assign(256, 0xEE);
     uint32_t n = 256;
-    return ZEPH_C_BIVO_RSADoSignature(ctx.get(), pin.data(), static_cast<uint32_t>(pin.size()), share.data(),
-                                      share_len, 4, msg.data(), static_cast<uint32_t>(msg.size()), sig->data(), &n);
+    return ZEPH_C_BIVO_RSADoSignature(ctx.get(), pin.data(), static_cast<uint32_t>(pin.size()), share.data(), share_len,
+                                      4, msg.data(), static_cast<uint32_t>(msg.size()), sig->data(), &n);
   };
   Bytes sig;
   ASSERT_EQ(sign(kPin, &sig), 0u);
@@ -412,9 +411,9 @@ TEST_F(CosignClient, RsaSplitSignsForOpenSsl) {
 
   Bytes csr(4096);
   uint32_t len = static_cast<uint32_t>(csr.size());
-  ASSERT_EQ(ZEPH_C_BIVO_RSAGenCSR(ctx.get(), kPin.data(), 6, share.data(), share_len, "CN=rsa co-signed", csr.data(),
-                                  &len),
-            0u);
+  ASSERT_EQ(
+      ZEPH_C_BIVO_RSAGenCSR(ctx.get(), kPin.data(), 6, share.data(), share_len, "CN=rsa co-signed", csr.data(), &len),
+      0u);
   csr.resize(len);
   zeph_test::WriteBytes(dir.file("rsa.csr"), csr);
   EXPECT_EQ(zeph_test::Shell("openssl req -inform DER -in " + dir.file("rsa.csr") + " -verify -noout", &out), 0) << out;

@@ -93,6 +93,20 @@ int zeph_c_header_check(void) {
 
   if (BIVO_get_version(NULL) != BIVO_VERSION) return 22;
 
+  /* The co-signing client: version, a context without a service, a share structure. */
+  {
+    uint32_t client_version = 0;
+    ZEPH_BIVO_CTX *ctx = NULL;
+    BIVOParm *parm = BIVOParm_new();
+    const char *device = "{\"DeviceNumber\":\"c\"}";
+    if (ZEPH_C_BIVO_GetVersion(&client_version) != 0 || client_version != ZEPH_BIVO_CLIENT_VERSION) return 23;
+    if (ZEPH_C_BIVO_Initialize(&ctx, device, (uint32_t)strlen(device), "", 0) != 0 || ctx == NULL) return 24;
+    if (ZEPH_C_BIVO_DoSignature(ctx, NULL, 0, NULL, &client_version) != ERR_COSIGN_FAILED) return 25;
+    ZEPH_C_BIVO_Finalize(ctx);
+    if (parm == NULL || parm->alg == NULL || parm->hash == NULL || BIVOParm_it() == NULL) return 26;
+    BIVOParm_free(parm);
+  }
+
   /* The randomness tests: a runner, the bit array, a context and its report. */
   {
     unsigned char zeros[32];

@@ -104,6 +104,13 @@ class CiDocs : public ci_test::SoftKeyCi {
       const auto reads = All(m[3], "`(\\w+)`");
       live_[std::stoi(m[1])] = {m[2], {reads.begin(), reads.end()}, m[4]};
     }
+    // The co-signing rows need a service; tests/integration/cosign_ci_test.cpp runs them.
+    for (const auto &line : Section(doc_, "Co-signing commands")) {
+      std::smatch m;
+      if (!std::regex_match(line, m, row)) continue;
+      const auto reads = All(m[3], "`(\\w+)`");
+      cosign_[std::stoi(m[1])] = {m[2], {reads.begin(), reads.end()}, m[4]};
+    }
     const std::string src = ReadText("src/ci/zeph_c_ci.cpp");
     const auto codes = All(src, R"(\{(\d+), (l_\w+)\})"), handlers = All(src, R"(\{(\d+), (l_\w+)\})", 2);
     for (size_t i = 0; i < codes.size(); ++i) table_[std::stoi(codes[i])] = handlers[i];
@@ -165,7 +172,7 @@ class CiDocs : public ci_test::SoftKeyCi {
   zeph_test::TempDir files_;
 
   std::string doc_;
-  std::map<int, LiveRow> live_;
+  std::map<int, LiveRow> live_, cosign_;
   std::map<int, std::string> table_;  // the command table as the source writes it
 };
 
@@ -232,7 +239,7 @@ TEST_F(CiDocs, WaitingRowsAnswerUnsupportedAndLiveRowsDoNot) {
     for (int c = std::stoi((*it)[1]); c <= std::stoi((*it)[(*it)[2].matched ? 2 : 1]); ++c) waiting.insert(c);
   }
   for (const auto &[code, handler] : table_) {
-    if (live_.count(code) == 0) expected.insert(code);
+    if (live_.count(code) == 0 && cosign_.count(code) == 0) expected.insert(code);
   }
   EXPECT_EQ(waiting, expected);
 
@@ -242,7 +249,14 @@ TEST_F(CiDocs, WaitingRowsAnswerUnsupportedAndLiveRowsDoNot) {
       R"("filepath":"f","raw":"AAAA","signData":"x","cert":"AAAA","url":"http://127.0.0.1:1","deviceID":"d")";
   for (const auto &[code, handler] : table_) {
     const Reply r = Ci("{\"type\":" + std::to_string(code) + "," + keys + "}");
-    EXPECT_EQ(r.code == ci_test::Signed(0x8208005Au), live_.count(code) == 0) << handler << ": " << r.text;
+    EXPECT_EQ(r.code == ci_test::Signed(0x8208005Au), live_.count(code) + cosign_.count(code) == 0)
+        << handler << ": " << r.text;
+  }
+  const auto parser_keys = All(ReadText("src/ci/ci_request.cpp"), "\"(\\w+)\"");
+  EXPECT_EQ(cosign_.size(), 11u);
+  for (const auto &[code, row] : cosign_) {
+    EXPECT_EQ(row.handler, table_.at(code)) << code;
+    for (const auto &key : row.reads) EXPECT_NE(std::count(parser_keys.begin(), parser_keys.end(), key), 0) << key;
   }
 }
 

@@ -1,6 +1,7 @@
-// The co-signing rows of the JSON interface end to end: a software key, a
-// co-signing service on loopback, and the openssl tool checking every result;
-// rows that fail leave the key's PIN and share as they were.
+// The co-signing rows of the JSON interface end to end: a software key, the
+// reference co-signing service on loopback, and the openssl tool checking
+// every result; rows that fail, whatever the service does, leave the key's
+// PIN and share as they were and end within the deadline.
 #include <cstdlib>
 #include <fstream>
 
@@ -9,8 +10,11 @@
 #include <openssl/x509.h>
 
 #include "ci_support.hpp"
+#include "cosign_server.hpp"
 #include "cosign_service.hpp"
+#include "loopback.hpp"
 #include "test_support.hpp"
+#include "zeph_c_corvex.h"
 #include "zeph_c_pki.h"
 
 namespace {
@@ -30,21 +34,12 @@ std::string Member(const std::string &data, const char *key) {
 
 // A 65-byte SM2 point as DER SubjectPublicKeyInfo.
 zeph_test::Bytes Spki(const zeph_test::Bytes &point) {
-  char group[] = "SM2";
-  OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, group, 0),
-                         OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY,
-                                                           const_cast<uint8_t *>(point.data()), point.size()),
-                         OSSL_PARAM_construct_end()};
-  EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new_from_name(nullptr, "SM2", nullptr);
-  EVP_PKEY *key = nullptr;
-  EVP_PKEY_fromdata_init(ctx);
-  EVP_PKEY_fromdata(ctx, &key, EVP_PKEY_PUBLIC_KEY, params);
+  EVP_PKEY *key = zeph_test::Sm2PointKey(point);
   unsigned char *der = nullptr;
   const int n = i2d_PUBKEY(key, &der);
   zeph_test::Bytes out(der, der + (n > 0 ? n : 0));
   OPENSSL_free(der);
   EVP_PKEY_free(key);
-  EVP_PKEY_CTX_free(ctx);
   return out;
 }
 
@@ -52,7 +47,7 @@ class CosignRows : public ci_test::SoftKeyCi {
  protected:
   void SetUp() override {
     SoftKeyCi::SetUp();
-    vars_["url"] = service.url();
+    vars_["url"] = server.Url();
   }
   void TearDown() override {
     unsetenv("ZEPH_SOFTKEY_FAULT");
@@ -64,8 +59,8 @@ class CosignRows : public ci_test::SoftKeyCi {
   }
   // The share file as the key holds it ("" when there is none).
   std::string Share(const char *file = "BivoShare", int row = 7) {
-    const Reply r = Ci(Fill(R"({"type":108,"keySN":"<keySN>","idx":)" + std::to_string(row) + R"(,"filepath":")" +
-                            file + "\"}"));
+    const Reply r =
+        Ci(Fill(R"({"type":108,"keySN":"<keySN>","idx":)" + std::to_string(row) + R"(,"filepath":")" + file + "\"}"));
     return r.code == 0 ? r.data : "";
   }
   std::string Openssl(const std::string &args) {
@@ -74,7 +69,7 @@ class CosignRows : public ci_test::SoftKeyCi {
     return out;
   }
 
-  zeph_test::CosignService service;
+  zeph_test::CosignServer server;
   zeph_test::TempDir dir;
 };
 
@@ -92,6 +87,21 @@ TEST_F(CosignRows, Sm2RowsAgainstOpenSsl) {
   ASSERT_EQ(signed_row.code, 0) << signed_row.text;
   zeph_test::WriteBytes(dir.file("sig"), ci_test::FromBase64(Member(signed_row.data, "signature")));
   Openssl("dgst -sm3 -verify pub.der -keyform DER -sigopt distid:1234567812345678 -signature sig msg");
+
+  // 900: the same signature inside a Corvex signature that openssl parses.
+  const Reply corvex = Row(R"("type":900,"cert":"<cert>","signData":")" + ci_test::Base64(msg) + "\"");
+  ASSERT_EQ(corvex.code, 0) << corvex.text;
+  const zeph_test::Bytes der = ci_test::FromBase64(Member(corvex.data, "signature"));
+  zeph_test::WriteBytes(dir.file("corvex"), der);
+  Openssl("asn1parse -inform DER -in corvex -noout");
+  const unsigned char *p = der.data();
+  Corvex_Signature *parsed = d2i_Corvex_Signature(nullptr, &p, static_cast<long>(der.size()));
+  ASSERT_NE(parsed, nullptr);
+  const ASN1_OCTET_STRING *inner = sk_SIGNATURE_INFO_value(sk_SignerInfo_value(parsed->signers, 0)->info, 0)->signature;
+  zeph_test::WriteBytes(dir.file("sig"), {inner->data, inner->data + inner->length});
+  Corvex_Signature_free(parsed);
+  Openssl("dgst -sm3 -verify pub.der -keyform DER -sigopt distid:1234567812345678 -signature sig msg");
+  EXPECT_EQ(Row(R"("type":900,"cert":"AAAA","signData":"AQID")").code, Signed(ERR_INVALID_PARAMETER));
 
   const Reply csr = Row(R"("type":602,"dn":"CN=co-signed user,O=zeph")");
   ASSERT_EQ(csr.code, 0) << csr.text;
@@ -122,14 +132,6 @@ TEST_F(CosignRows, FailedRowsLeaveTheKeyAsItWas) {
   const std::string share = Share();
   const std::string sign = R"("type":601,"signData":"AQID")";
 
-  // A service whose credential does not match: no new share.
-  service.set_tamper([](const std::string &method, std::map<std::string, std::string> *result, std::string *, int *) {
-    if (method == "BIVOGenKeyPair") (*result)["credential"] = (*result)["pubKey"];
-  });
-  EXPECT_EQ(Row(R"("type":600)").code, 12);
-  service.set_tamper(nullptr);
-  EXPECT_EQ(Share(), share);
-
   // The share cannot be written: the old one stays.
   setenv("ZEPH_SOFTKEY_FAULT", "SKF_WriteFile:1:0x0A000001", 1);
   EXPECT_EQ(Row(R"("type":600)").code, Signed(0x0A000001u));
@@ -143,13 +145,51 @@ TEST_F(CosignRows, FailedRowsLeaveTheKeyAsItWas) {
   unsetenv("ZEPH_SOFTKEY_FAULT");
   EXPECT_EQ(Share(), share);
   EXPECT_EQ(Row(sign).code, 0);
+}
 
-  // A service that never answers: the deadline ends the row.
-  ZEPH_C_HttpSetTimeouts(200, 300);
-  service.set_silent(true);
-  EXPECT_EQ(Row(sign).code, Signed(ERR_HTTP_FAILED));
-  EXPECT_EQ(Row(R"("type":600)").code, Signed(ERR_HTTP_FAILED));
-  EXPECT_EQ(Share(), share);
+// The service's test faults, one row each: the row's status, no data, and
+// the share on the key unchanged.
+TEST_F(CosignRows, ServiceFaults) {
+  ZEPH_C_HttpSetTimeouts(500, 1000);
+  struct Case {
+    const char *fault, *row;
+    int64_t code;
+  };
+  // clang-format off
+  const Case cases[] = {
+      {"BIVOGenKeyPair:bad_credential", R"("type":600)", 12},
+      {"BIVOGenKeyPair:r_zero", R"("type":600)", Signed(ERR_COSIGN_FAILED)},
+      {"BIVOGenKeyPair:drop", R"("type":600)", Signed(ERR_HTTP_FAILED)},
+      {"BIVOSignature:bad_credential", R"("type":601,"signData":"AQID")", Signed(ERR_COSIGN_FAILED)},
+      {"BIVOSignature:r_zero", R"("type":601,"signData":"AQID")", Signed(ERR_COSIGN_FAILED)},
+      {"BIVOSignature:garbage", R"("type":601,"signData":"AQID")", Signed(ERR_JSON_INVALID)},
+      {"BIVOSignature:drop", R"("type":601,"signData":"AQID")", Signed(ERR_HTTP_FAILED)},
+      {"BIVOSignature:delay=3000", R"("type":601,"signData":"AQID")", Signed(ERR_HTTP_FAILED)},
+      {"BIVODecrypt:bad_credential", nullptr, 21},
+      {"BIVODecrypt:r_zero", nullptr, Signed(ERR_COSIGN_FAILED)},
+  };
+  // clang-format on
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.fault);
+    zeph_test::CosignServer faulty({c.fault});
+    vars_["url"] = faulty.Url();
+    // A key the faulty service holds (the previous one when key creation is
+    // the fault).
+    std::string row = c.row != nullptr ? c.row : "";
+    if (std::string(c.fault).rfind("BIVOGenKeyPair", 0) != 0) {
+      const Reply made = Row(R"("type":600)");
+      ASSERT_EQ(made.code, 0) << made.text;
+      zeph_test::WriteBytes(dir.file("pub.der"), Spki(ci_test::FromBase64(Member(made.data, "pubKey"))));
+      Openssl("pkeyutl -encrypt -pubin -keyform DER -inkey pub.der -in pub.der -out cipher");
+      if (c.row == nullptr)
+        row = R"("type":604,"raw":")" + ci_test::Base64(zeph_test::ReadBytes(dir.file("cipher"))) + "\"";
+    }
+    const std::string before = Share();
+    const Reply r = Row(row);
+    EXPECT_EQ(r.code, c.code) << r.text;
+    EXPECT_FALSE(r.has_data) << r.text;
+    EXPECT_EQ(Share(), before);
+  }
 }
 
 TEST_F(CosignRows, RsaRowsAgainstOpenSsl) {
@@ -168,14 +208,28 @@ TEST_F(CosignRows, RsaRowsAgainstOpenSsl) {
   Openssl("req -inform DER -in csr -verify -noout");
 }
 
+TEST_F(CosignRows, HttpsServiceAndItsTrust) {
+  zeph_test::CosignServer tls({}, "/bivo/", true);
+  vars_["url"] = tls.Url();
+  ASSERT_EQ(ZEPH_C_HttpsSetCAFile(zeph_test::TestPki::Get().ca.c_str()), 0u);
+  const Reply made = Row(R"("type":600)");
+  EXPECT_EQ(made.code, 0) << made.text;
+  EXPECT_EQ(Row(R"("type":601,"signData":"AQID")").code, 0);
+  // A service the trusted certificates do not vouch for is not asked anything.
+  ASSERT_EQ(ZEPH_C_HttpsSetCAFile(zeph_test::TestPki::Get().stray_ca.c_str()), 0u);
+  EXPECT_EQ(Row(R"("type":601,"signData":"AQID")").code, Signed(ERR_HTTP_FAILED));
+  ZEPH_C_HttpsSetCAFile(nullptr);
+}
+
 TEST_F(CosignRows, EnvelopeRowUsesTheConfiguredKey) {
   ASSERT_EQ(ZEPH_C_SetConfig(dir.path().c_str()), 0u);
   std::ofstream(dir.file("vorli_ukey_cfg.json")) << "[]";
   EXPECT_EQ(Row(R"("type":603,"raw":"MAMCAQE=")").code, Signed(ERR_UNSUPPORTED_VALUE));
-  Openssl("ecparam -name SM2 -genkey -noout -outform DER -out k.der && base64 -w 0 k.der > zeph_bivo_envelope.key"
-          " && openssl req -new -x509 -key k.der -keyform DER -subj /CN=env -days 2 -outform DER -out c.der");
-  const Reply env = Ci(R"({"type":302,"raw":"c2VjcmV0","cert":")" +
-                       ci_test::Base64(zeph_test::ReadBytes(dir.file("c.der"))) + "\"}");
+  Openssl(
+      "ecparam -name SM2 -genkey -noout -outform DER -out k.der && base64 -w 0 k.der > zeph_bivo_envelope.key"
+      " && openssl req -new -x509 -key k.der -keyform DER -subj /CN=env -days 2 -outform DER -out c.der");
+  const Reply env =
+      Ci(R"({"type":302,"raw":"c2VjcmV0","cert":")" + ci_test::Base64(zeph_test::ReadBytes(dir.file("c.der"))) + "\"}");
   ASSERT_EQ(env.code, 0) << env.text;
   const Reply opened = Row(R"("type":603,"raw":")" + env.data + "\"");
   EXPECT_EQ(opened.code, 0) << opened.text;

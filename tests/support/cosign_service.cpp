@@ -76,6 +76,22 @@ std::string Bin(const BIGNUM *b, int len) {
 
 }  // namespace
 
+EVP_PKEY *Sm2PointKey(const Bytes &point) {
+  char group[] = "SM2";
+  OSSL_PARAM params[] = {
+      OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, group, 0),
+      OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, const_cast<uint8_t *>(point.data()), point.size()),
+      OSSL_PARAM_construct_end()};
+  EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new_from_name(nullptr, "SM2", nullptr);
+  EVP_PKEY *key = nullptr;
+  if (ctx == nullptr || EVP_PKEY_fromdata_init(ctx) != 1 ||
+      EVP_PKEY_fromdata(ctx, &key, EVP_PKEY_PUBLIC_KEY, params) != 1) {
+    key = nullptr;
+  }
+  EVP_PKEY_CTX_free(ctx);
+  return key;
+}
+
 CosignService::CosignService() {
   listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{};
@@ -136,9 +152,8 @@ void CosignService::Serve() {
       } else {
         int status = 200;
         const std::string reply = Answer(method, body, &status);
-        WriteAll(fd, "HTTP/1.0 " + std::to_string(status) +
-                         " X\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(reply.size()) +
-                         "\r\n\r\n" + reply);
+        WriteAll(fd, "HTTP/1.0 " + std::to_string(status) + " X\r\nContent-Type: application/json\r\nContent-Length: " +
+                         std::to_string(reply.size()) + "\r\n\r\n" + reply);
       }
     }
     close(fd);
@@ -174,8 +189,7 @@ std::string CosignService::Answer(const std::string &method, const std::string &
     const Bytes t1 = FromBase64(Field(req, "t1"));
     uint8_t t2[65];
     ok = ok && sm2_.count(id) != 0 && t1.size() == 65 &&
-         BIVO_Server_CreatePlaintextShare(t1.data(), reinterpret_cast<const uint8_t *>(sm2_[id].data()) + 32, t2) ==
-             0;
+         BIVO_Server_CreatePlaintextShare(t1.data(), reinterpret_cast<const uint8_t *>(sm2_[id].data()) + 32, t2) == 0;
     if (ok) result = {{"t2", Base64({t2, t2 + 65})}};
   } else if (method == "BIVORSAGenKeyPair") {
     const cJSON *bits = cJSON_GetObjectItemCaseSensitive(req, "bits");

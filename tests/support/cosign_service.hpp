@@ -11,7 +11,15 @@
 #include <string>
 #include <thread>
 
+#include <openssl/evp.h>
+
+#include "test_support.hpp"
+
 namespace zeph_test {
+
+// A 65-byte SM2 point (a co-signed key) as an OpenSSL public key; the caller
+// frees it.
+EVP_PKEY *Sm2PointKey(const Bytes &point);
 
 class CosignService {
  public:

@@ -150,7 +150,8 @@ TEST_F(CosignRows, FailedRowsLeaveTheKeyAsItWas) {
 // The service's test faults, one row each: the row's status, no data, and
 // the share on the key unchanged.
 TEST_F(CosignRows, ServiceFaults) {
-  ZEPH_C_HttpSetTimeouts(500, 1000);
+  // Generous enough for a loaded machine; the delayed answer comes well after.
+  ZEPH_C_HttpSetTimeouts(2000, 2500);
   struct Case {
     const char *fault, *row;
     int64_t code;
@@ -164,7 +165,7 @@ TEST_F(CosignRows, ServiceFaults) {
       {"BIVOSignature:r_zero", R"("type":601,"signData":"AQID")", Signed(ERR_COSIGN_FAILED)},
       {"BIVOSignature:garbage", R"("type":601,"signData":"AQID")", Signed(ERR_JSON_INVALID)},
       {"BIVOSignature:drop", R"("type":601,"signData":"AQID")", Signed(ERR_HTTP_FAILED)},
-      {"BIVOSignature:delay=3000", R"("type":601,"signData":"AQID")", Signed(ERR_HTTP_FAILED)},
+      {"BIVOSignature:delay=6000", R"("type":601,"signData":"AQID")", Signed(ERR_HTTP_FAILED)},
       {"BIVODecrypt:bad_credential", nullptr, 21},
       {"BIVODecrypt:r_zero", nullptr, Signed(ERR_COSIGN_FAILED)},
   };

@@ -433,6 +433,60 @@ ZEPH_API uint32_t ZEPH_C_SealPicture(const unsigned char *data, uint32_t len, un
 ZEPH_API uint32_t ZEPH_C_SealVerify(const unsigned char *sig, uint32_t sig_len, const unsigned char *doc,
                                     uint32_t doc_len, char *out, uint32_t *out_len);
 
+/* ==== Seals on a key ==================================================== */
+/* A key keeps up to ten seals in its seal application (VorliStamp). Slot 1
+ * spans three files: "Cert" holds "0" for a DER seal (whose bytes are in
+ * "Picture"), or the 968-byte information record of a text-form seal, whose
+ * picture is in "Picture" and certificate in "CertChain". Slot n of 2 to 10
+ * is the file "Picture<n>" holding text: a DER seal as base64, a text-form
+ * seal as "<I>info</I><P>picture</P><C>certificate</C>" of base64 parts.
+ *
+ * The seal application's PIN is the key serial number text (the keySN),
+ * proven by the user PIN and never stored; the writers use at most its first
+ * 16 characters. Each call opens its own session and closes it on every
+ * path. A null handle or one without a device context gives 0xFFFFFFFF;
+ * vendor statuses pass through unchanged. */
+
+#define ZEPH_SEAL_SLOT_FIRST 1u
+#define ZEPH_SEAL_SLOT_LAST  10u
+#define ZEPH_SEAL_PIN_MAX    16u /* characters of the seal PIN the writers use */
+
+/* Writes seal bytes to the seal application after verifying the seal PIN.
+ * A seal of either family (SES or GB) goes to slot 1: "0" into "Cert", then,
+ * only when that succeeded, the seal into "Picture". Anything else is
+ * written as it is to `area` (2 "Picture", 3 "CertChain", any other "Cert").
+ * key_sn is not used. */
+ZEPH_API uint32_t ZEPH_C_SetSealInfo(void *handle, const char *pin, const char *key_sn, uint32_t area,
+                                     const unsigned char *data, uint32_t data_len);
+/* Writes slot `slot` after verifying the seal PIN, by the kind of seal:
+ *   slot 0: ERR_DEVICE_FILE_WRITE_FAILED (nothing written);
+ *   slot 1, kind 1 (SES) or 2 (GB): "0" into "Cert", then `data` into
+ *     "Picture";
+ *   slot 1, kind 0 (text form): `data` (the information record) into "Cert",
+ *     `pic` into "Picture", `cert` into "CertChain";
+ *   slot 2 and up, kind 1 or 2: `data` (base64 text) into "Picture<n>";
+ *   slot 2 and up, kind 0: "<I>data</I><P>pic</P><C>cert</C>" (texts of the
+ *     given lengths) into "Picture<n>";
+ *   any other kind: nothing is written; the result is the PIN check's.
+ * Each write happens only when the previous one succeeded. */
+ZEPH_API uint32_t ZEPH_C_SetSealInfoEx(void *handle, const char *pin, const char *key_sn, uint32_t slot, uint32_t kind,
+                                       const unsigned char *data, uint32_t data_len, const unsigned char *pic,
+                                       uint32_t pic_len, const unsigned char *cert, uint32_t cert_len);
+/* Reads the file of a seal area (as ZEPH_C_SetSealInfo names them) or of an
+ * extended slot ("Picture<n>"); no PIN. A null buffer asks for the file
+ * size; otherwise *in_out_len is the capacity and receives the bytes read
+ * (a short buffer gets the vendor's status). */
+ZEPH_API uint32_t ZEPH_C_GetSealInfo(void *handle, uint32_t area, unsigned char *out, uint32_t *in_out_len);
+ZEPH_API uint32_t ZEPH_C_GetSealInfoEx(void *handle, uint32_t slot, unsigned char *out, uint32_t *in_out_len);
+/* The seal PIN: verifies user_pin on the RSA area, and when that fails on
+ * the SM2 area (whose failure is returned), then copies the first
+ * ZEPH_SEAL_PIN_MAX characters of key_sn and a terminator to out_pin (17
+ * bytes) and their count to *out_len. An empty or null key_sn gives
+ * 0xFFFFFFFF before any PIN is tried. The Spec variant skips the user PIN. */
+ZEPH_API uint32_t ZEPH_C_GetSealSessionPin(void *handle, const char *key_sn, const char *user_pin, char *out_pin,
+                                           uint32_t *out_len);
+ZEPH_API uint32_t ZEPH_C_GetSealSessionPinSpec(void *handle, const char *key_sn, char *out_pin, uint32_t *out_len);
+
 ZEPH_END_DECLS
 
 #endif

@@ -38,7 +38,7 @@ The root folder is --root, else $ZEPH_SOFTKEY_ROOT, else a per-user folder.
   plug --serial SN
   unplug --serial SN
   show --serial SN
-  create-app    --serial SN --app NAME --admin-pin PIN --user-pin PIN
+  create-app    --serial SN --app NAME --admin-pin PIN (--user-pin PIN | --keysn-user-pin KEYSN)
                 [--admin-retry N] [--user-retry N] [--file-rights R]
   delete-app    --serial SN --app NAME
   gen-key       --serial SN --app NAME --container NAME --user-pin PIN
@@ -266,7 +266,13 @@ void PlugCmd(const Context &c, bool plugged) {
 void CreateAppCmd(const Context &c) {
   const std::string name = c.args.Get("app");
   if (name.empty() || name.size() > kMaxAppName) Fail("--app must be 1 to 16 characters", 2);
-  const std::string admin_pin = PinArg(c.args, "admin-pin"), user_pin = PinArg(c.args, "user-pin");
+  const std::string admin_pin = PinArg(c.args, "admin-pin");
+  // A stamp application's user PIN is what the library derives from the keySN.
+  if (c.args.Has("user-pin") == c.args.Has("keysn-user-pin"))
+    Fail("give exactly one of --user-pin PIN and --keysn-user-pin KEYSN", 2);
+  const std::string user_pin =
+      c.args.Has("user-pin") ? PinArg(c.args, "user-pin") : c.args.Get("keysn-user-pin").substr(0, kMaxPin);
+  if (user_pin.size() < kMinPin) Fail("--keysn-user-pin must be at least 6 characters", 2);
   const uint32_t admin_retry = c.args.Number("admin-retry", 10, 1, 255);
   const uint32_t user_retry = c.args.Number("user-retry", 10, 1, 255);
   const uint32_t rights = c.args.Number("file-rights", SECURE_USER_ACCOUNT, 0, 0xFF);

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "zeph_c_api.h"
 #include "zeph_c_device.h"
 
 namespace zeph::api {
@@ -23,6 +24,30 @@ struct SessionGuard {
   SessionGuard(const SessionGuard &) = delete;
   SessionGuard &operator=(const SessionGuard &) = delete;
   ~SessionGuard() { GM_SKF_CTX_CloseSession(ctx); }
+};
+
+// An API handle the library opens for its own use (the JSON commands, seal
+// storage), finalised and released on every path, also after a failed open.
+class OwnedHandle {
+ public:
+  OwnedHandle() = default;
+  OwnedHandle(const OwnedHandle &) = delete;
+  OwnedHandle &operator=(const OwnedHandle &) = delete;
+  ~OwnedHandle() {
+    if (handle_ == nullptr) return;
+    ZEPH_C_Finalize(handle_);
+    // Finalize leaves the record itself allocated.
+    ZEPH_C_MALLOC_FREE(handle_);
+  }
+
+  uint32_t Open(uint32_t device_type, const char *key_sn) {
+    return ZEPH_C_Initialize(&handle_, device_type, key_sn, 0);
+  }
+  void *get() const { return handle_; }
+  GM_SKF_CTX *ctx() const { return ContextOf(handle_); }
+
+ private:
+  void *handle_ = nullptr;
 };
 
 }  // namespace zeph::api

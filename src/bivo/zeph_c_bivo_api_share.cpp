@@ -1,6 +1,7 @@
 // The client's share at rest: the share structures, the device-data seal,
 // opening a share with the user's secret, re-sealing it under a new one, and
 // the envelope key of the configuration directory.
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <string>
@@ -29,11 +30,13 @@ constexpr long kShareVersion = 1;
 
 // SM3(secret || device number), folded to the 16-byte SM4 key.
 SecureBytes DeviceKey(std::span<const uint8_t> secret, const char *device_number) {
-  SecureBytes input(secret.size() + std::strlen(device_number));
+  const size_t number_len = std::strlen(device_number), n = secret.size() + number_len;
+  // One byte at least, so that empty texts still hash from a real buffer.
+  SecureBytes input(std::max<size_t>(n, 1));
   if (!secret.empty()) std::memcpy(input.data(), secret.data(), secret.size());
-  std::memcpy(input.data() + secret.size(), device_number, std::strlen(device_number));
+  if (number_len != 0) std::memcpy(input.data() + secret.size(), device_number, number_len);
   SecureBytes k(32);
-  gm::Sm3(input.data(), input.size(), k.data());
+  gm::Sm3(input.data(), n, k.data());
   SecureBytes key(16);
   for (size_t i = 0; i < 16; ++i) key[i] = k[i] ^ k[16 + i];
   return key;

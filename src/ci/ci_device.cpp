@@ -10,15 +10,6 @@
 
 namespace zeph::ci {
 
-KeyHandle::~KeyHandle() {
-  if (handle_ == nullptr) return;
-  ZEPH_C_Finalize(handle_);
-  // Finalize leaves the record itself allocated.
-  ZEPH_C_MALLOC_FREE(handle_);
-}
-
-uint32_t KeyHandle::Open(const ZEPH_REQ_PARAM &req) { return ZEPH_C_Initialize(&handle_, req.devType, req.keySN.s, 0); }
-
 uint32_t DecodeBase64(const char *text, SecureBytes *out) {
   *out = SecureBytes();
   if (text == nullptr || text[0] == '\0') return 0;

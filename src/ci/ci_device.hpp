@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "api/handle.hpp"
 #include "ci/ci_internal.hpp"
 #include "foundation/secure_bytes.hpp"
 
@@ -12,18 +13,9 @@ namespace zeph::ci {
 
 // The request's key ("keySN", "devType") behind an API handle, finalised
 // and released on every path, also after a failed open.
-class KeyHandle {
+class KeyHandle : public api::OwnedHandle {
  public:
-  KeyHandle() = default;
-  KeyHandle(const KeyHandle &) = delete;
-  KeyHandle &operator=(const KeyHandle &) = delete;
-  ~KeyHandle();
-
-  uint32_t Open(const ZEPH_REQ_PARAM &req);
-  void *get() const { return handle_; }
-
- private:
-  void *handle_ = nullptr;
+  uint32_t Open(const ZEPH_REQ_PARAM &req) { return OwnedHandle::Open(req.devType, req.keySN.s); }
 };
 
 // Base64 text to bytes; an empty or absent text gives no bytes. The bytes

@@ -220,6 +220,7 @@ std::optional<SealView> ReadSeal(Bytes in) {
   v.time_stamp = r.TakeIf(der::kContext0).has_value();
   if (r.failed() || !r.AtEnd() || !ReadInfo(*info, &v)) return std::nullopt;
   v.maker_cert = cert->content;
+  v.maker_alg = alg->whole;
   v.maker_signature = BitsOf(*sig);
   return v;
 }

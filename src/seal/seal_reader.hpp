@@ -36,6 +36,7 @@ struct SealView {
   std::vector<Bytes> certs;  // DER of each certificate of the list
   Tlv create_date, valid_start, valid_end;
   Bytes maker_cert;  // DER
+  Bytes maker_alg;   // the maker's signature algorithm, the whole OBJECT IDENTIFIER
   // SES: the maker's certificate and algorithm as stored; the maker signs
   // SEQUENCE { information, certificate, algorithm }.
   Bytes maker_cert_and_alg;

@@ -102,6 +102,10 @@ TEST(CiDispatch, ResponseCarriesDataOnlyOnSuccessOrForPinVerification) {
       {801, 0, "{}", 63, R"({"type":801,"code":0,"data":"{}"})"},
       {801, handler, R"({"a":1})", kDataObject, R"({"type":801,"code":-2113404837})"},
       {108, 0, "", 0, R"({"type":108,"code":0,"data":""})"},
+      // Texts spliced in as they are, and texts that need escaping.
+      {101, handler, "5", 0, R"({"type":101,"code":-2113404837,"data":"5"})"},
+      {203, 0, "\xE5\x8D\xB0 AB+/=\x7F", 0, "{\"type\":203,\"code\":0,\"data\":\"\xE5\x8D\xB0 AB+/=\x7F\"}"},
+      {108, 0, "a\tb\\c\x01\"", 0, R"({"type":108,"code":0,"data":"a\tb\\c\u0001\""})"},
   };
   for (const auto &c : cases) {
     ZEPH_RES_PARAM res{c.command, c.code, 0, nullptr, 0};
@@ -112,6 +116,30 @@ TEST(CiDispatch, ResponseCarriesDataOnlyOnSuccessOrForPinVerification) {
     EXPECT_STREQ(text, c.want.c_str());
     cJSON_free(text);
     ReleaseResponse(&res);
+  }
+}
+
+// Plain data texts are spliced into the reply, the others printed by cJSON:
+// either way the reply is what cJSON prints, for every byte anywhere in a word.
+TEST(CiDispatch, DataTextsPrintAsCjsonPrintsThem) {
+  for (int byte = 1; byte < 256; ++byte) {
+    for (const size_t at : {0u, 5u, 7u, 8u, 15u, 16u, 22u}) {
+      std::string text = "ABCDEFGHIJKLMNOPQRSTUVW";
+      text[at] = static_cast<char>(byte);
+      ZEPH_RES_PARAM res{203, 0, 0, nullptr, 0};
+      ASSERT_EQ(SetData(&res, text), 0u);
+      char *ours = PrintResponse(res);
+      cJSON *doc = cJSON_CreateObject();
+      cJSON_AddNumberToObject(doc, "type", 203);
+      cJSON_AddNumberToObject(doc, "code", 0);
+      cJSON_AddStringToObject(doc, "data", text.c_str());
+      char *theirs = cJSON_PrintUnformatted(doc);
+      EXPECT_STREQ(ours, theirs) << "byte " << byte << " at " << at;
+      cJSON_free(theirs);
+      cJSON_Delete(doc);
+      cJSON_free(ours);
+      ReleaseResponse(&res);
+    }
   }
 }
 

@@ -6,20 +6,9 @@
 #include <string>
 #include <vector>
 
-#include <cjson/cJSON.h>
-
+#include "json_object.hpp"
 #include "zeph_c_seal.h"
 #include "zeph_c_status.h"
-
-namespace {
-
-void MustBeJson(const std::string &text) {
-  cJSON *doc = cJSON_Parse(text.c_str());
-  if (!cJSON_IsObject(doc)) std::abort();
-  cJSON_Delete(doc);
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const auto len = static_cast<uint32_t>(size);
@@ -33,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string text(need, '\0');
   if (ZEPH_C_SealDescribe(data, len, text.data(), &need) != 0) std::abort();
   text.resize(need);
-  MustBeJson(text);
+  fuzz::MustBeJsonObject(text);
   uint32_t pic = 0;
   if (ZEPH_C_SealPicture(data, len, nullptr, &pic) != 0) std::abort();
 
@@ -42,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const uint32_t rv = ZEPH_C_SealVerify(data, len, data, len / 2, report.data(), &report_len);
   if (rv == 0 || rv == ERR_SIGNATURE_INVALID) {
     report.resize(report_len);
-    MustBeJson(report);
+    fuzz::MustBeJsonObject(report);
   } else if (rv != ERR_SEAL_PARSE_FAILED) {
     std::abort();
   }

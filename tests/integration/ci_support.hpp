@@ -9,6 +9,7 @@
 #include <cjson/cJSON.h>
 
 #include "oracle.hpp"
+#include "seal_record.hpp"
 #include "softkey_env.hpp"
 #include "zeph_c_ci.h"
 #include "zeph_c_device.h"
@@ -80,6 +81,14 @@ class SoftKeyCi : public zeph_it::SoftkeyTest {
              {"rsaCert", Base64(rsa_cert_)},
              {"encCert", Base64(sm2_enc_cert_)},
              {"rsaEncCert", Base64(rsa_enc_cert_)}};
+    // Seals: the two samples and a text-form record named "电子印章" in GBK.
+    const std::string seals = std::string(ZEPH_SOURCE_DIR) + "/tests/data/seals/";
+    vars_["gbSeal"] = Base64(zeph_test::ReadBytes(seals + "gb-v4-user.esl"));
+    vars_["sesSeal"] = Base64(zeph_test::ReadBytes(seals + "ses-v1-user.esl"));
+    vars_["sealInfo"] =
+        Base64(zeph_test::SealInfoRecord(4, 4000, 4000, "\xB5\xE7\xD7\xD3\xD3\xA1\xD5\xC2", {2024, 1, 1, 8, 0, 0},
+                                         {2024, 1, 1, 8, 0, 0}, {2034, 1, 1, 8, 0, 0}));
+    vars_["sealPic"] = "iVBORw0KGgo=";
   }
 
   // The request with every <name> of vars_ replaced by its value.

@@ -215,6 +215,36 @@ ZEPH_API uint32_t zeph_c_cert_VerifySm2SignWithCert(const unsigned char *cert, u
 #define ZEPH_CERT_ALG_SM2   2u
 ZEPH_API uint32_t zeph_c_cert_getAlgoIDWithCert(const unsigned char *cert, uint32_t cert_len, uint32_t *out_algo_id);
 
+/* ---- Device monitor ------------------------------------------------------ */
+
+/* Called on the monitor thread with the device list text (the output of
+ * ZEPH_C_ListPluginDevice, NUL-terminated). The buffer is reused on the next
+ * poll: copy what you keep. The callback runs concurrently with the host's
+ * other calls into the library and must be thread-safe. */
+typedef void (*ZEPH_MONITOR_CALLBACK)(const char *device_list);
+
+/* Starts the monitor thread: 0 when it was created; 1 (and nothing started)
+ * when a monitor is already running; 0xFFFFFFFF when the thread could not be
+ * created (later starts then answer 1 until stopCryptoDeviceMonitor). The
+ * thread lists the keys every 3 seconds and calls `callback` whenever the
+ * SHA-256 of the list text differs from that of the last list reported; the
+ * first poll after start reports unless that digest is already the last one
+ * reported (it survives stop and start). An empty list ("[]") is reported
+ * like any other list. A NULL callback: the thread logs "cb is null." and
+ * ends at once. */
+ZEPH_API uint32_t startCryptoDeviceMonitor(ZEPH_MONITOR_CALLBACK callback);
+/* Returns at once; the thread ends at its next check, within one poll
+ * interval. A start in between finds the monitor stopped and creates a
+ * second thread, and the first keeps running until the next stop. */
+ZEPH_API uint32_t stopCryptoDeviceMonitor(void);
+
+/* A POSIX thread running function(argument), with the given stack size
+ * where the platform accepts it (0 or a size below its minimum: the default
+ * stack). 0, or 0xFFFFFFFF when the thread was not created. The thread is
+ * neither joined nor detached. */
+ZEPH_API uint32_t _beginthread(void (*function)(void *), uint32_t stack_size, void *argument);
+ZEPH_API void zeph_c_sleep(uint32_t seconds);
+
 ZEPH_END_DECLS
 
 #endif

@@ -3,6 +3,7 @@
 #define ZEPH_C_H
 
 #include "zeph_c_api.h"
+#include "zeph_c_cert.h"
 #include "zeph_c_ci.h"
 #include "zeph_c_device.h"
 #include "zeph_c_gm.h"

@@ -32,10 +32,12 @@ ZEPH_BEGIN_DECLS
 /* A new signing pair in the area's signing container (it replaces the old
  * one): RSA of `bits` 1024 or 2048 (SKF_Ex_GenRSAKeyPair where the vendor
  * library has it, else SKF_GenRSAKeyPair), SM2 whatever `bits` says. Writes
- * the new public key as DER SubjectPublicKeyInfo. A length query generates
- * nothing. ERR_UNSUPPORTED_VALUE for another area or RSA size. */
-ZEPH_API uint32_t ZEPH_C_GenKeyPair(void *handle, const char *pin, uint32_t area, uint32_t bits, unsigned char *out_spki,
-                                    uint32_t *in_out_len);
+ * the new public key as DER SubjectPublicKeyInfo. A NULL buffer asks for
+ * the length without touching the key: 91 for SM2, bits / 8 + 39 for RSA
+ * (enough for any exponent; the key written may be a byte or two shorter).
+ * ERR_UNSUPPORTED_VALUE for another area or RSA size. */
+ZEPH_API uint32_t ZEPH_C_GenKeyPair(void *handle, const char *pin, uint32_t area, uint32_t bits,
+                                    unsigned char *out_spki, uint32_t *in_out_len);
 
 /* The public key of the area's signing or encryption pair as DER
  * SubjectPublicKeyInfo (no PIN needed). */
@@ -99,9 +101,11 @@ ZEPH_API uint32_t ZEPH_C_EnumCryptoDeviceObjects(void *handle, char *out_json, u
  * the order written). The key signs the request: sha256WithRSAEncryption,
  * or SM2-with-SM3 over the request info with the identity
  * "1234567812345678" (`openssl req -verify -vfyopt
- * distid:1234567812345678` accepts it). The output length is known only
- * after signing: an SM2 request may be a byte or two shorter than the
- * length a query reported, so give the buffer that length. */
+ * distid:1234567812345678` accepts it). A NULL buffer asks for the length
+ * (the request is signed to learn it; refused with ERR_INVALID_PARAMETER
+ * when new_key_bits asks for a new pair); for SM2 the answer is the most a
+ * request of that key and subject can need, as the length of an SM2
+ * signature varies. */
 ZEPH_API uint32_t ZEPH_C_GenCSR(void *handle, const char *pin, uint32_t area, const char *dn, uint32_t new_key_bits,
                                 unsigned char *out, uint32_t *in_out_len);
 

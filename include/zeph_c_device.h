@@ -215,6 +215,37 @@ ZEPH_API uint32_t zeph_c_cert_VerifySm2SignWithCert(const unsigned char *cert, u
 #define ZEPH_CERT_ALG_SM2   2u
 ZEPH_API uint32_t zeph_c_cert_getAlgoIDWithCert(const unsigned char *cert, uint32_t cert_len, uint32_t *out_algo_id);
 
+/* ---- Key pairs and certificates (inside a session on the container) ----- */
+
+/* A new signing pair (it replaces the old one): RSA of `bits` through
+ * SKF_Ex_GenRSAKeyPair where the library has it, else SKF_GenRSAKeyPair;
+ * SM2 through SKF_GenECCKeyPair. Export the public key afterwards. */
+ZEPH_API uint32_t GM_SKF_CTX_GenRSAKeyPair(GM_SKF_CTX *ctx, uint32_t bits);
+ZEPH_API uint32_t GM_SKF_CTX_GenECCKeyPair(GM_SKF_CTX *ctx);
+/* Encryption pairs wrapped for the container's signing key: a GM/T 0016
+ * ENVELOPEDKEYBLOB of blob_len bytes (its ciphertext may run past the
+ * declared structure), or an SM4 key wrapped with RSA and the DER private
+ * key under SM4-ECB (SGD_SM4_ECB). ERR_EXT_INTERFACE_MISSING when the
+ * library lacks the entry point. */
+ZEPH_API uint32_t GM_SKF_CTX_ImportECCKeyPair(GM_SKF_CTX *ctx, const unsigned char *blob, uint32_t blob_len);
+ZEPH_API uint32_t GM_SKF_CTX_ImportRSAKeyPair(GM_SKF_CTX *ctx, const unsigned char *wrapped_key, uint32_t wrapped_len,
+                                              const unsigned char *encrypted_key, uint32_t encrypted_len);
+/* The signing (sign_flag non-zero) or encryption certificate, DER. Export
+ * follows the output protocol (NULL asks for the length). */
+ZEPH_API uint32_t GM_SKF_CTX_ImportCertificate(GM_SKF_CTX *ctx, uint32_t sign_flag, const unsigned char *cert,
+                                               uint32_t cert_len);
+ZEPH_API uint32_t GM_SKF_CTX_ExportCertificate(GM_SKF_CTX *ctx, uint32_t sign_flag, unsigned char *out,
+                                               uint32_t *in_out_len);
+/* The signing or encryption public key in the forms of
+ * GM_SKF_CTX_ExportPublicKey (SM2 for sessions on an SM2 object), with the
+ * output protocol. */
+ZEPH_API uint32_t GM_SKF_CTX_ExportPublicKeyEx(GM_SKF_CTX *ctx, uint32_t sign_flag, unsigned char *out,
+                                               uint32_t *in_out_len);
+/* Applications, containers (type, certificates) and files as JSON text
+ * (the form of ZEPH_C_EnumCryptoDeviceObjects in zeph_c_cert.h); text
+ * output protocol. Needs no session. */
+ZEPH_API uint32_t GM_SKF_CTX_EnumObjects(GM_SKF_CTX *ctx, char *out_json, uint32_t *in_out_len);
+
 /* ---- Device monitor ------------------------------------------------------ */
 
 /* Called on the monitor thread with the device list text (the output of

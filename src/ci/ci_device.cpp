@@ -1,6 +1,7 @@
 // The handle and base64 pieces of the device-backed handlers.
 #include "ci/ci_device.hpp"
 
+#include <algorithm>
 #include <cstring>
 
 #include "zeph_c_api.h"
@@ -27,6 +28,28 @@ uint32_t DecodeBase64(const char *text, SecureBytes *out) {
   ZEPH_TRY(zeph_c_utils_b64tohex2(text, bytes.data(), &n));
   bytes.resize(n);
   *out = std::move(bytes);
+  return 0;
+}
+
+uint32_t SignedBytes(const ZEPH_REQ_PARAM &req, SecureBytes *out) {
+  switch (req.selector) {
+    case 0:
+      *out = SecureBytes(reinterpret_cast<const uint8_t *>(req.signData.s), std::strlen(req.signData.s));
+      return 0;
+    case 1:
+      return DecodeBase64(req.signData.s, out);
+    default:
+      return ERR_INVALID_PARAMETER;
+  }
+}
+
+uint32_t FetchOutput(const std::function<uint32_t(uint8_t *out, uint32_t *in_out_len)> &call,
+                     std::vector<uint8_t> *out) {
+  uint32_t n = 0;
+  ZEPH_TRY(call(nullptr, &n));
+  out->assign(n, 0);
+  ZEPH_TRY(call(out->data(), &n));
+  out->resize(std::min<size_t>(n, out->size()));
   return 0;
 }
 

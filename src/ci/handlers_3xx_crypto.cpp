@@ -1,7 +1,6 @@
 // Command handlers: signing, envelopes, symmetric and file encryption (3xx).
 // Operations the library does not offer yet answer 0x8208005A.
 #include <algorithm>
-#include <cstring>
 #include <vector>
 
 #include "ci/ci_device.hpp"
@@ -15,20 +14,6 @@ namespace {
 constexpr uint32_t kDefaultRsaDigest = 4;
 // Room for an RSA signature of up to 8,192 bits; SM2 needs at most 72 bytes.
 constexpr uint32_t kMaxSignature = 1024;
-
-// "signData" as the bytes to sign or verify: its text as it is
-// ("signDataType" 0), or base64 (1).
-uint32_t SignedBytes(const ZEPH_REQ_PARAM &req, SecureBytes *out) {
-  switch (req.selector) {
-    case 0:
-      *out = SecureBytes(reinterpret_cast<const uint8_t *>(req.signData.s), std::strlen(req.signData.s));
-      return 0;
-    case 1:
-      return DecodeBase64(req.signData.s, out);
-    default:
-      return ERR_INVALID_PARAMETER;
-  }
-}
 
 uint32_t RsaDigest(const ZEPH_REQ_PARAM &req) { return req.algID != 0 ? req.algID : kDefaultRsaDigest; }
 

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
@@ -175,8 +176,8 @@ int ExtensionNid(uint32_t item) {
 
 std::string NameText(const X509_NAME *name) {
   BioPtr bio(BIO_new(BIO_s_mem()));
-  constexpr unsigned long kFlags = XN_FLAG_SEP_CPLUS_SPC | XN_FLAG_FN_SN | ASN1_STRFLGS_UTF8_CONVERT |
-                                   ASN1_STRFLGS_ESC_CTRL | ASN1_STRFLGS_ESC_2253;
+  constexpr unsigned long kFlags =
+      XN_FLAG_SEP_CPLUS_SPC | XN_FLAG_FN_SN | ASN1_STRFLGS_UTF8_CONVERT | ASN1_STRFLGS_ESC_CTRL | ASN1_STRFLGS_ESC_2253;
   if (!bio || X509_NAME_print_ex(bio.get(), name, 0, kFlags) < 0) return {};
   return BioText(bio.get());
 }
@@ -197,6 +198,26 @@ std::string SerialText(const X509 *cert) {
   std::string text = hex;
   OPENSSL_free(hex);
   return text;
+}
+
+JsonPtr CertificateJson(std::span<const uint8_t> der, const char *usage) {
+  JsonPtr item(cJSON_CreateObject());
+  if (!item || cJSON_AddStringToObject(item.get(), "usage", usage) == nullptr) return nullptr;
+  const unsigned char *p = der.data();
+  X509Ptr cert(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
+  ERR_clear_error();
+  if (cert) {
+    const std::pair<const char *, std::string> fields[] = {{"subject", NameText(X509_get_subject_name(cert.get()))},
+                                                           {"issuer", NameText(X509_get_issuer_name(cert.get()))},
+                                                           {"serial", SerialText(cert.get())},
+                                                           {"notBefore", TimeText(X509_get0_notBefore(cert.get()))},
+                                                           {"notAfter", TimeText(X509_get0_notAfter(cert.get()))}};
+    for (const auto &[key, value] : fields) {
+      if (cJSON_AddStringToObject(item.get(), key, value.c_str()) == nullptr) return nullptr;
+    }
+  }
+  if (cJSON_AddStringToObject(item.get(), "cert", Base64Text(der).c_str()) == nullptr) return nullptr;
+  return item;
 }
 
 uint32_t CertItemText(X509 *cert, uint32_t item, std::string *out) {

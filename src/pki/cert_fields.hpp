@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 
+#include "foundation/json_owned.hpp"
 #include "pki/pki_owned.hpp"
 
 namespace zeph::pki {
@@ -24,5 +26,10 @@ std::string NameText(const X509_NAME *name);
 std::string TimeText(const ASN1_TIME *t);
 // Upper-case hex of the serial number.
 std::string SerialText(const X509 *cert);
+
+// {"usage":..,"subject":..,"issuer":..,"serial":..,"notBefore":..,
+// "notAfter":..,"cert":"<base64 DER>"}; only usage and cert when the bytes
+// do not decode. Null when out of memory.
+JsonPtr CertificateJson(std::span<const uint8_t> der, const char *usage);
 
 }  // namespace zeph::pki

@@ -109,7 +109,7 @@ class CiDocs : public ci_test::SoftKeyCi {
 };
 
 TEST_F(CiDocs, SessionRunsAndTheLiveTableMatchesTheHandlers) {
-  ASSERT_EQ(live_.size(), 16u) << "live rows found in docs/ci.md";
+  ASSERT_EQ(live_.size(), 30u) << "live rows found in docs/ci.md";
   ASSERT_EQ(table_.size(), 71u);
   const auto parser_keys = All(ReadText("src/ci/ci_request.cpp"), "\"(\\w+)\"");
 
@@ -177,7 +177,7 @@ TEST_F(CiDocs, WaitingRowsAnswerUnsupportedAndLiveRowsDoNot) {
 
   // Every key a handler might want, for a key that is not there.
   const std::string keys =
-      R"("keySN":"ZS_NOSUCHKEY","pin":"12345678","adminPin":"12345678","asymid":2,"randLen":16,"idx":7,)"
+      R"("keySN":"ZS_NOSUCHKEY","pin":"12345678","adminPin":"12345678","asymid":2,"algID":2,"randLen":16,"idx":7,)"
       R"("filepath":"f","raw":"AAAA","signData":"x","cert":"AAAA","url":"http://127.0.0.1:1","deviceID":"d")";
   for (const auto &[code, handler] : table_) {
     const Reply r = Ci("{\"type\":" + std::to_string(code) + "," + keys + "}");

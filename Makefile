@@ -2,14 +2,19 @@
 BUILD        ?= build
 ASAN_BUILD   ?= build-asan
 FUZZ_BUILD   ?= build-fuzz
+TSAN_BUILD   ?= build-tsan
 FUZZ_SECONDS ?= 60
 FUZZ_SMOKE_SECONDS ?= 4
 JOBS         ?= $(shell nproc)
+# Warnings are errors (-Wshadow included) in every build make test makes;
+# WERROR=OFF for a compiler this tree has not met yet.
+WERROR       ?= ON
+export FUZZ_JOBS ?= $(JOBS)
 
 export ASAN_OPTIONS  ?= detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1
 export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
 
-.PHONY: all deps build build-asan build-fuzz test test-normal test-asan fuzz fuzz-smoke bench demo install clean
+.PHONY: all deps build build-asan build-fuzz format-check test test-normal test-asan fuzz fuzz-smoke bench demo install clean tsan
 
 all: build
 
@@ -17,17 +22,23 @@ deps:
 	@bash scripts/install-deps.sh
 
 build: deps
-	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DZEPH_WERROR=$(WERROR)
 	cmake --build $(BUILD) -j $(JOBS)
 
 build-asan: deps
-	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEPH_SANITIZE=ON -DZEPH_BENCH=OFF
+	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEPH_SANITIZE=ON -DZEPH_BENCH=OFF \
+	  -DZEPH_WERROR=$(WERROR)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
 build-fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-	  -DZEPH_FUZZ=ON -DZEPH_TESTS=OFF -DZEPH_BENCH=OFF
+	  -DZEPH_FUZZ=ON -DZEPH_TESTS=OFF -DZEPH_BENCH=OFF -DZEPH_WERROR=$(WERROR)
 	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_all
+
+# Every tracked C and C++ file exactly as clang-format writes it.
+format-check: deps
+	@git ls-files -z '*.c' '*.cc' '*.cpp' '*.h' '*.hpp' | xargs -0 clang-format --dry-run --Werror
+	@echo "format-check: clean"
 
 test-normal: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
@@ -38,15 +49,23 @@ test-asan: build-asan
 fuzz-smoke: build-fuzz
 	bash scripts/fuzz.sh $(FUZZ_BUILD) $(FUZZ_SMOKE_SECONDS)
 
-# Normal build, fuzz smoke, then the whole suite twice: plain and under
+# Format check, fuzz smoke, then the whole suite twice: plain and under
 # AddressSanitizer + UndefinedBehaviorSanitizer.
 test: deps
+	$(MAKE) format-check
 	$(MAKE) fuzz-smoke
 	$(MAKE) test-normal
 	$(MAKE) test-asan
 
 fuzz: build-fuzz
 	bash scripts/fuzz.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+# ThreadSanitizer over the code that promises threads: randomness contexts
+# and runners at once (a small build of its own, outside `make test`).
+tsan: deps
+	cmake -S . -B $(TSAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEPH_TSAN=ON -DZEPH_BENCH=OFF
+	cmake --build $(TSAN_BUILD) -j $(JOBS) --target test_randtest
+	TSAN_OPTIONS=halt_on_error=1 $(TSAN_BUILD)/tests/test_randtest --gtest_filter='Threads.*:Numerics.LogGamma*'
 
 bench: build
 	bash scripts/bench.sh $(BUILD)
@@ -58,4 +77,4 @@ install: build
 	cmake --install $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(TSAN_BUILD)

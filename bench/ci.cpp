@@ -1,10 +1,7 @@
 // Requests per second through ZEPH_C_CI, single thread: command 102 (no
 // device), and command 100 with one software key plugged in, each against a
 // bare cJSON round trip of the same texts measured in the same loop.
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -12,14 +9,11 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.hpp"
 #include "zeph_c_ci.h"
-#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_TOOL)
 #include "zeph_c_device.h"
-#endif
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr const char *kVersionRequest = R"({"type":102})";
 constexpr const char *kListRequest = R"({"type":100})";
@@ -48,41 +42,26 @@ std::string DataOf(const char *response) {
   return out;
 }
 
-// Both sides in each iteration, their order swapped every time. The
-// benchmark's own time is ZEPH_C_CI's; "ratio" is its rate over the
-// reference's (1.0 = no cost beyond parsing and printing the JSON).
+// ZEPH_C_CI against the reference, interleaved. "ratio" is its rate over
+// the reference's (1.0 = no cost beyond parsing and printing the JSON).
 void Measure(benchmark::State &state, const char *request) {
   std::vector<char> out(1 << 16), ref(1 << 16);
   ZEPH_C_CI(request, out.data());
   const std::string data = DataOf(out.data());
-  double zeph_s = 0, ref_s = 0;
-  bool flip = false;
-  for (auto _ : state) {
-    const auto t0 = Clock::now();
-    if (flip)
-      CjsonRoundTrip(request, data.c_str(), &ref);
-    else
-      ZEPH_C_CI(request, out.data());
-    const auto t1 = Clock::now();
-    if (flip)
-      ZEPH_C_CI(request, out.data());
-    else
-      CjsonRoundTrip(request, data.c_str(), &ref);
-    const auto t2 = Clock::now();
-    const double first = std::chrono::duration<double>(t1 - t0).count();
-    const double second = std::chrono::duration<double>(t2 - t1).count();
-    const double z = flip ? second : first;
-    zeph_s += z;
-    ref_s += flip ? first : second;
-    flip = !flip;
-    state.SetIterationTime(z);
-    benchmark::DoNotOptimize(out.data());
-    benchmark::DoNotOptimize(ref.data());
-  }
+  const zeph_bench::SideSeconds s = zeph_bench::Interleaved(
+      state,
+      [&] {
+        ZEPH_C_CI(request, out.data());
+        benchmark::DoNotOptimize(out.data());
+      },
+      [&] {
+        CjsonRoundTrip(request, data.c_str(), &ref);
+        benchmark::DoNotOptimize(ref.data());
+      });
   const double n = static_cast<double>(state.iterations());
-  state.counters["requests/s"] = n / zeph_s;
-  state.counters["cjson_requests/s"] = n / ref_s;
-  state.counters["ratio"] = ref_s / zeph_s;
+  state.counters["requests/s"] = n / s.ours;
+  state.counters["cjson_requests/s"] = n / s.reference;
+  state.counters["ratio"] = s.reference / s.ours;
 }
 
 void BM_Ci102Version(benchmark::State &state) {
@@ -96,44 +75,25 @@ void BM_Ci102Version(benchmark::State &state) {
 }
 BENCHMARK(BM_Ci102Version)->UseManualTime();
 
-#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_TOOL)
 // One software key in a folder of its own, served by the software key
 // library through the device configuration.
-class OneSoftKey {
- public:
-  OneSoftKey() {
-    char tmpl[] = "/tmp/zeph-bench-ci-XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) return;
-    root_ = tmpl;
-    setenv("ZEPH_SOFTKEY_ROOT", root_.c_str(), 1);
-    const std::string cmd = std::string(ZEPH_SOFTKEY_TOOL) + " create-device --serial BENCH0001 >/dev/null";
-    if (std::system(cmd.c_str()) != 0) return;
-    const std::string cfg = std::string(R"([{"type":0,"vid":"SK","skfLib":")") + ZEPH_SOFTKEY_LIB + "\"}]";
-    ready_ = ZEPH_C_SetConfigInfo(cfg.c_str()) == 0;
-  }
-  ~OneSoftKey() {
-    std::error_code ec;
-    if (!root_.empty()) std::filesystem::remove_all(root_, ec);
-  }
-  bool ready() const { return ready_; }
-
- private:
-  std::string root_;
-  bool ready_ = false;
-};
+bool ServeOneSoftKey(const zeph_bench::BenchSoftkey &key) {
+  const std::string cfg = std::string(R"([{"type":0,"vid":"SK","skfLib":")") + ZEPH_SOFTKEY_LIB + "\"}]";
+  return key.Tool("create-device --serial BENCH0001") && ZEPH_C_SetConfigInfo(cfg.c_str()) == 0;
+}
 
 void BM_Ci100ListOneSoftKey(benchmark::State &state) {
-  static OneSoftKey key;
+  static const zeph_bench::BenchSoftkey key;
+  static const bool ready = ServeOneSoftKey(key);
   std::vector<char> out(1 << 16);
   ZEPH_C_CI(kListRequest, out.data());
-  if (!key.ready() || std::string(out.data()).find("SK_BENCH0001") == std::string::npos) {
+  if (!ready || std::string(out.data()).find("SK_BENCH0001") == std::string::npos) {
     state.SkipWithError(("no software key listed: " + std::string(out.data())).c_str());
     return;
   }
   Measure(state, kListRequest);
 }
 BENCHMARK(BM_Ci100ListOneSoftKey)->UseManualTime();
-#endif
 
 }  // namespace
 

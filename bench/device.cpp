@@ -3,44 +3,26 @@
 // printed at the end show what the library adds to one signature.
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <map>
 #include <string>
 #include <vector>
 
 #include <dlfcn.h>
 #include <openssl/evp.h>
-#include <stdlib.h>
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.hpp"
 #include "zeph_c.h"
 #include "zeph_skf.h"
-
-#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_TOOL)
 
 namespace {
 
 constexpr const char *kPin = "123456";
 const std::vector<unsigned char> kMessage(256, 0x5A);
 
-std::string g_root;
-
-bool Tool(const std::string &args) {
-  const std::string cmd = std::string(ZEPH_SOFTKEY_TOOL) + " --root '" + g_root + "' " + args + " > /dev/null";
-  return std::system(cmd.c_str()) == 0;
-}
-
-bool SetUpKey() {
-  char tmpl[] = "/tmp/zeph-bench-XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) return false;
-  g_root = tmpl;
-  setenv("ZEPH_SOFTKEY_ROOT", g_root.c_str(), 1);
+bool SetUpKey(const zeph_bench::BenchSoftkey &key) {
   const std::string cfg = std::string("[{\"type\":1,\"vid\":\"BK\",\"skfLib\":\"") + ZEPH_SOFTKEY_LIB + "\"}]";
-  return Tool("create-device --serial B1") &&
-         Tool(std::string("create-app --serial B1 --app VorliEcc --admin-pin 12345678 --user-pin ") + kPin) &&
-         Tool(std::string("gen-key --serial B1 --app VorliEcc --container ECC --alg sm2 --user-pin ") + kPin) &&
-         ZEPH_C_SetConfigInfo(cfg.c_str()) == 0;
+  return key.MakeSm2Key("B1", "VorliEcc", kPin) && ZEPH_C_SetConfigInfo(cfg.c_str()) == 0;
 }
 
 void BM_Zeph_DoSm2Sign(benchmark::State &state) {
@@ -172,59 +154,27 @@ void BM_OpenSSL_SM2Sign(benchmark::State &state) {
 }
 BENCHMARK(BM_OpenSSL_SM2Sign)->Unit(benchmark::kMicrosecond);
 
-// Keeps each benchmark's time per iteration for the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &r : runs) {
-      if (r.iterations > 0) per_iter_[r.benchmark_name()] = r.GetAdjustedRealTime();
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void PrintRatios() const {
-    auto t = [&](const char *n) {
-      auto it = per_iter_.find(n);
-      return it == per_iter_.end() ? 0.0 : it->second;
-    };
-    const double zeph = t("BM_Zeph_DoSm2Sign"), full = t("BM_Zeph_NewHandleAndDoSm2Sign");
-    const double direct = t("BM_Softkey_SameCallsDirect"), key = t("BM_Softkey_ECCSignData");
-    const double ossl = t("BM_OpenSSL_SM2Sign");
-    if (zeph <= 0 || direct <= 0 || key <= 0 || ossl <= 0) return;
-    std::printf("\nratios (time per signature):\n");
-    std::printf("  ZEPH_C_DoSm2Sign / the same vendor calls made directly  %.3f (difference %.0f us)\n", zeph / direct,
-                zeph - direct);
-    std::printf("  ZEPH_C_DoSm2Sign / SKF_ECCSignData alone                %.2f\n", zeph / key);
-    std::printf("  ZEPH_C_DoSm2Sign / OpenSSL SM2 signing                  %.2f\n", zeph / ossl);
-    std::printf("  SKF_ECCSignData / OpenSSL SM2 signing                   %.2f\n", key / ossl);
-    if (full > 0) std::printf("  with Initialize and Finalize / OpenSSL                  %.2f\n", full / ossl);
-  }
-
- private:
-  std::map<std::string, double> per_iter_;
-};
+void PrintRatios(const zeph_bench::RatioReporter &r) {
+  const double zeph = r.Seconds("BM_Zeph_DoSm2Sign"), full = r.Seconds("BM_Zeph_NewHandleAndDoSm2Sign");
+  const double direct = r.Seconds("BM_Softkey_SameCallsDirect"), key = r.Seconds("BM_Softkey_ECCSignData");
+  const double ossl = r.Seconds("BM_OpenSSL_SM2Sign");
+  if (zeph <= 0 || direct <= 0 || key <= 0 || ossl <= 0) return;
+  std::printf("\nratios (time per signature):\n");
+  std::printf("  ZEPH_C_DoSm2Sign / the same vendor calls made directly  %.3f (difference %.0f us)\n", zeph / direct,
+              (zeph - direct) * 1e6);
+  std::printf("  ZEPH_C_DoSm2Sign / SKF_ECCSignData alone                %.2f\n", zeph / key);
+  std::printf("  ZEPH_C_DoSm2Sign / OpenSSL SM2 signing                  %.2f\n", zeph / ossl);
+  std::printf("  SKF_ECCSignData / OpenSSL SM2 signing                   %.2f\n", key / ossl);
+  if (full > 0) std::printf("  with Initialize and Finalize / OpenSSL                  %.2f\n", full / ossl);
+}
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  benchmark::Initialize(&argc, argv);
-  if (!SetUpKey()) {
+  const zeph_bench::BenchSoftkey key;
+  if (!SetUpKey(key)) {
     std::fprintf(stderr, "cannot create the software key for the benchmark\n");
     return 1;
   }
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintRatios();
-  std::error_code ec;
-  std::filesystem::remove_all(g_root, ec);
-  benchmark::Shutdown();
-  return 0;
+  return zeph_bench::RunWithRatios(argc, argv, PrintRatios);
 }
-
-#else
-
-int main() {
-  std::printf("bench_device: the software key is not built; nothing to measure\n");
-  return 0;
-}
-
-#endif

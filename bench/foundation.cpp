@@ -1,7 +1,6 @@
 // The foundation helpers against calling OpenSSL's EVP directly, measured
 // alternately in the same loop. "ratio" is zeph's throughput over EVP's
 // (1.0 = as fast; the target is at least 0.95).
-#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -9,11 +8,11 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.hpp"
 #include "zeph_c_utils.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 constexpr size_t kSize = 1u << 20;
 
 std::vector<uint8_t> Input() {
@@ -28,38 +27,15 @@ std::vector<uint8_t> Input() {
   return v;
 }
 
-// Times both sides of each iteration, swapping their order every time so
-// neither always runs on a warm cache; the reported time is zeph's.
+// zeph against EVP, interleaved; "ratio" is zeph's throughput over EVP's.
 template <class Zeph, class Evp>
 void Compare(benchmark::State &state, Zeph zeph, Evp evp) {
-  double zeph_s = 0;
-  double evp_s = 0;
-  bool zeph_first = true;
-  for (auto _ : state) {
-    const auto t0 = Clock::now();
-    if (zeph_first)
-      zeph();
-    else
-      evp();
-    const auto t1 = Clock::now();
-    if (zeph_first)
-      evp();
-    else
-      zeph();
-    const auto t2 = Clock::now();
-    const double first = std::chrono::duration<double>(t1 - t0).count();
-    const double second = std::chrono::duration<double>(t2 - t1).count();
-    const double z = zeph_first ? first : second;
-    zeph_s += z;
-    evp_s += zeph_first ? second : first;
-    state.SetIterationTime(z);
-    zeph_first = !zeph_first;
-  }
+  const zeph_bench::SideSeconds s = zeph_bench::Interleaved(state, zeph, evp);
   const double bytes = static_cast<double>(kSize) * static_cast<double>(state.iterations());
   state.SetBytesProcessed(static_cast<int64_t>(bytes));
-  state.counters["zeph_MiB/s"] = bytes / zeph_s / (1 << 20);
-  state.counters["evp_MiB/s"] = bytes / evp_s / (1 << 20);
-  state.counters["ratio"] = evp_s / zeph_s;
+  state.counters["zeph_MiB/s"] = bytes / s.ours / (1 << 20);
+  state.counters["evp_MiB/s"] = bytes / s.reference / (1 << 20);
+  state.counters["ratio"] = s.reference / s.ours;
 }
 
 void BM_Digest(benchmark::State &state, uint32_t id, const EVP_MD *md) {

@@ -2,14 +2,13 @@
 // pair runs interleaved repetitions; the summary compares the best
 // throughput of each side, which is the least disturbed by other load.
 #include <cstdio>
-#include <map>
-#include <string>
 #include <vector>
 
 #include <openssl/evp.h>
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.hpp"
 #include "zeph_c_gm.h"
 
 namespace {
@@ -99,46 +98,16 @@ void DrbgOwn(benchmark::State &state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kDrbgRequest));
 }
 
-// Keeps the best bytes/s of every benchmark for the summary.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      const auto it = run.counters.find("bytes_per_second");
-      if (it == run.counters.end()) continue;
-      std::string name = run.benchmark_name();
-      if (const auto slash = name.find("/repeats"); slash != std::string::npos) name.resize(slash);
-      double &best = best_[name];
-      if (it->second.value > best) best = it->second.value;
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  void Summary() const {
-    struct Pair {
-      const char *what, *mine, *theirs;
-      double target;
-    };
-    const Pair pairs[] = {
-        {"SM3 16 KiB, BIVO_sm3_digest vs EVP SM3", "SM3/own", "SM3/openssl", 1.0},
-        {"SM4-ECB 16 KiB, BIVO_sm4_encrypt vs EVP", "SM4-ECB/own", "SM4-ECB/openssl", 1.0},
-        {"SM4-CBC 16 KiB, BIVO_sm4_cbc_encrypt vs EVP", "SM4-CBC/own", "SM4-CBC/openssl", 1.0},
-        {"DRBG 64 KiB requests vs own SM3", "DRBG/own", "SM3/own", 0.45},
-    };
-    std::printf("\n%-48s %12s %12s %7s %7s\n", "comparison", "MB/s", "vs MB/s", "ratio", "target");
-    for (const Pair &p : pairs) {
-      const auto a = best_.find(p.mine), b = best_.find(p.theirs);
-      if (a == best_.end() || b == best_.end() || b->second == 0) continue;
-      const double ratio = a->second / b->second;
-      std::printf("%-48s %12.1f %12.1f %6.2fx %6.2fx %s\n", p.what, a->second / 1e6, b->second / 1e6, ratio, p.target,
-                  ratio >= p.target ? "ok" : "BELOW");
-    }
-  }
-
- private:
-  std::map<std::string, double> best_;
-};
+void Summary(const zeph_bench::RatioReporter &reporter) {
+  zeph_bench::PrintRatios(
+      reporter,
+      {
+          {"SM3 16 KiB, BIVO_sm3_digest vs EVP SM3", "SM3/own", "SM3/openssl", 1.0, "MB/s", 1e-6},
+          {"SM4-ECB 16 KiB, BIVO_sm4_encrypt vs EVP", "SM4-ECB/own", "SM4-ECB/openssl", 1.0, "MB/s", 1e-6},
+          {"SM4-CBC 16 KiB, BIVO_sm4_cbc_encrypt vs EVP", "SM4-CBC/own", "SM4-CBC/openssl", 1.0, "MB/s", 1e-6},
+          {"DRBG 64 KiB requests vs own SM3", "DRBG/own", "SM3/own", 0.45, "MB/s", 1e-6},
+      });
+}
 
 }  // namespace
 
@@ -154,10 +123,5 @@ int main(int argc, char **argv) {
     benchmark::RegisterBenchmark("SM4-CBC/openssl", Sm4OpenSsl, true);
     benchmark::RegisterBenchmark("DRBG/own", DrbgOwn);
   }
-  benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.Summary();
-  benchmark::Shutdown();
-  return 0;
+  return zeph_bench::RunWithRatios(argc, argv, Summary);
 }

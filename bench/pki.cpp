@@ -4,7 +4,6 @@
 // same request and reading until the server closes), and the embedding of
 // a time-stamp token (ZEPH_C_GetTimeStampPKCS7 against d2i, PKCS7_add_attribute
 // and i2d_PKCS7). "ratio" is zeph's speed over OpenSSL's (1.0 = as fast).
-#include <chrono>
 #include <memory>
 #include <string>
 
@@ -15,37 +14,22 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.hpp"
 #include "loopback.hpp"
 #include "zeph_c_pki.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<uint8_t>;
 
-// Runs both sides in every iteration, swapping their order each time; the
-// reported time is zeph's.
+// zeph against OpenSSL, interleaved; "ratio" is zeph's rate over OpenSSL's.
 template <class Zeph, class Ssl>
 void Compare(benchmark::State &state, Zeph zeph, Ssl openssl) {
-  double zeph_s = 0, openssl_s = 0;
-  bool zeph_first = true;
-  for (auto _ : state) {
-    const auto t0 = Clock::now();
-    zeph_first ? zeph() : openssl();
-    const auto t1 = Clock::now();
-    zeph_first ? openssl() : zeph();
-    const auto t2 = Clock::now();
-    const double first = std::chrono::duration<double>(t1 - t0).count();
-    const double second = std::chrono::duration<double>(t2 - t1).count();
-    zeph_s += zeph_first ? first : second;
-    openssl_s += zeph_first ? second : first;
-    state.SetIterationTime(zeph_first ? first : second);
-    zeph_first = !zeph_first;
-  }
+  const zeph_bench::SideSeconds s = zeph_bench::Interleaved(state, zeph, openssl);
   const auto n = static_cast<double>(state.iterations());
-  state.counters["zeph_per_s"] = n / zeph_s;
-  state.counters["openssl_per_s"] = n / openssl_s;
-  state.counters["ratio"] = openssl_s / zeph_s;
+  state.counters["zeph_per_s"] = n / s.ours;
+  state.counters["openssl_per_s"] = n / s.reference;
+  state.counters["ratio"] = s.reference / s.ours;
 }
 
 const std::string kBody = R"({"type":"sign","data":")" + std::string(200, 'A') + R"("})";

@@ -9,7 +9,6 @@
 // The reference verification starts from a ready key; zeph starts from the
 // certificate inside the signature.
 #include <cstdint>
-#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -20,6 +19,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.hpp"
 #include "foundation/owned.hpp"
 #include "seal/seal_internal.hpp"
 #include "seal/seal_reader.hpp"
@@ -35,34 +35,12 @@ Bytes Sample(const char *name) {
   return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
-// This thread's CPU time: on a shared machine, wall-clock time mostly
-// measures the other processes.
-double CpuSeconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
-
-// zeph and the reference in each iteration, their order swapped every time;
-// the benchmark's own time is zeph's.
+// zeph and the reference interleaved, in this thread's CPU time; "ratio" is
+// zeph's rate over the reference's.
 template <class Zeph, class Ref>
 void Interleave(benchmark::State &state, Zeph zeph, Ref ref) {
-  double zeph_s = 0, ref_s = 0;
-  bool zeph_first = true;
-  for (auto _ : state) {
-    const double t0 = CpuSeconds();
-    zeph_first ? zeph() : ref();
-    const double t1 = CpuSeconds();
-    zeph_first ? ref() : zeph();
-    const double t2 = CpuSeconds();
-    const double a = t1 - t0;
-    const double b = t2 - t1;
-    zeph_s += zeph_first ? a : b;
-    ref_s += zeph_first ? b : a;
-    state.SetIterationTime(zeph_first ? a : b);
-    zeph_first = !zeph_first;
-  }
-  state.counters["ratio"] = ref_s / zeph_s;
+  const zeph_bench::SideSeconds s = zeph_bench::Interleaved(state, zeph, ref, zeph_bench::Timer::kThreadCpu);
+  state.counters["ratio"] = s.reference / s.ours;
 }
 
 // One EVP SM2 verification with SM3 and the default identity.

@@ -15,6 +15,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.hpp"
 #include "gm/sm2_curve.hpp"
 #include "zeph_c_gm.h"
 #include "zeph_c_sdbi.h"
@@ -158,46 +159,15 @@ void Sm4EcbOpenSsl(benchmark::State &state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kSdbiBuffer));
 }
 
-// Keeps each benchmark's best rate (operations or bytes per second).
-class BestRateReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      for (const char *counter : {"items_per_second", "bytes_per_second"}) {
-        if (const auto it = run.counters.find(counter); it != run.counters.end()) {
-          double &best = best_[run.run_name.function_name];
-          best = std::max(best, it->second.value);
-        }
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  void Summary() const {
-    // clang-format off
-    const struct { const char *what, *own, *openssl, *unit; double scale, target; } rows[] = {
-        {"verify a digest (BIVO_..OnDigestWithPubKey)", "verify/own", "verify/openssl", "op/s", 1, 6.0},
-        {"encrypt 32 bytes (BIVO_Sm2EncryptWithPubKey)", "encrypt/own", "encrypt/openssl", "op/s", 1, 4.0},
-        {"k*G", "k*G/own", "k*G/openssl", "op/s", 1, 6.0},
-        {"SDBI 16 KiB vs OpenSSL SM4-ECB (scale only)", "sdbi/own", "sm4-ecb/openssl", "MB/s", 1e-6, 0},
-    };
-    // clang-format on
-    std::printf("\n%-46s %12s %12s %8s %7s\n", "comparison", "zeph", "openssl", "ratio", "target");
-    for (const auto &r : rows) {
-      const auto a = best_.find(r.own), b = best_.find(r.openssl);
-      if (a == best_.end() || b == best_.end() || b->second == 0) continue;
-      const double ratio = a->second / b->second;
-      std::printf("%-46s %9.1f %s %9.1f %s %7.2fx", r.what, a->second * r.scale, r.unit, b->second * r.scale, r.unit,
-                  ratio);
-      if (r.target > 0) std::printf(" %6.1fx %s", r.target, ratio >= r.target ? "ok" : "BELOW");
-      std::printf("\n");
-    }
-  }
-
- private:
-  std::map<std::string, double> best_;
-};
+void Summary(const zeph_bench::RatioReporter &reporter) {
+  zeph_bench::PrintRatios(
+      reporter, {
+                    {"verify a digest (BIVO_..OnDigestWithPubKey)", "verify/own", "verify/openssl", 6.0},
+                    {"encrypt 32 bytes (BIVO_Sm2EncryptWithPubKey)", "encrypt/own", "encrypt/openssl", 4.0},
+                    {"k*G", "k*G/own", "k*G/openssl", 6.0},
+                    {"SDBI 16 KiB vs OpenSSL SM4-ECB (scale only)", "sdbi/own", "sm4-ecb/openssl", 0, "MB/s", 1e-6},
+                });
+}
 
 }  // namespace
 
@@ -213,10 +183,5 @@ int main(int argc, char **argv) {
     benchmark::RegisterBenchmark("sdbi/own", SdbiOwn);
     benchmark::RegisterBenchmark("sm4-ecb/openssl", Sm4EcbOpenSsl);
   }
-  benchmark::Initialize(&argc, argv);
-  BestRateReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.Summary();
-  benchmark::Shutdown();
-  return 0;
+  return zeph_bench::RunWithRatios(argc, argv, Summary);
 }

@@ -16,6 +16,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.hpp"
 #include "foundation/owned.hpp"
 #include "gm/sm2_curve.hpp"
 #include "gm/sm2_field.hpp"
@@ -133,49 +134,18 @@ void InvOpenSsl(benchmark::State &state) {
   state.SetItemsProcessed(state.iterations());
 }
 
-// Keeps the best operations/s of every benchmark for the summary.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      const auto it = run.counters.find("items_per_second");
-      if (it == run.counters.end()) continue;
-      double &best = best_[run.benchmark_name()];
-      if (it->second.value > best) best = it->second.value;
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  void Summary() const {
-    struct Pair {
-      const char *what, *mine, *theirs;
-      double target;
-    };
-    const Pair pairs[] = {
-        {"k·G (MulBase vs EC_POINT_mul)", "kG/own", "kG/openssl", 6.0},
-        {"k·P (Mul vs EC_POINT_mul)", "kP/own", "kP/openssl", 0},
-        {"s·G + t·P (MulBaseAdd vs EC_POINT_mul)", "sG+tP/own", "sG+tP/openssl", 0},
-        {"s·G + t·P, x check (MulBaseAddXModN)", "sG+tP-x/own", "sG+tP/openssl", 0},
-        {"n inverse (ModInv vs BN_mod_inverse)", "inv/own", "inv/openssl", 0},
-        {"k·G, portable build", "kG/portable", "kG/openssl", 0},
-        {"k·P, portable build", "kP/portable", "kP/openssl", 0},
-        {"s·G + t·P, portable build", "sG+tP/portable", "sG+tP/openssl", 0},
-    };
-    std::printf("\n%-42s %12s %12s %7s %7s\n", "comparison", "own op/s", "OpenSSL op/s", "ratio", "target");
-    for (const Pair &p : pairs) {
-      const auto a = best_.find(p.mine), b = best_.find(p.theirs);
-      if (a == best_.end() || b == best_.end() || b->second == 0) continue;
-      const double ratio = a->second / b->second;
-      std::printf("%-42s %12.0f %12.0f %6.2fx", p.what, a->second, b->second, ratio);
-      if (p.target > 0) std::printf(" %6.2fx %s", p.target, ratio >= p.target ? "ok" : "BELOW");
-      std::printf("\n");
-    }
-  }
-
- private:
-  std::map<std::string, double> best_;
-};
+void Summary(const zeph_bench::RatioReporter &reporter) {
+  zeph_bench::PrintRatios(reporter, {
+                                        {"k·G (MulBase vs EC_POINT_mul)", "kG/own", "kG/openssl", 6.0},
+                                        {"k·P (Mul vs EC_POINT_mul)", "kP/own", "kP/openssl"},
+                                        {"s·G + t·P (MulBaseAdd vs EC_POINT_mul)", "sG+tP/own", "sG+tP/openssl"},
+                                        {"s·G + t·P, x check (MulBaseAddXModN)", "sG+tP-x/own", "sG+tP/openssl"},
+                                        {"n inverse (ModInv vs BN_mod_inverse)", "inv/own", "inv/openssl"},
+                                        {"k·G, portable build", "kG/portable", "kG/openssl"},
+                                        {"k·P, portable build", "kP/portable", "kP/openssl"},
+                                        {"s·G + t·P, portable build", "sG+tP/portable", "sG+tP/openssl"},
+                                    });
+}
 
 }  // namespace
 
@@ -194,10 +164,5 @@ int main(int argc, char **argv) {
     benchmark::RegisterBenchmark("inv/own", InvOwn);
     benchmark::RegisterBenchmark("inv/openssl", InvOpenSsl);
   }
-  benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.Summary();
-  benchmark::Shutdown();
-  return 0;
+  return zeph_bench::RunWithRatios(argc, argv, Summary);
 }

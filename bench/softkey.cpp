@@ -3,15 +3,14 @@
 // the library is loaded with dlopen, as the device layer loads it.
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <string>
 
 #include <dlfcn.h>
 #include <openssl/evp.h>
-#include <stdlib.h>
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.hpp"
 #include "zeph_skf.h"
 
 namespace {
@@ -28,23 +27,9 @@ struct Skf {
 };
 
 Skf g_skf;
-std::string g_root;
 
-bool Setup() {
-  char tmpl[] = "/tmp/zeph-bench-softkey-XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) return false;
-  g_root = tmpl;
-  setenv("ZEPH_SOFTKEY_ROOT", tmpl, 1);
-  const std::string tool = std::string(ZEPH_SOFTKEY_TOOL) + " --root " + g_root + " ";
-  const std::string dev = " --serial BENCH01 ";
-  if (std::system((tool + "create-device" + dev + ">/dev/null").c_str()) != 0 ||
-      std::system(
-          (tool + "create-app" + dev + "--app VorliEcc --admin-pin 12345678 --user-pin " + kUserPin + " >/dev/null")
-              .c_str()) != 0 ||
-      std::system(
-          (tool + "gen-key" + dev + "--app VorliEcc --container ECC --alg sm2 --user-pin " + kUserPin + " >/dev/null")
-              .c_str()) != 0)
-    return false;
+bool Setup(const zeph_bench::BenchSoftkey &key) {
+  if (!key.MakeSm2Key("BENCH01", "VorliEcc", kUserPin)) return false;
   void *lib = dlopen(ZEPH_SOFTKEY_LIB, RTLD_NOW | RTLD_LOCAL);
   if (lib == nullptr) return false;
   g_skf.connect = reinterpret_cast<PFN_SKF_ConnectDev>(dlsym(lib, "SKF_ConnectDev"));
@@ -123,37 +108,10 @@ BENCHMARK(BM_Softkey_ECCSignData);
 BENCHMARK(BM_Softkey_SessionAndSign);
 BENCHMARK(BM_OpenSSL_SM2Sign);
 
-// Keeps the time per iteration of every run, for the ratio at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const auto &r : runs)
-      if (r.run_type == Run::RT_Iteration && r.iterations > 0)
-        seconds_[r.benchmark_name()] = r.real_accumulated_time / static_cast<double>(r.iterations);
-    ConsoleReporter::ReportRuns(runs);
-  }
-  double Seconds(const std::string &name) const {
-    auto it = seconds_.find(name);
-    return it == seconds_.end() ? 0 : it->second;
-  }
-
- private:
-  std::map<std::string, double> seconds_;
-};
-
-}  // namespace
-
-int main(int argc, char **argv) {
-  benchmark::Initialize(&argc, argv);
-  if (!Setup()) {
-    std::fprintf(stderr, "bench_softkey: cannot set up the software key\n");
-    return 1;
-  }
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  const double ours = reporter.Seconds("BM_Softkey_ECCSignData");
-  const double session = reporter.Seconds("BM_Softkey_SessionAndSign");
-  const double openssl = reporter.Seconds("BM_OpenSSL_SM2Sign");
+void PrintRatios(const zeph_bench::RatioReporter &r) {
+  const double ours = r.Seconds("BM_Softkey_ECCSignData");
+  const double session = r.Seconds("BM_Softkey_SessionAndSign");
+  const double openssl = r.Seconds("BM_OpenSSL_SM2Sign");
   if (ours > 0 && openssl > 0) {
     std::printf("softkey SKF_ECCSignData: %.0f signatures/s, OpenSSL SM2: %.0f signatures/s, ratio %.2f\n", 1 / ours,
                 1 / openssl, openssl / ours);
@@ -161,7 +119,15 @@ int main(int argc, char **argv) {
   if (session > 0 && openssl > 0)
     std::printf("softkey whole session (connect, PIN, container, sign): %.0f/s, %.3f of OpenSSL's rate\n", 1 / session,
                 openssl / session);
-  std::system(("rm -rf '" + g_root + "'").c_str());
-  benchmark::Shutdown();
-  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  const zeph_bench::BenchSoftkey key;
+  if (!Setup(key)) {
+    std::fprintf(stderr, "bench_softkey: cannot set up the software key\n");
+    return 1;
+  }
+  return zeph_bench::RunWithRatios(argc, argv, PrintRatios);
 }

@@ -73,17 +73,17 @@ ZEPH_API void *getCryptoDeviceHandleWithKeySN(const char *key_sn);
 
 /* The keys plugged in now, as a JSON array of objects
  * {"keySN":..,"vid":..,"skfLib":..,"type":n}. A NULL buffer asks for the
- * length (text plus terminator); otherwise *in_out_length is the capacity and
+ * length (text plus terminator); otherwise *in_out_len is the capacity and
  * must exceed the text length, else ERR_BUFFER_TOO_SMALL with the needed
  * length. On success the length written back counts the terminator. */
-ZEPH_API uint32_t ZEPH_C_ukey_detection_getList(char *out_text, uint32_t *in_out_length);
+ZEPH_API uint32_t ZEPH_C_ukey_detection_getList(char *out_text, uint32_t *in_out_len);
 
 /* JSON array (formatted, at most 1,023 characters) of the vid of every
  * vendor whose library did not load. NULL buffer: length query; otherwise
- * *in_out_length is the capacity (ERR_BUFFER_TOO_SMALL when short). The
+ * *in_out_len is the capacity (ERR_BUFFER_TOO_SMALL when short). The
  * length written back excludes the terminator, which is added when there is
  * room. */
-ZEPH_API uint32_t ZEPH_C_ukey_detection_getDevErrStatus(char *out_text, uint32_t *in_out_length);
+ZEPH_API uint32_t ZEPH_C_ukey_detection_getDevErrStatus(char *out_text, uint32_t *in_out_len);
 
 /* Splits keySN into the device type and library of the first vendor entry
  * whose vid occurs in it, and the device name after "<vid>_". out_skf_lib
@@ -153,16 +153,16 @@ ZEPH_API uint32_t GM_SKF_CTX_DelAllApp(GM_SKF_CTX *ctx);
 /* ---- Key operations (inside a session on the key's container) ---------- */
 
 /* The value to sign: SM3(Z || M) for an SM2 signing session, otherwise the
- * DER DigestInfo of the message digest (digest_id: 1 SM3, 2 SHA-1,
- * 4 SHA-256, 8 SHA-384, 16 SHA-512, 128 MD5). */
+ * DER DigestInfo of the message digest (the low 16 bits of digest_id are a
+ * ZEPH_DIGEST_* identifier of zeph_c_api.h). */
 ZEPH_API uint32_t GM_SKF_CTX_DataOnPretreatment(GM_SKF_CTX *ctx, const unsigned char *msg, uint32_t msg_len,
                                                 unsigned char *out, uint32_t *in_out_len, uint32_t digest_id);
 /* RSA: the vendor's signature, *in_out_sig_len is the capacity. SM2: 64
- * bytes r || s are always written; sig must hold 64 bytes. */
+ * bytes r || s are always written; out_sig must hold 64 bytes. */
 ZEPH_API uint32_t GM_SKF_CTX_SignHash(GM_SKF_CTX *ctx, const unsigned char *value, uint32_t value_len,
-                                      unsigned char *sig, uint32_t *in_out_sig_len);
+                                      unsigned char *out_sig, uint32_t *in_out_sig_len);
 ZEPH_API uint32_t GM_SKF_CTX_SignHashEx(GM_SKF_CTX *ctx, const unsigned char *value, uint32_t value_len,
-                                        unsigned char *sig, uint32_t *in_out_sig_len, uint32_t *extra);
+                                        unsigned char *out_sig, uint32_t *in_out_sig_len, uint32_t *extra);
 /* RSA decryption with PKCS#1 type-2 padding removed (device type 10 returns
  * the vendor's output as it is). */
 ZEPH_API uint32_t GM_SKF_CTX_DoAsymDec(GM_SKF_CTX *ctx, const unsigned char *cipher, uint32_t cipher_len,
@@ -175,6 +175,13 @@ ZEPH_API uint32_t GM_SKF_CTX_SM2Decrypt(GM_SKF_CTX *ctx, const unsigned char *ci
  * vendor as the blob length (at least 132 for SM2, 268 for RSA). */
 ZEPH_API uint32_t GM_SKF_CTX_ExportPublicKey(GM_SKF_CTX *ctx, unsigned char *out, uint32_t *in_out_len);
 ZEPH_API uint32_t GM_SKF_CTX_GenRandom(GM_SKF_CTX *ctx, uint32_t length, unsigned char *out);
+/* The DER certificate of the session's container: the signing one
+ * (sign_flag 1) or the encryption one (0). NULL out asks for the length;
+ * otherwise *in_out_len is the capacity (ERR_BUFFER_TOO_SMALL with the
+ * length when short). Vendor statuses pass unchanged; a library without
+ * the entry point gives ERR_GET_CERT_FAILED. */
+ZEPH_API uint32_t GM_SKF_CTX_ExportCertificate(GM_SKF_CTX *ctx, uint32_t sign_flag, unsigned char *out,
+                                               uint32_t *in_out_len);
 
 /* In-place DigestInfo encoding: buffer holds digest_len bytes of a digest of
  * the given NID on entry and the DER DigestInfo on success, so it must have
@@ -230,12 +237,10 @@ ZEPH_API uint32_t GM_SKF_CTX_GenECCKeyPair(GM_SKF_CTX *ctx);
 ZEPH_API uint32_t GM_SKF_CTX_ImportECCKeyPair(GM_SKF_CTX *ctx, const unsigned char *blob, uint32_t blob_len);
 ZEPH_API uint32_t GM_SKF_CTX_ImportRSAKeyPair(GM_SKF_CTX *ctx, const unsigned char *wrapped_key, uint32_t wrapped_len,
                                               const unsigned char *encrypted_key, uint32_t encrypted_len);
-/* The signing (sign_flag non-zero) or encryption certificate, DER. Export
- * follows the output protocol (NULL asks for the length). */
+/* Stores the signing (sign_flag non-zero) or encryption certificate, DER;
+ * GM_SKF_CTX_ExportCertificate reads it back. */
 ZEPH_API uint32_t GM_SKF_CTX_ImportCertificate(GM_SKF_CTX *ctx, uint32_t sign_flag, const unsigned char *cert,
                                                uint32_t cert_len);
-ZEPH_API uint32_t GM_SKF_CTX_ExportCertificate(GM_SKF_CTX *ctx, uint32_t sign_flag, unsigned char *out,
-                                               uint32_t *in_out_len);
 /* The signing or encryption public key in the forms of
  * GM_SKF_CTX_ExportPublicKey (SM2 for sessions on an SM2 object), with the
  * output protocol. */

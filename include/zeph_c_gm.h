@@ -81,24 +81,24 @@ ZEPH_API uint32_t BIVO_sm3_digest_final(BIVO_SM3_CTX *ctx, unsigned char *out32)
 
 /* Z = SM3(ENTL || id || a || b || xG || yG || xA || yA), library SM3. */
 ZEPH_API uint32_t ComputeUserIdSm3Digest(const char *id, const unsigned char *pubkey65, uint32_t pubkey_len,
-                                         unsigned char *z_out32);
+                                         unsigned char *out_z);
 /* The same Z through OpenSSL's EVP SM3. */
 ZEPH_API uint32_t ComputeUserIdSm3Digest_EVP(const char *id, const unsigned char *pubkey65, uint32_t pubkey_len,
-                                             unsigned char *z_out32);
+                                             unsigned char *out_z);
 
 /* e = SM3(Z || M), library SM3. */
 ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest(const char *id, const unsigned char *pubkey65, uint32_t pubkey_len,
-                                                  const unsigned char *msg, uint32_t msg_len, unsigned char *e_out32);
+                                                  const unsigned char *msg, uint32_t msg_len, unsigned char *out_e);
 /* e = SM3(Z || M) through OpenSSL's EVP SM3. */
 ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_EVP(const char *id, const unsigned char *pubkey65,
                                                       uint32_t pubkey_len, const unsigned char *msg, uint32_t msg_len,
-                                                      unsigned char *e_out32);
+                                                      unsigned char *out_e);
 /* Streaming e: init once (computes Z, allocates the context), update any
  * number of times, final once (writes e, frees the context). */
 ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_init(const char *id, const unsigned char *pubkey65,
                                                        uint32_t pubkey_len, BIVO_SM3_CTX **out_ctx);
 ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_update(BIVO_SM3_CTX *ctx, const unsigned char *data, uint32_t len);
-ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_final(BIVO_SM3_CTX *ctx, unsigned char *e_out32);
+ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_final(BIVO_SM3_CTX *ctx, unsigned char *out_e);
 
 /* ==== SM3 hash DRBG ==================================================== */
 /* Hash_DRBG with SM3 and a 440-bit seed. Limits: entropy at least 256 bytes;
@@ -229,22 +229,22 @@ ZEPH_API uint32_t BIVO_Sm4CbcDecryptFileWithAutoRemovePadding(const char *path, 
                                                               uint32_t *out_len);
 
 /* Padding helpers. AddPadding and RemovePadding: NULL out stores the result
- * length in *out_len; otherwise *out_len is the capacity (25 when too small,
- * *out_len then left alone) and receives the length. RemovePadding trusts
+ * length in *in_out_len; otherwise *in_out_len is the capacity (25 when too small,
+ * *in_out_len then left alone) and receives the length. RemovePadding trusts
  * the pad value (run CheckPaddingValidity first) but gives 58 when it
  * exceeds len. CheckPaddingValidity: 0 or 58. */
-ZEPH_API uint32_t AddPadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *out_len);
-ZEPH_API uint32_t RemovePadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *out_len);
+ZEPH_API uint32_t AddPadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *in_out_len);
+ZEPH_API uint32_t RemovePadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *in_out_len);
 ZEPH_API uint32_t CheckPaddingValidity(const unsigned char *buf, uint32_t len);
 
 /* ==== Whole-file helpers =============================================== */
 /* Size of a regular file: 0, or 1 for a null pointer, 2 when it cannot be
  * measured or exceeds 4 GiB - 1. */
-ZEPH_API uint32_t GetFileLength(const char *path, uint32_t *out_length);
+ZEPH_API uint32_t GetFileLength(const char *path, uint32_t *out_len);
 /* Reads a file whole into a buffer allocated here (released with
  * FreeFileInMemoryBuffer): 0, 1 null pointer, 2 file error, 4 no memory.
  * An empty file gives a valid buffer and length 0. */
-ZEPH_API uint32_t ReadFileIntoMemoryBuffer(const char *path, unsigned char **out_buffer, uint32_t *out_length);
+ZEPH_API uint32_t ReadFileIntoMemoryBuffer(const char *path, unsigned char **out_buffer, uint32_t *out_len);
 ZEPH_API void FreeFileInMemoryBuffer(unsigned char *buffer);
 
 ZEPH_END_DECLS

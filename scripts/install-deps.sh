@@ -4,7 +4,8 @@
 set -euo pipefail
 # valgrind: memcheck runs the constant-time test of the SM2 arithmetic.
 packages=(g++ gcc make cmake ninja-build pkg-config binutils libssl-dev openssl libcjson-dev
-          libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev valgrind)
+          libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev valgrind
+          clang-format)  # clang-format: make format-check
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then

@@ -5,6 +5,7 @@
 #include <openssl/core_names.h>
 #include <openssl/obj_mac.h>
 #include <openssl/param_build.h>
+#include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
 
@@ -13,28 +14,14 @@ namespace softkey {
 namespace {
 
 using zeph::BnPtr;
+using zeph::EcGroupPtr;
+using zeph::EcPointPtr;
 using zeph::EvpCipherCtxPtr;
 using zeph::EvpMdCtxPtr;
 using zeph::EvpPkeyCtxPtr;
+using zeph::ParamBldPtr;
+using zeph::ParamPtr;
 using zeph::X509Ptr;
-using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, zeph::Free<OSSL_PARAM_BLD_free>>;
-using ParamPtr = std::unique_ptr<OSSL_PARAM, zeph::Free<OSSL_PARAM_free>>;
-using EcGroupPtr = zeph::EcGroupPtr;
-using EcPointPtr = zeph::EcPointPtr;
-
-// SM2 recommended curve: a, b, xG, yG (big-endian), the Z digest's middle.
-// clang-format off
-constexpr uint8_t kCurveParams[128] = {
-    0xFF, 0xFF, 0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
-    0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFC,
-    0x28, 0xE9, 0xFA, 0x9E, 0x9D, 0x9F, 0x5E, 0x34, 0x4D, 0x5A, 0x9E, 0x4B, 0xCF, 0x65, 0x09, 0xA7,
-    0xF3, 0x97, 0x89, 0xF5, 0x15, 0xAB, 0x8F, 0x92, 0xDD, 0xBC, 0xBD, 0x41, 0x4D, 0x94, 0x0E, 0x93,
-    0x32, 0xC4, 0xAE, 0x2C, 0x1F, 0x19, 0x81, 0x19, 0x5F, 0x99, 0x04, 0x46, 0x6A, 0x39, 0xC9, 0x94,
-    0x8F, 0xE3, 0x0B, 0xBF, 0xF2, 0x66, 0x0B, 0xE1, 0x71, 0x5A, 0x45, 0x89, 0x33, 0x4C, 0x74, 0xC7,
-    0xBC, 0x37, 0x36, 0xA2, 0xF4, 0xF6, 0x77, 0x9C, 0x59, 0xBD, 0xCE, 0xE3, 0x6B, 0x69, 0x21, 0x53,
-    0xD0, 0xA9, 0x87, 0x7C, 0xC6, 0x2A, 0x47, 0x40, 0x02, 0xDF, 0x32, 0xE5, 0x21, 0x39, 0xF0, 0xA0,
-};
-// clang-format on
 
 constexpr size_t kIv = 16, kTag = 32;
 
@@ -64,6 +51,33 @@ bool Sm4Cbc(bool encrypt, ByteSpan key16, const uint8_t iv[16], ByteSpan in, Byt
 }
 
 EcGroupPtr Sm2Group() { return EcGroupPtr(EC_GROUP_new_by_curve_name(NID_sm2)); }
+
+// a || b || xG || yG of OpenSSL's SM2 group, big-endian: the middle of every Z.
+// Empty when OpenSSL cannot say.
+struct CurveParams {
+  uint8_t bytes[4 * zeph::kSm2CoordLen];
+  bool ok = false;
+};
+
+CurveParams ReadCurveParams() {
+  CurveParams out{};
+  EcGroupPtr g = Sm2Group();
+  BnPtr p(BN_new()), a(BN_new()), b(BN_new()), x(BN_new()), y(BN_new());
+  const EC_POINT *gen = g ? EC_GROUP_get0_generator(g.get()) : nullptr;
+  if (gen == nullptr || !p || !a || !b || !x || !y ||
+      EC_GROUP_get_curve(g.get(), p.get(), a.get(), b.get(), nullptr) != 1 ||
+      EC_POINT_get_affine_coordinates(g.get(), gen, x.get(), y.get(), nullptr) != 1)
+    return out;
+  constexpr int n = zeph::kSm2CoordLen;
+  out.ok = BN_bn2binpad(a.get(), out.bytes, n) == n && BN_bn2binpad(b.get(), out.bytes + n, n) == n &&
+           BN_bn2binpad(x.get(), out.bytes + 2 * n, n) == n && BN_bn2binpad(y.get(), out.bytes + 3 * n, n) == n;
+  return out;
+}
+
+const CurveParams &Sm2CurveParams() {
+  static const CurveParams params = ReadCurveParams();
+  return params;
+}
 
 // SM2 ciphertext as OpenSSL reads it: SEQUENCE { INTEGER x, INTEGER y,
 // OCTET STRING C3, OCTET STRING C2 }.
@@ -136,6 +150,15 @@ bool AddNameEntries(X509_NAME *name, const std::string &subject) {
   return added > 0;
 }
 
+Bytes Der(X509 *x) {
+  unsigned char *der = nullptr;
+  const int n = i2d_X509(x, &der);
+  if (n <= 0) return {};
+  Bytes out(der, der + n);
+  OPENSSL_free(der);
+  return out;
+}
+
 bool AddExtension(X509 *x, int nid, const char *value) {
   X509V3_CTX ctx;
   X509V3_set_ctx_nodb(&ctx);
@@ -149,9 +172,9 @@ bool AddExtension(X509 *x, int nid, const char *value) {
 
 }  // namespace
 
-// ---- sealing ---------------------------------------------------------------
+// ---- wrapping --------------------------------------------------------------
 
-Bytes Seal(ByteSpan key, ByteSpan plain) {
+Bytes Wrap(ByteSpan key, ByteSpan plain) {
   uint8_t iv[kIv];
   RandomOrThrow(iv, sizeof iv);
   Bytes ct;
@@ -164,14 +187,14 @@ Bytes Seal(ByteSpan key, ByteSpan plain) {
   return out;
 }
 
-bool Open(ByteSpan key, ByteSpan sealed, SecureBytes &plain) {
-  if (key.size() != 32 || sealed.size() < kIv + 16 + kTag || (sealed.size() - kIv - kTag) % 16 != 0) return false;
-  const ByteSpan body = sealed.first(sealed.size() - kTag);
+bool Unwrap(ByteSpan key, ByteSpan wrapped, SecureBytes &out_plain) {
+  if (key.size() != 32 || wrapped.size() < kIv + 16 + kTag || (wrapped.size() - kIv - kTag) % 16 != 0) return false;
+  const ByteSpan body = wrapped.first(wrapped.size() - kTag);
   uint8_t tag[kTag];
-  if (!Mac(key.subspan(16), body, tag) || CRYPTO_memcmp(tag, sealed.data() + body.size(), kTag) != 0) return false;
+  if (!Mac(key.subspan(16), body, tag) || CRYPTO_memcmp(tag, wrapped.data() + body.size(), kTag) != 0) return false;
   Bytes pt;
   if (!Sm4Cbc(false, key.first(16), body.data(), body.subspan(kIv), pt)) return false;
-  plain = SecureBytes(pt.data(), pt.size());
+  out_plain = SecureBytes(pt.data(), pt.size());
   OPENSSL_cleanse(pt.data(), pt.size());
   return true;
 }
@@ -197,7 +220,7 @@ void RewrapPin(Pin &rec, std::string_view pin, ByteSpan master) {
   RandomOrThrow(rec.salt.data(), rec.salt.size());
   SecureBytes kek;
   if (!PinKey(rec, pin, kek)) throw std::bad_alloc();
-  rec.wrapped = Seal(kek.span(), master);
+  rec.wrapped = Wrap(kek.span(), master);
   rec.remain = rec.max_retry;
 }
 
@@ -209,20 +232,20 @@ Pin MakePin(std::string_view pin, ByteSpan master, uint32_t max_retry) {
   return rec;
 }
 
-bool UnwrapMaster(const Pin &rec, std::string_view pin, SecureBytes &master) {
+bool UnwrapMaster(const Pin &rec, std::string_view pin, SecureBytes &out_master) {
   SecureBytes kek;
-  return PinKey(rec, pin, kek) && Open(kek.span(), rec.wrapped, master) && master.size() == 32;
+  return PinKey(rec, pin, kek) && Unwrap(kek.span(), rec.wrapped, out_master) && out_master.size() == 32;
 }
 
 // ---- SM4 -------------------------------------------------------------------
 
-bool Sm4Ecb(bool encrypt, ByteSpan key16, const uint8_t *in, size_t n, uint8_t *out) {
-  if (key16.size() != 16 || n % 16 != 0 || n > INT32_MAX) return false;
+bool Sm4EcbUnpadded(bool encrypt, ByteSpan key16, ByteSpan in, uint8_t *out) {
+  if (key16.size() != 16 || in.size() % 16 != 0 || in.size() > INT32_MAX) return false;
   EvpCipherCtxPtr c(EVP_CIPHER_CTX_new());
   int outl = 0;
   return c && EVP_CipherInit_ex(c.get(), EVP_sm4_ecb(), nullptr, key16.data(), nullptr, encrypt ? 1 : 0) == 1 &&
          EVP_CIPHER_CTX_set_padding(c.get(), 0) == 1 &&
-         (n == 0 || EVP_CipherUpdate(c.get(), out, &outl, in, static_cast<int>(n)) == 1);
+         (in.empty() || EVP_CipherUpdate(c.get(), out, &outl, in.data(), static_cast<int>(in.size())) == 1);
 }
 
 // ---- SM2 -------------------------------------------------------------------
@@ -262,19 +285,19 @@ EvpPkeyPtr Sm2FromPoint(ByteSpan point65) {
   return FromData("SM2", EVP_PKEY_PUBLIC_KEY, bld.get());
 }
 
-bool Sm2Point(EVP_PKEY *k, Bytes &point65) {
+bool Sm2Point(EVP_PKEY *k, Bytes &out_point65) {
   uint8_t buf[133];
   size_t n = 0;
   if (EVP_PKEY_get_octet_string_param(k, OSSL_PKEY_PARAM_PUB_KEY, buf, sizeof buf, &n) != 1 || n != 65 ||
       buf[0] != 0x04)
     return false;
-  point65.assign(buf, buf + 65);
+  out_point65.assign(buf, buf + 65);
   return true;
 }
 
-bool Sm2Scalar(EVP_PKEY *k, SecureBytes &d32) {
-  d32 = SecureBytes(32);
-  return BnParam(k, OSSL_PKEY_PARAM_PRIV_KEY, d32.data(), 32);
+bool Sm2Scalar(EVP_PKEY *k, SecureBytes &out_d32) {
+  out_d32 = SecureBytes(32);
+  return BnParam(k, OSSL_PKEY_PARAM_PRIV_KEY, out_d32.data(), 32);
 }
 
 bool Sm2OnCurve(ByteSpan x32, ByteSpan y32) {
@@ -289,7 +312,7 @@ bool Sm2OnCurve(ByteSpan x32, ByteSpan y32) {
          EC_POINT_is_on_curve(g.get(), p.get(), nullptr) == 1;
 }
 
-bool Sm2SignDigest(EVP_PKEY *k, ByteSpan e32, uint8_t r[32], uint8_t s[32]) {
+bool Sm2SignDigest(EVP_PKEY *k, ByteSpan e32, uint8_t out_r[32], uint8_t out_s[32]) {
   if (e32.size() != 32) return false;
   EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(k, nullptr));
   uint8_t der[80];
@@ -298,11 +321,11 @@ bool Sm2SignDigest(EVP_PKEY *k, ByteSpan e32, uint8_t r[32], uint8_t s[32]) {
     return false;
   const unsigned char *p = der;
   zeph::EcdsaSigPtr sig(d2i_ECDSA_SIG(nullptr, &p, static_cast<long>(n)));
-  return sig && BN_bn2binpad(ECDSA_SIG_get0_r(sig.get()), r, 32) == 32 &&
-         BN_bn2binpad(ECDSA_SIG_get0_s(sig.get()), s, 32) == 32;
+  return sig && BN_bn2binpad(ECDSA_SIG_get0_r(sig.get()), out_r, 32) == 32 &&
+         BN_bn2binpad(ECDSA_SIG_get0_s(sig.get()), out_s, 32) == 32;
 }
 
-bool Sm2Decrypt(EVP_PKEY *k, ByteSpan x32, ByteSpan y32, ByteSpan hash32, ByteSpan c2, SecureBytes &plain) {
+bool Sm2Decrypt(EVP_PKEY *k, ByteSpan x32, ByteSpan y32, ByteSpan hash32, ByteSpan c2, SecureBytes &out_plain) {
   Bytes body;
   DerInteger(body, x32);
   DerInteger(body, y32);
@@ -319,20 +342,22 @@ bool Sm2Decrypt(EVP_PKEY *k, ByteSpan x32, ByteSpan y32, ByteSpan hash32, ByteSp
   SecureBytes out(n);
   if (EVP_PKEY_decrypt(ctx.get(), out.data(), &n, der.data(), der.size()) != 1) return false;
   out.resize(n);
-  plain = std::move(out);
+  out_plain = std::move(out);
   return true;
 }
 
-bool Sm2Z(ByteSpan point65, ByteSpan id, uint8_t z[32]) {
-  if (point65.size() != 65 || id.size() > 8191) return false;
+bool Sm2Z(ByteSpan point65, ByteSpan id, uint8_t out_z[32]) {
+  const CurveParams &curve = Sm2CurveParams();
+  if (!curve.ok || point65.size() != 65 || id.size() > 8191) return false;
   const uint16_t entl = static_cast<uint16_t>(id.size() * 8);
   const uint8_t entl_be[2] = {static_cast<uint8_t>(entl >> 8), static_cast<uint8_t>(entl)};
   EvpMdCtxPtr md(EVP_MD_CTX_new());
   unsigned int n = 0;
   return md && EVP_DigestInit_ex(md.get(), EVP_sm3(), nullptr) == 1 && EVP_DigestUpdate(md.get(), entl_be, 2) == 1 &&
          EVP_DigestUpdate(md.get(), id.data(), id.size()) == 1 &&
-         EVP_DigestUpdate(md.get(), kCurveParams, sizeof kCurveParams) == 1 &&
-         EVP_DigestUpdate(md.get(), point65.data() + 1, 64) == 1 && EVP_DigestFinal_ex(md.get(), z, &n) == 1 && n == 32;
+         EVP_DigestUpdate(md.get(), curve.bytes, sizeof curve.bytes) == 1 &&
+         EVP_DigestUpdate(md.get(), point65.data() + 1, 64) == 1 && EVP_DigestFinal_ex(md.get(), out_z, &n) == 1 &&
+         n == 32;
 }
 
 // ---- RSA -------------------------------------------------------------------
@@ -355,19 +380,19 @@ EvpPkeyPtr RsaFromPrivateDer(ByteSpan der) {
 
 uint32_t RsaBits(EVP_PKEY *k) { return k != nullptr ? static_cast<uint32_t>(EVP_PKEY_get_bits(k)) : 0; }
 
-bool RsaSignPkcs1(EVP_PKEY *k, ByteSpan data, Bytes &sig) {
+bool RsaSignPkcs1(EVP_PKEY *k, ByteSpan data, Bytes &out_sig) {
   EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(k, nullptr));
   size_t n = 0;
   if (!ctx || EVP_PKEY_sign_init(ctx.get()) != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
       EVP_PKEY_sign(ctx.get(), nullptr, &n, data.data(), data.size()) != 1)
     return false;
-  sig.assign(n, 0);
-  if (EVP_PKEY_sign(ctx.get(), sig.data(), &n, data.data(), data.size()) != 1) return false;
-  sig.resize(n);
+  out_sig.assign(n, 0);
+  if (EVP_PKEY_sign(ctx.get(), out_sig.data(), &n, data.data(), data.size()) != 1) return false;
+  out_sig.resize(n);
   return true;
 }
 
-bool RsaDecrypt(EVP_PKEY *k, int padding, ByteSpan in, SecureBytes &out) {
+bool RsaDecrypt(EVP_PKEY *k, int padding, ByteSpan in, SecureBytes &out_plain) {
   EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(k, nullptr));
   size_t n = 0;
   if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding) != 1 ||
@@ -376,20 +401,20 @@ bool RsaDecrypt(EVP_PKEY *k, int padding, ByteSpan in, SecureBytes &out) {
   SecureBytes buf(n);
   if (EVP_PKEY_decrypt(ctx.get(), buf.data(), &n, in.data(), in.size()) != 1) return false;
   buf.resize(n);
-  out = std::move(buf);
+  out_plain = std::move(buf);
   return true;
 }
 
-// ---- stored key pairs --------------------------------------------------------
+// ---- stored key pairs ------------------------------------------------------
 
-bool SealKeyPair(EVP_PKEY *k, ByteSpan master, KeyPair &out) {
+bool WrapKeyPair(EVP_PKEY *k, ByteSpan master, KeyPair &out_pair) {
   KeyPair kp;
   if (EVP_PKEY_is_a(k, "SM2")) {
     SecureBytes d;
     if (!Sm2Point(k, kp.pub) || !Sm2Scalar(k, d)) return false;
     kp.alg = SGD_SM2_1;
     kp.bits = 256;
-    kp.sealed = Seal(master, d.span());
+    kp.wrapped = Wrap(master, d.span());
   } else if (EVP_PKEY_is_a(k, "RSA")) {
     unsigned char *pub = nullptr, *priv = nullptr;
     const int pn = i2d_PublicKey(k, &pub);
@@ -404,17 +429,17 @@ bool SealKeyPair(EVP_PKEY *k, ByteSpan master, KeyPair &out) {
     OPENSSL_clear_free(priv, static_cast<size_t>(qn));
     kp.alg = SGD_RSA;
     kp.bits = RsaBits(k);
-    kp.sealed = Seal(master, plain.span());
+    kp.wrapped = Wrap(master, plain.span());
   } else {
     return false;
   }
-  out = std::move(kp);
+  out_pair = std::move(kp);
   return true;
 }
 
-EvpPkeyPtr OpenKeyPair(const KeyPair &kp, ByteSpan master) {
+EvpPkeyPtr UnwrapKeyPair(const KeyPair &kp, ByteSpan master) {
   SecureBytes priv;
-  if (!Open(master, kp.sealed, priv)) return nullptr;
+  if (!Unwrap(master, kp.wrapped, priv)) return nullptr;
   if (kp.alg == SGD_SM2_1) return Sm2FromScalar(priv.span());
   if (kp.alg == SGD_RSA) return RsaFromPrivateDer(priv.span());
   return nullptr;
@@ -428,34 +453,34 @@ EvpPkeyPtr PublicKeyOf(const KeyPair &kp) {
 
 // ---- blobs -------------------------------------------------------------------
 
-void ToEccBlob(ByteSpan point65, ECCPUBLICKEYBLOB &blob) {
-  std::memset(&blob, 0, sizeof blob);
-  blob.BitLen = 256;
-  std::memcpy(blob.XCoordinate + 32, point65.data() + 1, 32);
-  std::memcpy(blob.YCoordinate + 32, point65.data() + 33, 32);
+void ToEccBlob(ByteSpan point65, ECCPUBLICKEYBLOB &out_blob) {
+  std::memset(&out_blob, 0, sizeof out_blob);
+  out_blob.BitLen = 256;
+  std::memcpy(out_blob.XCoordinate + 32, point65.data() + 1, 32);
+  std::memcpy(out_blob.YCoordinate + 32, point65.data() + 33, 32);
 }
 
-bool FromEccBlob(const ECCPUBLICKEYBLOB &blob, Bytes &point65) {
+bool FromEccBlob(const ECCPUBLICKEYBLOB &blob, Bytes &out_point65) {
   static const uint8_t kZero[32] = {};
   if (blob.BitLen != 256 || std::memcmp(blob.XCoordinate, kZero, 32) != 0 ||
       std::memcmp(blob.YCoordinate, kZero, 32) != 0)
     return false;
   const ByteSpan x(blob.XCoordinate + 32, 32), y(blob.YCoordinate + 32, 32);
   if (!Sm2OnCurve(x, y)) return false;
-  point65.assign(1, 0x04);
-  point65.insert(point65.end(), x.begin(), x.end());
-  point65.insert(point65.end(), y.begin(), y.end());
+  out_point65.assign(1, 0x04);
+  out_point65.insert(out_point65.end(), x.begin(), x.end());
+  out_point65.insert(out_point65.end(), y.begin(), y.end());
   return true;
 }
 
-bool ToRsaBlob(EVP_PKEY *k, RSAPUBLICKEYBLOB &blob) {
-  std::memset(&blob, 0, sizeof blob);
+bool ToRsaBlob(EVP_PKEY *k, RSAPUBLICKEYBLOB &out_blob) {
+  std::memset(&out_blob, 0, sizeof out_blob);
   const uint32_t bits = RsaBits(k);
   if (bits == 0 || bits > 2048) return false;
-  blob.AlgID = SGD_RSA;
-  blob.BitLen = bits;
-  return BnParam(k, OSSL_PKEY_PARAM_RSA_N, blob.Modulus, sizeof blob.Modulus) &&
-         BnParam(k, OSSL_PKEY_PARAM_RSA_E, blob.PublicExponent, sizeof blob.PublicExponent);
+  out_blob.AlgID = SGD_RSA;
+  out_blob.BitLen = bits;
+  return BnParam(k, OSSL_PKEY_PARAM_RSA_N, out_blob.Modulus, sizeof out_blob.Modulus) &&
+         BnParam(k, OSSL_PKEY_PARAM_RSA_E, out_blob.PublicExponent, sizeof out_blob.PublicExponent);
 }
 
 // ---- certificates --------------------------------------------------------------
@@ -485,18 +510,20 @@ Bytes SelfSignedCert(EVP_PKEY *k, const std::string &subject, int days, bool enc
   EvpMdCtxPtr md(EVP_MD_CTX_new());
   if (!md || !pctx) return {};
   if (sm2) {
-    if (EVP_PKEY_CTX_set1_id(pctx.get(), kDefaultId, sizeof kDefaultId - 1) != 1) return {};
+    if (EVP_PKEY_CTX_set1_id(pctx.get(), kDefaultId.data(), kDefaultId.size()) != 1) return {};
     EVP_MD_CTX_set_pkey_ctx(md.get(), pctx.get());
   }
   if (EVP_DigestSignInit(md.get(), nullptr, sm2 ? EVP_sm3() : EVP_sha256(), nullptr, k) != 1 ||
       X509_sign_ctx(x.get(), md.get()) <= 0)
     return {};
-  unsigned char *der = nullptr;
-  const int n = i2d_X509(x.get(), &der);
-  if (n <= 0) return {};
-  Bytes out(der, der + n);
-  OPENSSL_free(der);
-  return out;
+  return Der(x.get());
+}
+
+Bytes CertificateDer(ByteSpan file) {
+  zeph::BioPtr bio(BIO_new_mem_buf(file.data(), static_cast<int>(file.size())));
+  zeph::X509Ptr x(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+  if (x) return Der(x.get());
+  return IsCertificate(file) ? Bytes(file.begin(), file.end()) : Bytes{};
 }
 
 bool IsCertificate(ByteSpan der) {

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "registry.hpp"
+#include "entry.hpp"
 
 using namespace softkey;
 
@@ -104,10 +104,7 @@ ULONG SKF_CreateApplication(DEVHANDLE hDev, LPSTR szAppName, LPSTR szAdminPin, D
       dev.apps.push_back(app);
       return SAR_OK;
     }));
-    auto obj = std::make_unique<AppObj>();
-    obj->dir = d.obj->dir;
-    obj->app_id = app.id;
-    *phApplication = Handles().Add(std::move(obj), hDev);
+    *phApplication = AddAppHandle(d.obj->dir, app.id, hDev);
     return SAR_OK;
   });
 }
@@ -116,10 +113,7 @@ ULONG SKF_EnumApplication(DEVHANDLE hDev, LPSTR szAppName, ULONG *pulSize) {
   return Call("SKF_EnumApplication", H(hDev), nullptr, [&]() -> ULONG {
     DevRef d;
     ZEPH_TRY(ResolveDevice(hDev, d));
-    ZEPH_ENSURE(pulSize != nullptr, SAR_INVALIDPARAMERR);
-    std::vector<std::string> names;
-    for (const auto &a : d.dev->apps) names.push_back(a.name);
-    return PutNameList(names, szAppName, pulSize);
+    return PutNamesOf(d.dev->apps, szAppName, pulSize);
   });
 }
 
@@ -149,20 +143,13 @@ ULONG SKF_OpenApplication(DEVHANDLE hDev, LPSTR szAppName, HAPPLICATION *phAppli
     ZEPH_TRY(ReadAppName(szAppName, name));
     const Application *app = d.dev->FindApp(name);
     ZEPH_ENSURE(app != nullptr, SAR_APPLICATION_NOT_EXISTS);
-    auto obj = std::make_unique<AppObj>();
-    obj->dir = d.obj->dir;
-    obj->app_id = app->id;
-    *phApplication = Handles().Add(std::move(obj), hDev);
+    *phApplication = AddAppHandle(d.obj->dir, app->id, hDev);
     return SAR_OK;
   });
 }
 
 ULONG SKF_CloseApplication(HAPPLICATION hApplication) {
-  return Call("SKF_CloseApplication", H(hApplication), nullptr, [&]() -> ULONG {
-    ZEPH_ENSURE(Handles().Get<AppObj>(hApplication) != nullptr, SAR_INVALIDHANDLEERR);
-    Handles().Close(hApplication);
-    return SAR_OK;
-  });
+  return Call("SKF_CloseApplication", H(hApplication), nullptr, [&] { return CloseAs<AppObj>(hApplication); });
 }
 
 ULONG SKF_VerifyPIN(HAPPLICATION hApp, ULONG ulPINType, LPSTR szPIN, ULONG *pulRetryCount) {
@@ -175,7 +162,7 @@ ULONG SKF_VerifyPIN(HAPPLICATION hApp, ULONG ulPINType, LPSTR szPIN, ULONG *pulR
     ULONG result = SAR_FAIL;
     SecureBytes master;
     ZEPH_TRY(Change(a.obj->dir, [&](Device &dev) -> ULONG {
-      Application *app = dev.AppById(a.obj->app_id);
+      Application *app = AppIn(dev, *a.obj);
       ZEPH_ENSURE(app != nullptr, SAR_INVALIDHANDLEERR);
       bool changed = false;
       result = CheckPin(ulPINType == USER_TYPE ? app->user : app->admin, pin, master, pulRetryCount, changed);
@@ -201,7 +188,7 @@ ULONG SKF_ChangePIN(HAPPLICATION hApp, ULONG ulPINType, LPSTR szOldPin, LPSTR sz
     ZEPH_TRY(ReadPin(szNewPin, new_pin));
     ULONG result = SAR_FAIL;
     ZEPH_TRY(Change(a.obj->dir, [&](Device &dev) -> ULONG {
-      Application *app = dev.AppById(a.obj->app_id);
+      Application *app = AppIn(dev, *a.obj);
       ZEPH_ENSURE(app != nullptr, SAR_INVALIDHANDLEERR);
       Pin &rec = ulPINType == USER_TYPE ? app->user : app->admin;
       SecureBytes master;
@@ -241,7 +228,7 @@ ULONG SKF_UnblockPIN(HAPPLICATION hApp, LPSTR szAdminPIN, LPSTR szNewUserPIN, UL
     ZEPH_TRY(ReadPin(szNewUserPIN, user_pin));
     ULONG result = SAR_FAIL;
     ZEPH_TRY(Change(a.obj->dir, [&](Device &dev) -> ULONG {
-      Application *app = dev.AppById(a.obj->app_id);
+      Application *app = AppIn(dev, *a.obj);
       ZEPH_ENSURE(app != nullptr, SAR_INVALIDHANDLEERR);
       SecureBytes master;
       bool changed = false;

@@ -1,21 +1,19 @@
 // Containers: their key pairs (a signing pair and an encryption pair, both
 // SM2 or both RSA), certificates, and every operation with a private key.
 // Private keys are used only on a handle whose application has the user PIN
-// verified; they are unsealed once per container handle.
+// verified; they are unwrapped once per container handle.
 #include <cstring>
 #include <vector>
 
 #include <openssl/rsa.h>
 
-#include "registry.hpp"
+#include "entry.hpp"
 
 using namespace softkey;
 
 namespace {
 
-[[maybe_unused]] constexpr ULONG kMaxEccCipher = 65536;
 constexpr ULONG kMaxCertificate = 65536;
-[[maybe_unused]] constexpr size_t kEccCipherHeader = offsetof(ECCCIPHERBLOB, Cipher);
 
 ULONG ReadContainerName(const char *p, std::string_view &out) {
   switch (ReadText(p, kMaxContainerName, out)) {
@@ -37,26 +35,21 @@ ULONG PrivateKey(ConRef &c, bool sign, uint32_t alg, EVP_PKEY *&out) {
   ZEPH_ENSURE(kp.has_value(), SAR_KEYNOTFOUNTERR);
   ZEPH_ENSURE(kp->alg == alg, SAR_KEYINFOTYPEERR);
   KeyCache &cache = sign ? c.obj->sign_cache : c.obj->enc_cache;
-  if (!cache.key || cache.sealed != kp->sealed) {
-    cache.key = OpenKeyPair(*kp, c.app_obj->master.span());
-    cache.sealed = kp->sealed;
-    ZEPH_ENSURE(cache.key != nullptr, SAR_FILEERR);  // sealed under another master key: a damaged device
+  if (!cache.key || cache.wrapped != kp->wrapped) {
+    cache.key = UnwrapKeyPair(*kp, c.app_obj->master.span());
+    cache.wrapped = kp->wrapped;
+    ZEPH_ENSURE(cache.key != nullptr, SAR_FILEERR);  // wrapped under another master key: a damaged device
   }
   out = cache.key.get();
   return SAR_OK;
 }
 
-// Decryption uses the encryption pair, or the signing pair of a container
-// that has no encryption pair.
-[[maybe_unused]] bool DecryptWithSign(const Container &c) { return !c.enc.has_value(); }
-
 ULONG StoreKey(const ConRef &c, bool sign, EVP_PKEY *key) {
   KeyPair kp;
-  ZEPH_ENSURE(SealKeyPair(key, c.app_obj->master.span(), kp), SAR_FAIL);
+  ZEPH_ENSURE(WrapKeyPair(key, c.app_obj->master.span(), kp), SAR_FAIL);
   const ULONG type = kp.alg == SGD_RSA ? CONTAINER_TYPE_RSA : CONTAINER_TYPE_ECC;
   return Change(c.obj->dir, [&](Device &dev) -> ULONG {
-    Application *app = dev.AppById(c.obj->app_id);
-    Container *con = app != nullptr ? app->ContainerById(c.obj->con_id) : nullptr;
+    Container *con = ContainerIn(dev, *c.obj);
     ZEPH_ENSURE(con != nullptr, SAR_INVALIDHANDLEERR);
     // One container holds one kind of key.
     ZEPH_ENSURE(con->Type() == CONTAINER_TYPE_EMPTY || con->Type() == type, SAR_KEYINFOTYPEERR);
@@ -135,18 +128,14 @@ ULONG SKF_CreateContainer(HAPPLICATION hApplication, LPSTR szContainerName, HCON
     con.name = std::string(name);
     con.id = RandomId();
     ZEPH_TRY(Change(a.obj->dir, [&](Device &dev) -> ULONG {
-      Application *app = dev.AppById(a.obj->app_id);
+      Application *app = AppIn(dev, *a.obj);
       ZEPH_ENSURE(app != nullptr, SAR_INVALIDHANDLEERR);
       ZEPH_ENSURE(app->FindContainer(name) == nullptr, SAR_FILE_ALREADY_EXIST);
       ZEPH_ENSURE(app->containers.size() < kMaxContainers, SAR_REACH_MAX_CONTAINER_COUNT);
       app->containers.push_back(con);
       return SAR_OK;
     }));
-    auto obj = std::make_unique<ContainerObj>();
-    obj->dir = a.obj->dir;
-    obj->app_id = a.obj->app_id;
-    obj->con_id = con.id;
-    *phContainer = Handles().Add(std::move(obj), hApplication);
+    *phContainer = AddContainerHandle(a.obj->dir, a.obj->app_id, con.id, hApplication);
     return SAR_OK;
   });
 }
@@ -159,7 +148,7 @@ ULONG SKF_DeleteContainer(HAPPLICATION hApplication, LPSTR szContainerName) {
     ZEPH_TRY(ReadContainerName(szContainerName, name));
     ZEPH_TRY(NeedUser(*a.obj));
     return Change(a.obj->dir, [&](Device &dev) -> ULONG {
-      Application *app = dev.AppById(a.obj->app_id);
+      Application *app = AppIn(dev, *a.obj);
       ZEPH_ENSURE(app != nullptr, SAR_INVALIDHANDLEERR);
       Container *con = app->FindContainer(name);
       ZEPH_ENSURE(con != nullptr, SAR_FILE_NOT_EXIST);
@@ -178,31 +167,20 @@ ULONG SKF_OpenContainer(HAPPLICATION hApplication, LPSTR szContainerName, HCONTA
     ZEPH_ENSURE(phContainer != nullptr, SAR_INVALIDPARAMERR);
     const Container *con = a.app->FindContainer(name);
     ZEPH_ENSURE(con != nullptr, SAR_FILE_NOT_EXIST);
-    auto obj = std::make_unique<ContainerObj>();
-    obj->dir = a.obj->dir;
-    obj->app_id = a.obj->app_id;
-    obj->con_id = con->id;
-    *phContainer = Handles().Add(std::move(obj), hApplication);
+    *phContainer = AddContainerHandle(a.obj->dir, a.obj->app_id, con->id, hApplication);
     return SAR_OK;
   });
 }
 
 ULONG SKF_CloseContainer(HCONTAINER hContainer) {
-  return Call("SKF_CloseContainer", H(hContainer), nullptr, [&]() -> ULONG {
-    ZEPH_ENSURE(Handles().Get<ContainerObj>(hContainer) != nullptr, SAR_INVALIDHANDLEERR);
-    Handles().Close(hContainer);
-    return SAR_OK;
-  });
+  return Call("SKF_CloseContainer", H(hContainer), nullptr, [&] { return CloseAs<ContainerObj>(hContainer); });
 }
 
 ULONG SKF_EnumContainer(HAPPLICATION hApplication, LPSTR szContainerName, ULONG *pulSize) {
   return Call("SKF_EnumContainer", H(hApplication), nullptr, [&]() -> ULONG {
     AppRef a;
     ZEPH_TRY(ResolveApp(hApplication, a));
-    ZEPH_ENSURE(pulSize != nullptr, SAR_INVALIDPARAMERR);
-    std::vector<std::string> names;
-    for (const auto &c : a.app->containers) names.push_back(c.name);
-    return PutNameList(names, szContainerName, pulSize);
+    return PutNamesOf(a.app->containers, szContainerName, pulSize);
   });
 }
 
@@ -226,8 +204,7 @@ ULONG SKF_ImportCertificate(HCONTAINER hContainer, BOOL bSignFlag, BYTE *pbCert,
     const Bytes der(pbCert, pbCert + ulCertLen);
     ZEPH_ENSURE(IsCertificate(der), SAR_INVALIDPARAMERR);
     return Change(c.obj->dir, [&](Device &dev) -> ULONG {
-      Application *app = dev.AppById(c.obj->app_id);
-      Container *con = app != nullptr ? app->ContainerById(c.obj->con_id) : nullptr;
+      Container *con = ContainerIn(dev, *c.obj);
       ZEPH_ENSURE(con != nullptr, SAR_INVALIDHANDLEERR);
       (bSignFlag != FALSE ? con->sign_cert : con->enc_cert) = der;
       return SAR_OK;
@@ -304,7 +281,7 @@ ULONG SKF_ImportECCKeyPair(HCONTAINER hContainer, ENVELOPEDKEYBLOB *pEnvelopedKe
     ZEPH_ENSURE(symm.size() == 16, SAR_INDATAERR);
     // The plaintext is the 64-byte private key field: zero upper half, then d.
     SecureBytes field(64);
-    ZEPH_ENSURE(Sm4Ecb(false, symm.span(), env->cbEncryptedPriKey, 64, field.data()), SAR_FAIL);
+    ZEPH_ENSURE(Sm4EcbUnpadded(false, symm.span(), ByteSpan(env->cbEncryptedPriKey, 64), field.data()), SAR_FAIL);
     static const uint8_t kZero[32] = {};
     ZEPH_ENSURE(CRYPTO_memcmp(field.data(), kZero, 32) == 0, SAR_INDATAERR);
     EvpPkeyPtr key = Sm2FromScalar(field.span().subspan(32));
@@ -331,7 +308,8 @@ ULONG SKF_ImportRSAKeyPair(HCONTAINER hContainer, ULONG ulSymAlgId, BYTE *pbWrap
     ZEPH_ENSURE(symm.size() == 16, SAR_INDATAERR);
     // DER RSAPrivateKey, padded (PKCS#5) or not.
     SecureBytes der(ulEncryptedDataLen);
-    ZEPH_ENSURE(Sm4Ecb(false, symm.span(), pbEncryptedData, ulEncryptedDataLen, der.data()), SAR_FAIL);
+    ZEPH_ENSURE(Sm4EcbUnpadded(false, symm.span(), ByteSpan(pbEncryptedData, ulEncryptedDataLen), der.data()),
+                SAR_FAIL);
     EvpPkeyPtr key = RsaFromPrivateDer(der.span());
     const uint8_t pad = der[der.size() - 1];
     if (key == nullptr && pad >= 1 && pad <= 16) key = RsaFromPrivateDer(der.span().first(der.size() - pad));
@@ -356,7 +334,23 @@ ULONG SKF_RSASignData(HCONTAINER hContainer, BYTE *pbData, ULONG ulDataLen, BYTE
               [&]() -> ULONG { return RsaSign(hContainer, pbData, ulDataLen, pbSignature, pulSignLen); });
 }
 
+}  // extern "C"
+
+// The vendor extensions; the library without extensions leaves them out.
 #ifndef ZEPH_SOFTKEY_NO_EXT
+
+namespace {
+
+constexpr ULONG kMaxEccCipher = 65536;
+constexpr size_t kEccCipherHeader = offsetof(ECCCIPHERBLOB, Cipher);
+
+// Decryption uses the encryption pair, or the signing pair of a container
+// that has no encryption pair.
+bool DecryptWithSign(const Container &c) { return !c.enc.has_value(); }
+
+}  // namespace
+
+extern "C" {
 
 ULONG SKF_Ex_GenRSAKeyPair(HCONTAINER hContainer, ULONG ulBitsLen, RSAPUBLICKEYBLOB *pBlob) {
   return Call("SKF_Ex_GenRSAKeyPair", H(hContainer), nullptr,
@@ -388,8 +382,8 @@ ULONG SKF_Eu_ECCSignData(HCONTAINER hContainer, BYTE *pbData, ULONG ulDataLen, E
     uint8_t z[32], e[32];
     unsigned int n = 0;
     zeph::EvpMdCtxPtr md(EVP_MD_CTX_new());
-    ZEPH_ENSURE(Sm2Z(c.con->sign->pub, ByteSpan(reinterpret_cast<const uint8_t *>(kDefaultId), 16), z) && md &&
-                    EVP_DigestInit_ex(md.get(), EVP_sm3(), nullptr) == 1 && EVP_DigestUpdate(md.get(), z, 32) == 1 &&
+    ZEPH_ENSURE(Sm2Z(c.con->sign->pub, kDefaultId, z) && md && EVP_DigestInit_ex(md.get(), EVP_sm3(), nullptr) == 1 &&
+                    EVP_DigestUpdate(md.get(), z, 32) == 1 &&
                     (ulDataLen == 0 || EVP_DigestUpdate(md.get(), pbData, ulDataLen) == 1) &&
                     EVP_DigestFinal_ex(md.get(), e, &n) == 1,
                 SAR_HASHERR);
@@ -468,6 +462,6 @@ ULONG SKF_ImportSessionKey(HCONTAINER hContainer, ULONG ulAlgId, BYTE *pbWrapedD
   });
 }
 
-#endif  // ZEPH_SOFTKEY_NO_EXT
-
 }  // extern "C"
+
+#endif  // ZEPH_SOFTKEY_NO_EXT

@@ -6,7 +6,7 @@
 // leaves the operation exactly where it was.
 #include <cstring>
 
-#include "registry.hpp"
+#include "entry.hpp"
 
 using namespace softkey;
 
@@ -209,8 +209,7 @@ ULONG SKF_DigestInit(DEVHANDLE hDev, ULONG ulAlgID, ECCPUBLICKEYBLOB *pPubKey, B
       ZEPH_ENSURE(ulAlgID == SGD_SM3 && (pbID != nullptr || ulIDLen == 0) && ulIDLen <= 8191, SAR_INVALIDPARAMERR);
       Bytes point;
       ZEPH_ENSURE(FromEccBlob(*pPubKey, point), SAR_INVALIDPARAMERR);
-      const ByteSpan id =
-          ulIDLen != 0 ? ByteSpan(pbID, ulIDLen) : ByteSpan(reinterpret_cast<const uint8_t *>(kDefaultId), 16);
+      const ByteSpan id = ulIDLen != 0 ? ByteSpan(pbID, ulIDLen) : kDefaultId;
       uint8_t z[32];
       ZEPH_ENSURE(Sm2Z(point, id, z) && EVP_DigestUpdate(obj->md.get(), z, sizeof z) == 1, SAR_HASHERR);
     }

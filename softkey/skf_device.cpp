@@ -5,7 +5,7 @@
 
 #include <openssl/rand.h>
 
-#include "registry.hpp"
+#include "entry.hpp"
 
 using namespace softkey;
 
@@ -48,11 +48,7 @@ ULONG SKF_ConnectDev(LPSTR szName, DEVHANDLE *phDev) {
 }
 
 ULONG SKF_DisConnectDev(DEVHANDLE hDev) {
-  return Call("SKF_DisConnectDev", H(hDev), nullptr, [&]() -> ULONG {
-    ZEPH_ENSURE(Handles().Get<DeviceObj>(hDev) != nullptr, SAR_INVALIDHANDLEERR);
-    Handles().Close(hDev);
-    return SAR_OK;
-  });
+  return Call("SKF_DisConnectDev", H(hDev), nullptr, [&] { return CloseAs<DeviceObj>(hDev); });
 }
 
 ULONG SKF_GetDevInfo(DEVHANDLE hDev, DEVINFO *pDevInfo) {
@@ -113,7 +109,7 @@ ULONG SKF_DevAuth(DEVHANDLE hDev, BYTE *pbAuthData, ULONG ulLen) {
     ZEPH_ENSURE(challenge.has_value(), SAR_FAIL);
     uint8_t block[16] = {}, expected[16];
     std::memcpy(block, challenge->data(), 8);
-    ZEPH_ENSURE(Sm4Ecb(true, d.dev->auth_key, block, sizeof block, expected), SAR_FAIL);
+    ZEPH_ENSURE(Sm4EcbUnpadded(true, d.dev->auth_key, block, expected), SAR_FAIL);
     ZEPH_ENSURE(CRYPTO_memcmp(expected, pbAuthData, 16) == 0, SAR_FAIL);
     d.obj->authenticated = true;
     return SAR_OK;

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <vector>
 
-#include "registry.hpp"
+#include "entry.hpp"
 
 using namespace softkey;
 
@@ -22,7 +22,7 @@ ULONG ReadFileName(const char *p, std::string_view &out) {
 
 // Finds a file the caller may change, in the device being changed.
 ULONG WritableFile(Device &dev, const AppObj &obj, std::string_view name, File *&out) {
-  Application *app = dev.AppById(obj.app_id);
+  Application *app = AppIn(dev, obj);
   ZEPH_ENSURE(app != nullptr, SAR_INVALIDHANDLEERR);
   out = app->FindFile(name);
   ZEPH_ENSURE(out != nullptr, SAR_FILE_NOT_EXIST);
@@ -44,7 +44,7 @@ ULONG SKF_CreateFile(HAPPLICATION hApplication, LPSTR szFileName, ULONG ulFileSi
     ZEPH_ENSURE(ulReadRights <= 0xFF && ulWriteRights <= 0xFF, SAR_INVALIDPARAMERR);
     ZEPH_ENSURE(Allows(a.app->create_file_rights, a.obj->role), SAR_USER_NOT_LOGGED_IN);
     return Change(a.obj->dir, [&](Device &dev) -> ULONG {
-      Application *app = dev.AppById(a.obj->app_id);
+      Application *app = AppIn(dev, *a.obj);
       ZEPH_ENSURE(app != nullptr, SAR_INVALIDHANDLEERR);
       ZEPH_ENSURE(app->FindFile(name) == nullptr, SAR_FILE_ALREADY_EXIST);
       ZEPH_ENSURE(app->files.size() < kMaxFiles && dev.UsedSpace() + ulFileSize <= dev.total_space, SAR_NO_ROOM);
@@ -79,10 +79,7 @@ ULONG SKF_EnumFiles(HAPPLICATION hApplication, LPSTR szFileList, ULONG *pulSize)
   return Call("SKF_EnumFiles", H(hApplication), nullptr, [&]() -> ULONG {
     AppRef a;
     ZEPH_TRY(ResolveApp(hApplication, a));
-    ZEPH_ENSURE(pulSize != nullptr, SAR_INVALIDPARAMERR);
-    std::vector<std::string> names;
-    for (const auto &f : a.app->files) names.push_back(f.name);
-    return PutNameList(names, szFileList, pulSize);
+    return PutNamesOf(a.app->files, szFileList, pulSize);
   });
 }
 

@@ -2,22 +2,23 @@
 // key pairs with self-signed certificates, files). It is the provisioning
 // tool: it works on the device folders directly, without device
 // authentication, and needs the user PIN only to seal new private keys.
-#include <cerrno>
+#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <map>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <openssl/pem.h>
 
+#include "common/command_line.hpp"
+#include "common/io.hpp"
+#include "common/status.hpp"
 #include "crypto.hpp"
+#include "device_json.hpp"
 #include "store.hpp"
 
 using namespace softkey;
@@ -59,50 +60,45 @@ struct Failure {
 
 [[noreturn]] void Fail(const std::string &message, int code = 1) { throw Failure{message, code}; }
 
+// The options of one command, named without their "--".
 class Args {
  public:
-  Args(std::map<std::string, std::string> values, std::set<std::string> flags)
-      : values_(std::move(values)), flags_(std::move(flags)) {}
+  explicit Args(zeph_tools::CommandLine line) : line_(std::move(line)) {}
 
   std::string Get(const std::string &name) const {
-    auto it = values_.find(name);
-    if (it == values_.end()) Fail("missing --" + name, 2);
+    if (!line_.Has("--" + name)) Fail("missing --" + name, 2);
     used_.insert(name);
-    return it->second;
+    return line_.Get("--" + name);
   }
   std::string Get(const std::string &name, const std::string &fallback) const {
     return Has(name) ? Get(name) : fallback;
   }
-  bool Has(const std::string &name) const { return values_.count(name) != 0; }
+  bool Has(const std::string &name) const { return line_.Has("--" + name); }
   bool Flag(const std::string &name) const {
     used_.insert(name);
-    return flags_.count(name) != 0;
+    return line_.flags.count("--" + name) != 0;
   }
   uint32_t Number(const std::string &name, uint32_t fallback, uint32_t lo, uint32_t hi) const {
     if (!Has(name)) return fallback;
-    const std::string text = Get(name);
-    char *end = nullptr;
-    errno = 0;
-    const unsigned long long v = std::strtoull(text.c_str(), &end, 0);
-    if (text.empty() || *end != '\0' || errno != 0 || v < lo || v > hi)
+    uint64_t v = 0;
+    if (!zeph_tools::ParseNumber(Get(name), lo, hi, &v))
       Fail("--" + name + " must be a number from " + std::to_string(lo) + " to " + std::to_string(hi), 2);
     return static_cast<uint32_t>(v);
   }
   // Options given but not used by the command are mistakes worth reporting.
   void CheckAllUsed() const {
-    for (const auto &[k, v] : values_)
-      if (used_.count(k) == 0) Fail("option --" + k + " does not apply here", 2);
-    for (const auto &k : flags_)
-      if (used_.count(k) == 0) Fail("option --" + k + " does not apply here", 2);
+    for (const auto &[k, v] : line_.options)
+      if (used_.count(k.substr(2)) == 0) Fail("option " + k + " does not apply here", 2);
+    for (const auto &k : line_.flags)
+      if (used_.count(k.substr(2)) == 0) Fail("option " + k + " does not apply here", 2);
   }
 
  private:
-  std::map<std::string, std::string> values_;
-  std::set<std::string> flags_;
+  zeph_tools::CommandLine line_;
   mutable std::set<std::string> used_;
 };
 
-const std::set<std::string> kFlags = {"no-cert", "der"};
+const std::set<std::string> kFlags = {"--no-cert", "--der"};
 
 std::string Rights(uint32_t r) {
   char buf[8];
@@ -120,11 +116,8 @@ std::string StatusText(ULONG rv) {
       return "cannot write the device file";
     case SAR_FILEERR:
       return "the device file is damaged";
-    default: {
-      char buf[32];
-      std::snprintf(buf, sizeof buf, "status 0x%08X", rv);
-      return buf;
-    }
+    default:
+      return "status " + zeph_tools::StatusText(rv);
   }
 }
 
@@ -180,21 +173,16 @@ const Application &AppIn(const Device &d, const std::string &name, const std::st
 }
 
 Bytes ReadInput(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) Fail("cannot read " + path + ": " + std::strerror(errno));
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  Bytes data;
+  std::string error;
+  if (!zeph_tools::ReadInput(path, &data, &error)) Fail(error);
+  return data;
 }
 
 void WriteOutput(const std::string &path, const Bytes &data) {
-  if (path.empty() || path == "-") {
-    std::cout.write(reinterpret_cast<const char *>(data.data()), static_cast<std::streamsize>(data.size()));
-    std::cout.flush();
-    return;
-  }
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (!out) Fail("cannot write " + path + ": " + std::strerror(errno));
-  out.write(reinterpret_cast<const char *>(data.data()), static_cast<std::streamsize>(data.size()));
-  if (!out) Fail("cannot write " + path);
+  std::cout.flush();
+  std::string error;
+  if (!zeph_tools::WriteOutput(path, data.data(), data.size(), &error)) Fail(error);
 }
 
 std::string PinArg(const Args &a, const std::string &name) {
@@ -248,7 +236,7 @@ void CreateDeviceCmd(const Context &c) {
   d.issuer = c.args.Get("issuer", "zeph");
   if (d.label.size() > 31 || d.manufacturer.size() > 63 || d.issuer.size() > 63)
     Fail("--label holds at most 31 characters, --manufacturer and --issuer 63", 2);
-  if (!Unhex(c.args.Get("auth-key", kDefaultAuthKeyHex), d.auth_key) || d.auth_key.size() != 16)
+  if (!zeph_tools::ParseHex(c.args.Get("auth-key", kDefaultAuthKeyHex), &d.auth_key) || d.auth_key.size() != 16)
     Fail("--auth-key must be 32 hex digits (a 16-byte SM4 key)", 2);
   d.total_space = c.args.Number("space", kDefaultTotalSpace, 1024, 0x7FFFFFFF);
   c.args.CheckAllUsed();
@@ -342,7 +330,7 @@ void GenKeyCmd(const Context &c) {
     if ((sign && usage == "enc") || (!sign && usage == "sign")) continue;
     EvpPkeyPtr k = generate();
     Made m{sign, {}, {}};
-    if (!SealKeyPair(k.get(), master.span(), m.kp)) Fail("cannot store the key");
+    if (!WrapKeyPair(k.get(), master.span(), m.kp)) Fail("cannot store the key");
     if (!no_cert) {
       const std::string dn = !subject.empty()
                                  ? subject
@@ -376,27 +364,12 @@ void GenKeyCmd(const Context &c) {
               << "/" << con_name << (m.cert.empty() ? "" : ", certificate " + CertSubject(m.cert)) << "\n";
 }
 
-Bytes CertificateFrom(const Bytes &file) {
-  // PEM or DER
-  zeph::BioPtr bio(BIO_new_mem_buf(file.data(), static_cast<int>(file.size())));
-  zeph::X509Ptr x(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
-  if (x) {
-    unsigned char *der = nullptr;
-    const int n = i2d_X509(x.get(), &der);
-    if (n <= 0) return {};
-    Bytes out(der, der + n);
-    OPENSSL_free(der);
-    return out;
-  }
-  return IsCertificate(file) ? file : Bytes{};
-}
-
 void ImportCertCmd(const Context &c) {
   const std::string app_name = c.args.Get("app"), con_name = c.args.Get("container");
   const std::string path = c.args.Get("cert"), usage = c.args.Get("usage", "sign");
   if (usage != "sign" && usage != "enc") Fail("--usage must be sign or enc", 2);
   c.args.CheckAllUsed();
-  const Bytes der = CertificateFrom(ReadInput(path));
+  const Bytes der = CertificateDer(ReadInput(path));
   if (der.empty()) Fail(path + " is not a certificate (PEM or DER)");
   c.Update([&](Device &d) {
     Container *con = AppIn(d, app_name, d.serial).FindContainer(con_name);
@@ -525,35 +498,24 @@ void ShowCmd(const Context &c) {
 }
 
 int Run(int argc, char **argv) {
-  std::string root;
-  std::string command;
-  std::map<std::string, std::string> values;
-  std::set<std::string> flags;
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "-h" || a == "--help" || a == "help") {
-      std::cout << kUsage;
-      return 0;
-    }
-    if (a.rfind("--", 0) == 0) {
-      const std::string name = a.substr(2);
-      if (kFlags.count(name) != 0) {
-        flags.insert(name);
-        continue;
-      }
-      if (i + 1 >= argc) Fail("option " + a + " needs a value", 2);
-      if (name == "root")
-        root = argv[++i];
-      else if (!values.emplace(name, argv[++i]).second)
-        Fail("option " + a + " given twice", 2);
-      continue;
-    }
-    if (!command.empty()) Fail("unexpected argument \"" + a + "\"", 2);
-    command = a;
+  const zeph_tools::OptionRules rules{
+      [](const std::string &option) { return option.rfind("--", 0) == 0 && kFlags.count(option) == 0; },
+      [](const std::string &option) { return kFlags.count(option) != 0; }, false};
+  zeph_tools::CommandLine line;
+  std::string error;
+  const bool parsed = zeph_tools::ParseCommandLine({argv + 1, argv + argc}, rules, &line, &error);
+  if (line.help || std::find(line.words.begin(), line.words.end(), "help") != line.words.end()) {
+    std::cout << kUsage;
+    return 0;
   }
+  if (!parsed) Fail(error, 2);
+  if (line.words.size() > 1) Fail("unexpected argument \"" + line.words[1] + "\"", 2);
+  const std::string command = line.words.empty() ? "" : line.words[0];
+  std::string root = line.Get("--root");
+  line.options.erase("--root");
   if (command.empty()) Fail("no command given (try --help)", 2);
   if (root.empty()) root = RootDir();
-  const Args args(std::move(values), std::move(flags));
+  const Args args(std::move(line));
   const Context c{root, args};
 
   static const std::map<std::string, void (*)(const Context &)> kCommands = {

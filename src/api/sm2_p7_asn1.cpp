@@ -40,3 +40,27 @@ IMPLEMENT_ASN1_FUNCTIONS(SM2_Sign)
 IMPLEMENT_ASN1_FUNCTIONS(SM2_Envelope_Item)
 IMPLEMENT_ASN1_FUNCTIONS(SM2_Envelope)
     // clang-format on
+
+    extern "C" {
+  ZEPH_API const char *getHashAlgOID(uint32_t hash_id) {
+    switch (hash_id) {
+      case 1:
+        return "1.2.156.10197.1.401";  // SM3
+      case 2:
+        return "1.3.14.3.2.26";  // SHA-1
+      case 4:
+        return "2.16.840.1.101.3.4.2.1";  // SHA-256
+      case 8:
+        return "2.16.840.1.101.3.4.2.2";  // SHA-384
+      case 16:
+        return "2.16.840.1.101.3.4.2.3";  // SHA-512
+      case 32:
+        return "2.16.840.1.101.3.4.2.4";  // SHA-224
+      case 128:
+        return "1.2.840.113549.2.5";  // MD5
+      default:
+        return nullptr;
+    }
+  }
+
+}  // extern "C"

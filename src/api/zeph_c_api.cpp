@@ -22,8 +22,9 @@ namespace {
 
 constexpr uint32_t kLibraryVersion = 611680;  // printed as 95560 in hex
 
-// Selector to object index. PIN verification and change fall back to the
-// RSA area; unlock and version writing refuse an unknown selector (0).
+// Selector to object index. Compat: PIN verification and change fall back to
+// the RSA area for an unknown selector, while unlock and version writing
+// refuse it (0); hosts rely on both.
 uint32_t PinRow(uint32_t usage) {
   switch (usage) {
     case ZEPH_AREA_SM2:
@@ -77,14 +78,15 @@ uint32_t InitArea(void *handle, uint32_t row, const unsigned char *auth_code, ui
 
 extern "C" {
 
-ZEPH_API uint32_t ZEPH_C_Initialize(void **handle_out, uint32_t device_type, const char *key_sn, uint32_t flags) {
+ZEPH_API uint32_t ZEPH_C_Initialize(void **out_handle, uint32_t device_type, const char *key_sn, uint32_t flags) {
+  // Compat: a missing keySN and a failed allocation report the PIN status.
   if (key_sn == nullptr || key_sn[0] == '\0') return ERR_PIN_VERIFY_FAILED;
-  if (handle_out == nullptr) return ERR_INVALID_PARAMETER;
+  if (out_handle == nullptr) return ERR_INVALID_PARAMETER;
   // calloc, so that ZEPH_C_MALLOC_FREE can release the record.
   void *record = std::calloc(zeph::api::kHandleWords, sizeof(void *));
   if (record == nullptr) return ERR_PIN_VERIFY_FAILED;
   const uint32_t rv = GM_SKF_CTX_Initialize(&zeph::api::ContextWord(record), device_type, key_sn, flags);
-  *handle_out = record;
+  *out_handle = record;
   return rv;
 }
 
@@ -92,21 +94,21 @@ ZEPH_API uint32_t ZEPH_C_Finalize(void *handle) {
   GM_SKF_CTX *ctx = zeph::api::ContextOf(handle);
   if (ctx == nullptr) return 0;
   GM_SKF_CTX_Finalize(ctx);
-  // The record itself stays with the caller (ZEPH_C_MALLOC_FREE releases it);
-  // a second Finalize finds no context.
+  // Compat: the record itself stays with the caller, who releases it with
+  // ZEPH_C_MALLOC_FREE; a second Finalize finds no context.
   zeph::api::ContextWord(handle) = nullptr;
   return 0;
 }
 
-ZEPH_API uint32_t ZEPH_C_ListPluginDevice(char *buffer, uint32_t *length_inout) {
-  return ZEPH_C_ukey_detection_getList(buffer, length_inout);
+ZEPH_API uint32_t ZEPH_C_ListPluginDevice(char *out_text, uint32_t *in_out_len) {
+  return ZEPH_C_ukey_detection_getList(out_text, in_out_len);
 }
 
-ZEPH_API uint32_t ZEPH_C_ListKeySNDevice(char *buffer, uint32_t *length_inout) {
-  if (buffer == nullptr) return ZEPH_C_ukey_detection_getList(nullptr, length_inout);
-  ZEPH_TRY(ZEPH_C_ukey_detection_getList(buffer, length_inout));
+ZEPH_API uint32_t ZEPH_C_ListKeySNDevice(char *out_text, uint32_t *in_out_len) {
+  if (out_text == nullptr) return ZEPH_C_ukey_detection_getList(nullptr, in_out_len);
+  ZEPH_TRY(ZEPH_C_ukey_detection_getList(out_text, in_out_len));
   return zeph::Guarded([&]() -> uint32_t {
-    zeph::JsonPtr list(cJSON_Parse(buffer));
+    zeph::JsonPtr list(cJSON_Parse(out_text));
     if (!cJSON_IsArray(list.get())) return ERR_JSON_INVALID;
     if (cJSON_GetArraySize(list.get()) == 0) return ERR_NO_KEY_FOUND;
     // Never longer than the JSON it replaces: each keySN came quoted in it.
@@ -119,21 +121,21 @@ ZEPH_API uint32_t ZEPH_C_ListKeySNDevice(char *buffer, uint32_t *length_inout) {
       multi += '\0';
     }
     multi += '\0';
-    std::memcpy(buffer, multi.data(), multi.size());
-    *length_inout = static_cast<uint32_t>(multi.size());
+    std::memcpy(out_text, multi.data(), multi.size());
+    *in_out_len = static_cast<uint32_t>(multi.size());
     return 0;
   });
 }
 
-ZEPH_API uint32_t ZEPH_C_GetDeviceErrStatus(char *buffer, uint32_t *length_inout) {
-  return ZEPH_C_ukey_detection_getDevErrStatus(buffer, length_inout);
+ZEPH_API uint32_t ZEPH_C_GetDeviceErrStatus(char *out_text, uint32_t *in_out_len) {
+  return ZEPH_C_ukey_detection_getDevErrStatus(out_text, in_out_len);
 }
 
-ZEPH_API uint32_t ZEPH_C_VerifyUserPin(void *handle, uint32_t usage, const char *pin, uint32_t *retry_count_out) {
+ZEPH_API uint32_t ZEPH_C_VerifyUserPin(void *handle, uint32_t usage, const char *pin, uint32_t *out_retry) {
   ZEPH_API_CONTEXT(handle, ctx);
   SessionGuard session{ctx};
   ZEPH_TRY(GM_SKF_CTX_OpenSession(ctx, PinRow(usage)));
-  return GM_SKF_CTX_VerifyPinRetryCnt(ctx, pin, TextLen(pin), retry_count_out);
+  return GM_SKF_CTX_VerifyPinRetryCnt(ctx, pin, TextLen(pin), out_retry);
 }
 
 ZEPH_API uint32_t ZEPH_C_ChangeUserPin(void *handle, uint32_t usage, const char *old_pin, const char *new_pin) {
@@ -196,9 +198,9 @@ ZEPH_API uint32_t ZEPH_C_InitVorliStampArea(void *handle, const unsigned char *a
                   user_pin_retry);
 }
 
-ZEPH_API uint32_t ZEPH_C_GetVersion(uint32_t *version_out) {
-  if (version_out == nullptr) return ERR_INVALID_PARAMETER;
-  *version_out = kLibraryVersion;
+ZEPH_API uint32_t ZEPH_C_GetVersion(uint32_t *out_version) {
+  if (out_version == nullptr) return ERR_INVALID_PARAMETER;
+  *out_version = kLibraryVersion;
   return 0;
 }
 
@@ -214,26 +216,28 @@ ZEPH_API uint32_t ZEPH_C_SetVersion(void *handle, const char *pin, uint32_t usag
   return GM_SKF_CTX_SetFileIntoCryptoDevice(ctx, "Version", data, data_len);
 }
 
-ZEPH_API uint32_t ZEPH_C_EnumRSAandSM2andSealInfo(void *handle, uint32_t *rsa_out, uint32_t *sm2_out,
-                                                  uint32_t *seal_out) {
+ZEPH_API uint32_t ZEPH_C_EnumRSAandSM2andSealInfo(void *handle, uint32_t *out_rsa, uint32_t *out_sm2,
+                                                  uint32_t *out_seal) {
   ZEPH_API_CONTEXT(handle, ctx);
-  return GM_SKF_CTX_EnumRSAandSM2andSealInfo(ctx, rsa_out, sm2_out, seal_out);
+  return GM_SKF_CTX_EnumRSAandSM2andSealInfo(ctx, out_rsa, out_sm2, out_seal);
 }
 
-ZEPH_API uint32_t ZEPH_C_EnumAllInfoInCryptoDevice(void *handle, char *out, uint32_t *out_len) {
+ZEPH_API uint32_t ZEPH_C_EnumAllInfoInCryptoDevice(void *handle, char *out, uint32_t *in_out_len) {
   ZEPH_API_CONTEXT(handle, ctx);
-  return GM_SKF_CTX_EnumAllInfo(ctx, out, out_len);
+  return GM_SKF_CTX_EnumAllInfo(ctx, out, in_out_len);
 }
 
-ZEPH_API uint32_t ZEPH_C_GenRandomBytes(void *handle, uint32_t count, unsigned char *buffer) {
-  if (buffer == nullptr && count != 0) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t ZEPH_C_GenRandomBytes(void *handle, uint32_t count, unsigned char *out) {
+  if (out == nullptr && count != 0) return ERR_INVALID_PARAMETER;
   if (handle == nullptr) {
     if (count > static_cast<uint32_t>(INT_MAX)) return ERR_INVALID_PARAMETER;
-    return RAND_bytes(buffer, static_cast<int>(count)) == 1 ? 0 : ERR_INVALID_PARAMETER;
+    return RAND_bytes(out, static_cast<int>(count)) == 1 ? 0 : ERR_INVALID_PARAMETER;
   }
+  // Compat: a handle without a context is a parameter error here, not the
+  // missing-handle status.
   GM_SKF_CTX *ctx = zeph::api::ContextWord(handle);
   if (ctx == nullptr) return ERR_INVALID_PARAMETER;
-  return GM_SKF_CTX_GenRandom(ctx, count, buffer);
+  return GM_SKF_CTX_GenRandom(ctx, count, out);
 }
 
 ZEPH_API uint32_t ZEPH_C_WriteUkeyFile(void *handle, const char *pin, uint32_t row, const char *file_name,
@@ -247,14 +251,15 @@ ZEPH_API uint32_t ZEPH_C_WriteUkeyFile(void *handle, const char *pin, uint32_t r
 }
 
 ZEPH_API uint32_t ZEPH_C_ReadUkeyFile(void *handle, const char *pin, uint32_t row, const char *file_name,
-                                      unsigned char *out, uint32_t *out_len_inout) {
+                                      unsigned char *out, uint32_t *in_out_len) {
   ZEPH_API_CONTEXT(handle, ctx);
-  if (file_name == nullptr || out_len_inout == nullptr) return ERR_INVALID_PARAMETER;
+  if (file_name == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   SessionGuard session{ctx};
   ZEPH_TRY(GM_SKF_CTX_OpenSession(ctx, row));
-  // Files readable by everyone need no PIN: an empty one skips verification.
+  // Compat: files readable by everyone need no PIN, so an empty one skips
+  // verification here, while writing and deleting always verify.
   if (pin != nullptr && pin[0] != '\0') ZEPH_TRY(GM_SKF_CTX_VerifyPin(ctx, pin, TextLen(pin)));
-  return GM_SKF_CTX_GetFileFromCryptoDevice(ctx, file_name, out, out_len_inout);
+  return GM_SKF_CTX_GetFileFromCryptoDevice(ctx, file_name, out, in_out_len);
 }
 
 ZEPH_API uint32_t ZEPH_C_DeleteFile(void *handle, const char *pin, uint32_t row, const char *file_name) {

@@ -16,28 +16,19 @@ ZEPH_API uint32_t ZEPH_C_WriteFile(const char *path, const unsigned char *data, 
   return zeph_c_utils_writeFile(path, data, length);
 }
 
-ZEPH_API uint32_t ZEPH_C_ReadFile(const char *path, unsigned char *out, uint32_t *length_inout) {
-  if (path == nullptr || length_inout == nullptr) return ERR_INVALID_PARAMETER;
-  // The file reader trusts its buffer: measure first, then read only into
-  // a buffer that holds the whole file.
-  uint32_t size = 0;
-  ZEPH_TRY(zeph_c_utils_readFile(path, nullptr, &size));
-  if (out == nullptr) {
-    *length_inout = size;
-    return 0;
-  }
-  if (*length_inout < size) {
-    *length_inout = size;
-    return ERR_BUFFER_TOO_SMALL;
-  }
-  return zeph_c_utils_readFile(path, out, length_inout);
+ZEPH_API uint32_t ZEPH_C_ReadFile(const char *path, unsigned char *out, uint32_t *in_out_len) {
+  if (path == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
+  // The file reader sizes by the output protocol itself.
+  return zeph_c_utils_readFile(path, out, in_out_len);
 }
 
-ZEPH_API uint32_t ZEPH_C_Dob64tohex(const char *base64_text, unsigned char **out_ptr, uint32_t *out_len) {
-  if (base64_text == nullptr || out_ptr == nullptr || out_len == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t ZEPH_C_Dob64tohex(const char *base64_text, unsigned char **out_buffer, uint32_t *out_len) {
+  if (base64_text == nullptr || out_buffer == nullptr || out_len == nullptr) return ERR_INVALID_PARAMETER;
   uint32_t size = 0;
   (void)zeph_c_utils_b64tohex2(base64_text, nullptr, &size);
-  if (size == 0) return 0;  // nothing decoded: nothing allocated, outputs untouched
+  // Compat: a text that decodes to nothing (or not at all) succeeds with
+  // nothing allocated and the outputs untouched.
+  if (size == 0) return 0;
   auto *buffer = static_cast<unsigned char *>(std::calloc(size, 1));
   if (buffer == nullptr) return ERR_OUT_OF_MEMORY;
   uint32_t len = size;
@@ -46,22 +37,22 @@ ZEPH_API uint32_t ZEPH_C_Dob64tohex(const char *base64_text, unsigned char **out
     std::free(buffer);
     return rv;
   }
-  *out_ptr = buffer;
+  *out_buffer = buffer;
   *out_len = len;
   return 0;
 }
 
-ZEPH_API uint32_t ZEPH_C_Dohex2b64(const unsigned char *data, uint32_t length, char **out_ptr) {
-  if (data == nullptr || out_ptr == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t ZEPH_C_Dohex2b64(const unsigned char *data, uint32_t length, char **out_text) {
+  if (data == nullptr || out_text == nullptr) return ERR_INVALID_PARAMETER;
   char *text = nullptr;
   if (zeph_c_utils_hex2b64(data, length, &text) != 0 || text == nullptr) return ERR_ENCODE_FAILED;
-  *out_ptr = text;
+  *out_text = text;
   return 0;
 }
 
-ZEPH_API uint32_t ZEPH_C_b64tohex(const char *base64_text, unsigned char *out, uint32_t *out_len_inout) {
-  if (base64_text == nullptr || out_len_inout == nullptr) return ERR_INVALID_PARAMETER;
-  return zeph_c_utils_b64tohex2(base64_text, out, out_len_inout);
+ZEPH_API uint32_t ZEPH_C_b64tohex(const char *base64_text, unsigned char *out, uint32_t *in_out_len) {
+  if (base64_text == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
+  return zeph_c_utils_b64tohex2(base64_text, out, in_out_len);
 }
 
 ZEPH_API uint32_t ZEPH_C_hex2b64(const unsigned char *data, uint32_t length, char *out) {
@@ -69,7 +60,8 @@ ZEPH_API uint32_t ZEPH_C_hex2b64(const unsigned char *data, uint32_t length, cha
   char *text = nullptr;
   if (zeph_c_utils_hex2b64(data, length, &text) != 0 || text == nullptr) return ERR_ENCODE_FAILED;
   zeph::MallocPtr<char> owned(text);
-  // The caller zero-filled a buffer of the base64 length; no terminator here.
+  // Compat: no terminator and no length; the caller zero-filled a buffer of
+  // the base64 length.
   std::memcpy(out, text, std::strlen(text));
   return 0;
 }

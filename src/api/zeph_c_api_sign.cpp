@@ -4,8 +4,10 @@
 
 #include "api/cert.hpp"
 #include "api/handle.hpp"
-#include "device/vorli_gm_skf.hpp"
+#include "device/vendor_quirks.hpp"
+#include "foundation/helpers.hpp"
 #include "foundation/owned.hpp"
+#include "foundation/sm2_params.hpp"
 #include "foundation/status_flow.hpp"
 #include "zeph_c_api.h"
 #include "zeph_c_device.h"
@@ -16,15 +18,15 @@ using zeph::api::SessionGuard;
 
 namespace {
 
-constexpr uint32_t kDeviceHashesItself = 10;  // this vendor's library hashes on the key
-constexpr size_t kWorkLen = 1024;
-constexpr size_t kRawSm2SigLen = 64;
+using zeph::kSignWorkLen;
+using zeph::kSm2CoordLen;
 
-// DER SEQUENCE { r, s } from 64 raw bytes, into a buffer that holds 72.
+// DER SEQUENCE { r, s } from raw r || s, into a buffer that holds
+// kSm2DerSignatureMax bytes.
 uint32_t EncodeSm2Signature(const uint8_t *raw, unsigned char *sig, uint32_t *sig_len) {
   zeph::EcdsaSigPtr der(ECDSA_SIG_new());
-  BIGNUM *r = BN_bin2bn(raw, 32, nullptr);
-  BIGNUM *s = BN_bin2bn(raw + 32, 32, nullptr);
+  BIGNUM *r = BN_bin2bn(raw, kSm2CoordLen, nullptr);
+  BIGNUM *s = BN_bin2bn(raw + kSm2CoordLen, kSm2CoordLen, nullptr);
   if (!der || r == nullptr || s == nullptr || ECDSA_SIG_set0(der.get(), r, s) != 1) {
     BN_free(r);
     BN_free(s);
@@ -37,17 +39,11 @@ uint32_t EncodeSm2Signature(const uint8_t *raw, unsigned char *sig, uint32_t *si
   return 0;
 }
 
+// RSA verification knows the SHA-2 identifiers; every other value means SHA-1.
 const EVP_MD *RsaVerifyDigest(uint32_t digest_id) {
-  switch (digest_id & 0xFFFFu) {
-    case 4:
-      return EVP_sha256();
-    case 8:
-      return EVP_sha384();
-    case 16:
-      return EVP_sha512();
-    default:
-      return EVP_sha1();
-  }
+  const uint32_t id = digest_id & 0xFFFFu;
+  const bool sha2 = id == ZEPH_DIGEST_SHA256 || id == ZEPH_DIGEST_SHA384 || id == ZEPH_DIGEST_SHA512;
+  return zeph::DigestById(sha2 ? id : ZEPH_DIGEST_SHA1);
 }
 
 }  // namespace
@@ -55,48 +51,52 @@ const EVP_MD *RsaVerifyDigest(uint32_t digest_id) {
 extern "C" {
 
 ZEPH_API uint32_t ZEPH_C_DoSm2Sign(void *handle, const char *pin, const unsigned char *data, uint32_t data_len,
-                                   unsigned char *sig, uint32_t *sig_len) {
+                                   unsigned char *out_sig, uint32_t *out_sig_len) {
+  // Compat: unlike the other device calls, a missing handle is a parameter
+  // error and a missing context the no-library status.
   if (handle == nullptr) return ERR_INVALID_PARAMETER;
   GM_SKF_CTX *ctx = zeph::api::ContextWord(handle);
   if (ctx == nullptr) return ERR_NO_DEVICE_LIBRARY;
-  if (sig == nullptr || sig_len == nullptr || (data == nullptr && data_len != 0)) return ERR_INVALID_PARAMETER;
+  if (out_sig == nullptr || out_sig_len == nullptr || (data == nullptr && data_len != 0)) return ERR_INVALID_PARAMETER;
   const unsigned char empty = 0;
   if (data == nullptr) data = &empty;
 
   SessionGuard session{ctx};
   ZEPH_TRY(GM_SKF_CTX_OpenSession(ctx, ZEPH_OBJ_SM2_SIGN));
   ZEPH_TRY(GM_SKF_CTX_VerifyPin(ctx, pin, pin != nullptr ? static_cast<uint32_t>(std::strlen(pin)) : 0));
-  uint8_t raw[kRawSm2SigLen];
+  uint8_t raw[zeph::kSm2RawSignatureLen];
   uint32_t raw_len = sizeof raw;
-  if (ctx->device_type == kDeviceHashesItself) {
+  if (zeph::device::SignsWholeMessage(ctx)) {
     ZEPH_TRY(GM_SKF_CTX_SignHashEx(ctx, data, data_len, raw, &raw_len, nullptr));
   } else {
-    uint8_t value[kWorkLen];
+    uint8_t value[kSignWorkLen];
     uint32_t value_len = sizeof value;
     ZEPH_TRY(GM_SKF_CTX_DataOnPretreatment(ctx, data, data_len, value, &value_len, 0));
     ZEPH_TRY(GM_SKF_CTX_SignHash(ctx, value, value_len, raw, &raw_len));
   }
-  return EncodeSm2Signature(raw, sig, sig_len);
+  // Compat: *out_sig_len is only written, never read as a capacity; hosts
+  // have always given the signature kSm2DerSignatureMax bytes.
+  return EncodeSm2Signature(raw, out_sig, out_sig_len);
 }
 
 ZEPH_API uint32_t ZEPH_C_DoRsaSign(void *handle, const char *pin, const unsigned char *data, uint32_t data_len,
-                                   unsigned char *sig, uint32_t *sig_len, uint32_t digest_id) {
+                                   unsigned char *out_sig, uint32_t *in_out_sig_len, uint32_t digest_id) {
   ZEPH_API_CONTEXT(handle, ctx);
-  if (sig_len == nullptr || (data == nullptr && data_len != 0)) return ERR_INVALID_PARAMETER;
+  if (in_out_sig_len == nullptr || (data == nullptr && data_len != 0)) return ERR_INVALID_PARAMETER;
   const unsigned char empty = 0;
   if (data == nullptr) data = &empty;
 
   SessionGuard session{ctx};
   ZEPH_TRY(GM_SKF_CTX_OpenSession(ctx, ZEPH_OBJ_RSA_SIGN));
   ZEPH_TRY(GM_SKF_CTX_VerifyPin(ctx, pin, pin != nullptr ? static_cast<uint32_t>(std::strlen(pin)) : 0));
-  if (ctx->device_type == kDeviceHashesItself) {
+  if (zeph::device::SignsWholeMessage(ctx)) {
     uint32_t work_area[64] = {0};  // the vendor's own scratch space
-    return GM_SKF_CTX_SignHashEx(ctx, data, data_len, sig, sig_len, work_area);
+    return GM_SKF_CTX_SignHashEx(ctx, data, data_len, out_sig, in_out_sig_len, work_area);
   }
-  uint8_t value[kWorkLen];
+  uint8_t value[kSignWorkLen];
   uint32_t value_len = sizeof value;
   ZEPH_TRY(GM_SKF_CTX_DataOnPretreatment(ctx, data, data_len, value, &value_len, digest_id));
-  return GM_SKF_CTX_SignHash(ctx, value, value_len, sig, sig_len);
+  return GM_SKF_CTX_SignHash(ctx, value, value_len, out_sig, in_out_sig_len);
 }
 
 ZEPH_API uint32_t ZEPH_C_VerifySm2SignWithCert(const unsigned char *cert, uint32_t cert_len, const unsigned char *data,
@@ -134,8 +134,8 @@ ZEPH_API uint32_t ZEPH_C_VerifySignWithCert(const unsigned char *cert, uint32_t 
 }
 
 ZEPH_API uint32_t ZEPH_C_HashDataWithAlgID(uint32_t digest_id, const unsigned char *data, uint32_t data_len,
-                                           unsigned char *out, uint32_t *out_len) {
-  return zeph_c_utils_digest(digest_id & 0xFFFFu, data, data_len, out, out_len, nullptr);
+                                           unsigned char *out, uint32_t *in_out_len) {
+  return zeph_c_utils_digest(digest_id & 0xFFFFu, data, data_len, out, in_out_len, nullptr);
 }
 
 }  // extern "C"

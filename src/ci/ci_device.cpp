@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "zeph_c_api.h"
+#include "zeph_c_p7.h"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
@@ -43,16 +44,6 @@ uint32_t SignedBytes(const ZEPH_REQ_PARAM &req, SecureBytes *out) {
   }
 }
 
-uint32_t FetchOutput(const std::function<uint32_t(uint8_t *out, uint32_t *in_out_len)> &call,
-                     std::vector<uint8_t> *out) {
-  uint32_t n = 0;
-  ZEPH_TRY(call(nullptr, &n));
-  out->assign(n, 0);
-  ZEPH_TRY(call(out->data(), &n));
-  out->resize(std::min<size_t>(n, out->size()));
-  return 0;
-}
-
 uint32_t SetBase64Data(ZEPH_RES_PARAM *res, const uint8_t *data, size_t n) {
   if (n == 0) return SetData(res, "");
   if (n > UINT32_MAX / 2) return ERR_INVALID_PARAMETER;
@@ -61,6 +52,17 @@ uint32_t SetBase64Data(ZEPH_RES_PARAM *res, const uint8_t *data, size_t n) {
   const uint32_t rv = SetData(res, text);
   ZEPH_C_MALLOC_FREE(text);
   return rv;
+}
+
+uint32_t EncodeEnveloper(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
+  ZEPH_ENSURE(req.cert != nullptr && req.value != nullptr, ERR_INVALID_PARAMETER);
+  SecureBytes cert, data;
+  ZEPH_TRY(DecodeBase64(req.cert, &cert));
+  ZEPH_TRY(DecodeBase64(req.value, &data));
+  return SetBase64Output(res, EnvelopeCapacity(cert.size(), data.size()), [&](uint8_t *out, uint32_t *out_len) {
+    return ZEPH_C_EncodeEnveloperWithCert(cert.data(), static_cast<uint32_t>(cert.size()), data.data(),
+                                          static_cast<uint32_t>(data.size()), req.selector, out, out_len);
+  });
 }
 
 }  // namespace zeph::ci

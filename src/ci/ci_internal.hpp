@@ -87,7 +87,7 @@ extern const std::array<Handler, kGroups * kSlots> ptrZEPH_C_CI_apis;
 // ERR_INVALID_PARAMETER / ERR_BASE64_INVALID for a value that does not fit
 // its field, or 0xFFFFFFFF for a "keySN" above 260 characters. On failure
 // the record may hold owned texts already; ReleaseRequest frees them.
-uint32_t l_GetZEPH_REQ_PARAM(const char *text, ZEPH_REQ_PARAM *req);
+uint32_t ParseRequest(const char *text, ZEPH_REQ_PARAM *req);
 // Frees the owned texts and wipes the record (it carries PINs and keys).
 void ReleaseRequest(ZEPH_REQ_PARAM *req);
 

@@ -116,7 +116,7 @@ void WipeAndFree(char *p, uint32_t n) {
 
 }  // namespace
 
-uint32_t l_GetZEPH_REQ_PARAM(const char *text, ZEPH_REQ_PARAM *req) {
+uint32_t ParseRequest(const char *text, ZEPH_REQ_PARAM *req) {
   if (text == nullptr) return ERR_JSON_INVALID;
   JsonPtr doc(cJSON_Parse(text));
   if (!doc || !cJSON_IsObject(doc.get())) return ERR_JSON_INVALID;

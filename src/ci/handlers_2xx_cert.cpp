@@ -1,7 +1,6 @@
 // Command handlers: Certificates and seal reading (2xx).
 // Operations the library does not offer yet answer 0x8208005A.
-#include <string>
-#include <vector>
+#include <string_view>
 
 #include "ci/ci_device.hpp"
 #include "pki/cert_input.hpp"
@@ -9,6 +8,11 @@
 
 namespace zeph::ci {
 namespace {
+
+// A first guess at a certificate's or bundle's size; longer ones ask again.
+constexpr size_t kCertRoom = 4096;
+
+std::string_view AsText(const SecureBytes &b) { return {reinterpret_cast<const char *>(b.data()), b.size()}; }
 
 // A certificate or list as a host sends it: base64 DER, or PEM text.
 uint32_t CertBytes(const char *text, pki::Bytes *out) {
@@ -21,10 +25,9 @@ uint32_t GetCertificate(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   const uint32_t usage = req.usageGiven ? req.usage : ZEPH_USAGE_SIGNING;
   KeyHandle key;
   ZEPH_TRY(key.Open(req));
-  std::vector<uint8_t> cert;
-  ZEPH_TRY(FetchOutput(
-      [&](uint8_t *out, uint32_t *n) { return ZEPH_C_GetCertificate(key.get(), req.asymid, usage, out, n); }, &cert));
-  return SetBase64Data(res, cert.data(), cert.size());
+  return SetBase64Output(res, kCertRoom, [&](uint8_t *out, uint32_t *n) {
+    return ZEPH_C_GetCertificate(key.get(), req.asymid, usage, out, n);
+  });
 }
 
 uint32_t VerifyCert(const ZEPH_REQ_PARAM &req) {
@@ -42,24 +45,23 @@ uint32_t VerifyCert(const ZEPH_REQ_PARAM &req) {
 uint32_t GetCertChain(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   KeyHandle key;
   ZEPH_TRY(key.Open(req));
-  std::vector<uint8_t> bundle;
-  ZEPH_TRY(FetchOutput([&](uint8_t *out, uint32_t *n) { return ZEPH_C_GetCertChain(key.get(), req.asymid, out, n); },
-                       &bundle));
-  return SetBase64Data(res, bundle.data(), bundle.size());
+  return SetBase64Output(res, kCertRoom,
+                         [&](uint8_t *out, uint32_t *n) { return ZEPH_C_GetCertChain(key.get(), req.asymid, out, n); });
 }
 
 uint32_t SplitChain(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   pki::Bytes chain;
   ZEPH_ENSURE(req.value != nullptr && req.value[0] != '\0', ERR_INVALID_PARAMETER);
   if (pki::TextBytes(req.value, &chain) != 0) return ERR_CERT_CHAIN_FAILED;
-  std::vector<uint8_t> json;
-  ZEPH_TRY(FetchOutput(
+  SecureBytes json;
+  ZEPH_TRY(CollectOutput(
+      chain.size() * 2,
       [&](uint8_t *out, uint32_t *n) {
         return ZEPH_C_SplitCertChain(chain.data(), static_cast<uint32_t>(chain.size()), reinterpret_cast<char *>(out),
                                      n);
       },
       &json));
-  return SetData(res, reinterpret_cast<const char *>(json.data()), kDataObject);
+  return SetData(res, AsText(json), kDataObject);
 }
 
 // "oid" names an extension or policy; without it "itemNo" picks the field.
@@ -67,15 +69,16 @@ uint32_t CertInfo(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   pki::Bytes cert;
   ZEPH_TRY(CertBytes(req.cert, &cert));
   const auto len = static_cast<uint32_t>(cert.size());
-  std::vector<uint8_t> text;
-  ZEPH_TRY(FetchOutput(
+  SecureBytes text;
+  ZEPH_TRY(CollectOutput(
+      kCertRoom,
       [&](uint8_t *out, uint32_t *n) {
         char *chars = reinterpret_cast<char *>(out);
         return req.oid.s[0] != '\0' ? ZEPH_C_GetCertExtension(cert.data(), len, req.oid.s, chars, n)
                                     : ZEPH_C_GetCertInfo(cert.data(), len, req.selector, chars, n);
       },
       &text));
-  return SetData(res, reinterpret_cast<const char *>(text.data()));
+  return SetData(res, AsText(text));
 }
 
 }  // namespace

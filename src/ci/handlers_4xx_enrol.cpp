@@ -1,7 +1,5 @@
 // Command handlers: Enrolment: requests, storing certificates, keys and seals (4xx).
 // Operations the library does not offer yet answer 0x8208005A.
-#include <vector>
-
 #include "ci/ci_device.hpp"
 #include "pki/cert_input.hpp"
 #include "zeph_c_cert.h"
@@ -22,10 +20,9 @@ uint32_t GenCsr(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   ZEPH_ENSURE(req.value != nullptr && req.value[0] != '\0', ERR_INVALID_PARAMETER);
   KeyHandle key;
   ZEPH_TRY(key.Open(req));
-  std::vector<uint8_t> csr(kMaxRequest);
-  uint32_t len = kMaxRequest;
-  ZEPH_TRY(ZEPH_C_GenCSR(key.get(), req.pin.s, req.asymid, req.value, req.algID, csr.data(), &len));
-  return SetBase64Data(res, csr.data(), len);
+  return SetBase64Output(res, kMaxRequest, [&](uint8_t *out, uint32_t *n) {
+    return ZEPH_C_GenCSR(key.get(), req.pin.s, req.asymid, req.value, req.algID, out, n);
+  });
 }
 
 uint32_t SaveSignCert(const ZEPH_REQ_PARAM &req) {
@@ -43,10 +40,8 @@ uint32_t SaveCertChain(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   KeyHandle key;
   ZEPH_TRY(key.Open(req));
   ZEPH_TRY(ZEPH_C_SaveCertChain(key.get(), req.pin.s, req.asymid, chain.data(), static_cast<uint32_t>(chain.size())));
-  std::vector<uint8_t> bundle;
-  ZEPH_TRY(FetchOutput([&](uint8_t *out, uint32_t *n) { return ZEPH_C_GetCertChain(key.get(), req.asymid, out, n); },
-                       &bundle));
-  return SetBase64Data(res, bundle.data(), bundle.size());
+  return SetBase64Output(res, chain.size() + 64,
+                         [&](uint8_t *out, uint32_t *n) { return ZEPH_C_GetCertChain(key.get(), req.asymid, out, n); });
 }
 
 uint32_t SaveEncCertAndKey(const ZEPH_REQ_PARAM &req) {

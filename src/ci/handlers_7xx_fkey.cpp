@@ -1,24 +1,33 @@
 // Command handlers: Software key and seal parsing (7xx).
 // Operations the library does not offer yet answer 0x8208005A.
 #include <string>
-#include <vector>
 
 #include "ci/ci_device.hpp"
 #include "foundation/owned.hpp"
 #include "pki/cert_input.hpp"
 #include "zeph_c_api.h"
 #include "zeph_c_cert.h"
+#include "zeph_c_p7.h"
 
 namespace zeph::ci {
 namespace {
 
-// RSA 4096 signatures and requests fit.
-constexpr uint32_t kMaxSigned = 8192;
+// "raw" (base64 envelope) opened with "prikey" (base64 PKCS#8, encrypted
+// under "pin" when it is an EncryptedPrivateKeyInfo).
+uint32_t FkeyDecodeEnveloper(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
+  ZEPH_ENSURE(req.value != nullptr && req.prikey.s[0] != '\0', ERR_INVALID_PARAMETER);
+  SecureBytes env, pkcs8;
+  ZEPH_TRY(DecodeBase64(req.value, &env));
+  ZEPH_TRY(DecodeBase64(req.prikey.s, &pkcs8));
+  return SetBase64Output(res, env.size(), [&](uint8_t *out, uint32_t *out_len) {
+    return ZEPH_C_DecodeEnveloperWithPrivateKey(pkcs8.data(), static_cast<uint32_t>(pkcs8.size()),
+                                                req.pin.s[0] != '\0' ? req.pin.s : nullptr, env.data(),
+                                                static_cast<uint32_t>(env.size()), out, out_len);
+  });
+}
 
-struct Released {
-  unsigned char *p = nullptr;
-  ~Released() { ZEPH_C_MALLOC_FREE(p); }
-};
+// A first guess that RSA 4096 signatures and requests fit.
+constexpr size_t kMaxSigned = 8192;
 
 // "prikey": base64 PKCS#8 (or a raw key) in base64, or PEM text.
 uint32_t PrivateKeyArg(const ZEPH_REQ_PARAM &req, SecureBytes *out) {
@@ -31,12 +40,14 @@ uint32_t PrivateKeyArg(const ZEPH_REQ_PARAM &req, SecureBytes *out) {
 }
 
 uint32_t KeyPair(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
-  Released p8, spki;
+  unsigned char *p8_out = nullptr, *spki_out = nullptr;
   uint32_t p8_len = 0, spki_len = 0;
-  ZEPH_TRY(ZEPH_C_FKeyGenKeyPair(req.algID, req.pin.s, &p8.p, &p8_len, &spki.p, &spki_len));
-  std::string text = "{\"prikey\":\"" + pki::Base64Text({p8.p, p8_len}) + "\",\"pubkey\":\"" +
-                     pki::Base64Text({spki.p, spki_len}) + "\"}";
-  OPENSSL_cleanse(p8.p, p8_len);
+  const uint32_t made = ZEPH_C_FKeyGenKeyPair(req.algID, req.pin.s, &p8_out, &p8_len, &spki_out, &spki_len);
+  const MallocPtr<unsigned char> p8(p8_out), spki(spki_out);
+  ZEPH_TRY(made);
+  std::string text = "{\"prikey\":\"" + pki::Base64Text({p8.get(), p8_len}) + "\",\"pubkey\":\"" +
+                     pki::Base64Text({spki.get(), spki_len}) + "\"}";
+  OPENSSL_cleanse(p8.get(), p8_len);
   const uint32_t rv = SetData(res, text);
   OPENSSL_cleanse(text.data(), text.size());
   return rv;
@@ -46,21 +57,19 @@ uint32_t Sign(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   SecureBytes key, data;
   ZEPH_TRY(PrivateKeyArg(req, &key));
   ZEPH_TRY(SignedBytes(req, &data));
-  std::vector<uint8_t> sig(kMaxSigned);
-  uint32_t len = kMaxSigned;
-  ZEPH_TRY(ZEPH_C_FKeySign(key.data(), static_cast<uint32_t>(key.size()), req.pin.s, data.data(),
-                           static_cast<uint32_t>(data.size()), req.algID, sig.data(), &len));
-  return SetBase64Data(res, sig.data(), len);
+  return SetBase64Output(res, kMaxSigned, [&](uint8_t *out, uint32_t *n) {
+    return ZEPH_C_FKeySign(key.data(), static_cast<uint32_t>(key.size()), req.pin.s, data.data(),
+                           static_cast<uint32_t>(data.size()), req.algID, out, n);
+  });
 }
 
 uint32_t GenCsr(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   ZEPH_ENSURE(req.value != nullptr && req.value[0] != '\0', ERR_INVALID_PARAMETER);
   SecureBytes key;
   ZEPH_TRY(PrivateKeyArg(req, &key));
-  std::vector<uint8_t> csr(kMaxSigned);
-  uint32_t len = kMaxSigned;
-  ZEPH_TRY(ZEPH_C_FKeyGenCSR(key.data(), static_cast<uint32_t>(key.size()), req.pin.s, req.value, csr.data(), &len));
-  return SetBase64Data(res, csr.data(), len);
+  return SetBase64Output(res, kMaxSigned, [&](uint8_t *out, uint32_t *n) {
+    return ZEPH_C_FKeyGenCSR(key.data(), static_cast<uint32_t>(key.size()), req.pin.s, req.value, out, n);
+  });
 }
 
 }  // namespace
@@ -69,7 +78,11 @@ uint32_t l_ci4fkeyGetKeypair(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) { return 
 uint32_t l_ci4fkeyDoSignature(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) { return Answer(res, Sign(*req, res)); }
 uint32_t l_ci4fkeyGenCSR(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) { return Answer(res, GenCsr(*req, res)); }
 uint32_t l_ci4parseSealInfo(ZEPH_REQ_PARAM *, ZEPH_RES_PARAM *res) { return NotOffered(res); }
-uint32_t l_ci4fkeyEncodeEnveloper(ZEPH_REQ_PARAM *, ZEPH_RES_PARAM *res) { return NotOffered(res); }
-uint32_t l_ci4fkeyDecodeEnveloper(ZEPH_REQ_PARAM *, ZEPH_RES_PARAM *res) { return NotOffered(res); }
+uint32_t l_ci4fkeyEncodeEnveloper(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
+  return Answer(res, EncodeEnveloper(*req, res));
+}
+uint32_t l_ci4fkeyDecodeEnveloper(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) {
+  return Answer(res, FkeyDecodeEnveloper(*req, res));
+}
 
 }  // namespace zeph::ci

@@ -110,8 +110,8 @@ constexpr std::array<Handler, kGroups * kSlots> BuildTable() {
   return table;
 }
 
-// Dispatcher failures keep the status zero-extended (2181562459 for
-// 0x8208005B); handlers store theirs sign-extended.
+// Compat: dispatcher failures keep the status zero-extended (2181562459 for
+// 0x8208005B) while handlers store theirs sign-extended; hosts match both.
 constexpr int64_t kDispatchFailure = static_cast<int64_t>(uint64_t{ERR_INVALID_PARAMETER});
 
 // Frees the request's owned texts and wipes it on every path.
@@ -182,7 +182,7 @@ void Dispatch(const char *request, ZEPH_RES_PARAM *res) {
   ZEPH_LOG(request != nullptr ? request : "", 0);
   *res = ZEPH_RES_PARAM{};
   RequestScope scope;
-  const uint32_t parsed = l_GetZEPH_REQ_PARAM(request, &scope.req);
+  const uint32_t parsed = ParseRequest(request, &scope.req);
   ZEPH_LOG("l_GetZEPH_REQ_PARAM result:", parsed);
   if (parsed != 0) {
     res->command = 0;
@@ -226,19 +226,22 @@ using zeph::ci::Reply;
 
 extern "C" {
 
-ZEPH_API uint32_t ZEPH_C_CI(const char *request, char *response) {
+ZEPH_API uint32_t ZEPH_C_CI(const char *request, char *out_response) {
   zeph::Guarded([&]() -> uint32_t {
     Reply reply;
     zeph::ci::Run(request, &reply);
-    if (response != nullptr && reply.text) {
-      std::memcpy(response, reply.text.get(), std::strlen(reply.text.get()) + 1);
+    // Compat: the response is written without a capacity (the host sizes it
+    // for the largest reply it asks for) and the call always returns 0: the
+    // outcome is the document's "code".
+    if (out_response != nullptr && reply.text) {
+      std::memcpy(out_response, reply.text.get(), std::strlen(reply.text.get()) + 1);
     }
     return 0;
   });
   return 0;
 }
 
-ZEPH_API uint32_t ZEPH_C_CI_Ex(const char *request, char *response, uint32_t capacity, uint32_t *out_required) {
+ZEPH_API uint32_t ZEPH_C_CI_Ex(const char *request, char *out_response, uint32_t capacity, uint32_t *out_required) {
   return zeph::Guarded([&]() -> uint32_t {
     Reply reply;
     zeph::ci::Run(request, &reply);
@@ -246,19 +249,19 @@ ZEPH_API uint32_t ZEPH_C_CI_Ex(const char *request, char *response, uint32_t cap
     const size_t need = std::strlen(reply.text.get()) + 1;
     if (need > UINT32_MAX) return ERR_OUT_OF_MEMORY;
     if (out_required != nullptr) *out_required = static_cast<uint32_t>(need);
-    if (response != nullptr && capacity >= need) {
-      std::memcpy(response, reply.text.get(), need);
+    if (out_response != nullptr && capacity >= need) {
+      std::memcpy(out_response, reply.text.get(), need);
       return 0;
     }
-    if (response != nullptr && capacity > 0) {
+    if (out_response != nullptr && capacity > 0) {
       zeph::ci::ZEPH_RES_PARAM bare = reply.res;
       bare.data = nullptr;
       const zeph::JsonTextPtr shorter(zeph::ci::PrintResponse(bare));
       const size_t n = shorter ? std::strlen(shorter.get()) + 1 : 0;
       if (n != 0 && n <= capacity) {
-        std::memcpy(response, shorter.get(), n);
+        std::memcpy(out_response, shorter.get(), n);
       } else {
-        response[0] = '\0';
+        out_response[0] = '\0';
       }
     }
     return ERR_BUFFER_TOO_SMALL;

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "device/vendor_quirks.hpp"
 #include "foundation/json_owned.hpp"
 #include "foundation/log.hpp"
 #include "foundation/output.hpp"
@@ -118,7 +119,7 @@ uint32_t CountContainers(GM_SKF_CTX *ctx, const std::vector<std::string> &apps, 
   return 0;
 }
 
-// Occupied seal slots: slot 1 is the file "Picture", slots 2 to 10 "Picture<n>".
+// Occupied seal slots, by the files that hold their pictures.
 uint32_t CountSeals(GM_SKF_CTX *ctx, const std::vector<std::string> &apps, uint32_t *out_count) {
   *out_count = 0;
   if (std::find(apps.begin(), apps.end(), "VorliStamp") == apps.end()) return 0;
@@ -128,14 +129,9 @@ uint32_t CountSeals(GM_SKF_CTX *ctx, const std::vector<std::string> &apps, uint3
   ZEPH_TRY(CallSkf(skf.SKF_OpenApplication, ERR_OPEN_SESSION_FAILED, ctx->device, name.data(), &app.app));
   std::vector<std::string> files;
   ZEPH_TRY(EnumNames(skf.SKF_EnumFiles, app.app, ERR_OPEN_SESSION_FAILED, &files));
-  for (uint32_t slot = 1; slot <= 10; ++slot) {
-    char file[32];
-    if (slot == 1) {
-      std::snprintf(file, sizeof file, "Picture");
-    } else {
-      std::snprintf(file, sizeof file, "Picture%u", slot);
-    }
-    if (std::find(files.begin(), files.end(), file) != files.end()) ++*out_count;
+  for (uint32_t slot = 1; slot <= zeph::device::kSealSlots; ++slot) {
+    const zeph::device::SealFileName file = zeph::device::SealSlotFile(slot);
+    if (std::find(files.begin(), files.end(), file.text) != files.end()) ++*out_count;
   }
   return 0;
 }
@@ -286,6 +282,8 @@ ZEPH_API uint32_t GM_SKF_CTX_NewSession(GM_SKF_CTX *ctx, uint32_t index, const c
     ZEPH_TRY(CallSkf(skf.SKF_CreateApplication, ERR_OPEN_SESSION_FAILED, ctx->device, loc.application,
                      reinterpret_cast<char *>(admin.data()), admin_pin_retry, reinterpret_cast<char *>(user.data()),
                      user_pin_retry, SECURE_USER_ACCOUNT, &ctx->application));
+    // Compat: a new RSA encryption container counts as a signing key here,
+    // unlike an opened one.
     ctx->key_kind = KindForIndex(index, false);
     ULONG retry = 0;
     ZEPH_TRY(CallSkf(skf.SKF_VerifyPIN, ERR_PIN_VERIFY_FAILED, ctx->application, USER_TYPE,
@@ -345,7 +343,8 @@ ZEPH_API uint32_t GM_SKF_CTX_VerifyPinRetryCnt(GM_SKF_CTX *ctx, const char *pin,
         ULONG max_retry = 0;
         BOOL is_default = FALSE;
         CallSkf(ctx->skf.SKF_GetPINInfo, 0, ctx->application, USER_TYPE, &max_retry, retry, &is_default);
-        // The complete record, PIN included, goes to the host's log callback only.
+        // Compat: the record is complete, PIN included, as hosts' logs have
+        // always shown it; it goes to the host's log callback only.
         const int n = std::snprintf(nullptr, 0,
                                     "{\"SKF_VerifyPIN: maxretryCnt\":\"%d\",\"retryCnt\":\"%d\","
                                     "\"IsDefaultPin\":\"%d\",\"UserPin\":\"%s\"}",

@@ -95,15 +95,16 @@ ZEPH_API uint32_t GM_SKF_CTX_ExportCertificate(GM_SKF_CTX *ctx, uint32_t sign_fl
   if (!HasContainer(ctx)) return ERR_GET_CERT_FAILED;
   if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
-    const auto &skf = ctx->skf;
-    const BOOL sign = static_cast<BOOL>(sign_flag != 0);
+    const BOOL sign = sign_flag != 0 ? TRUE : FALSE;
     ULONG len = 0;
-    ZEPH_TRY(CallSkf(skf.SKF_ExportCertificate, ERR_GET_CERT_FAILED, ctx->container, sign, nullptr, &len));
-    if (len == 0 || len > kMaxCertLen) return ERR_GET_CERT_FAILED;
-    std::vector<BYTE> cert(len);
-    ZEPH_TRY(CallSkf(skf.SKF_ExportCertificate, ERR_GET_CERT_FAILED, ctx->container, sign, cert.data(), &len));
-    cert.resize(std::min<size_t>(len, cert.size()));
-    return zeph::PutOutput(cert, out, in_out_len);
+    ZEPH_TRY(CallSkf(ctx->skf.SKF_ExportCertificate, ERR_GET_CERT_FAILED, ctx->container, sign, nullptr, &len));
+    if (len > kMaxCertLen) return ERR_GET_CERT_FAILED;
+    // Read the whole certificate even when the caller only asks for its
+    // length: some libraries report a size query larger than the DER.
+    std::vector<BYTE> der(len != 0 ? len : 1);
+    ZEPH_TRY(CallSkf(ctx->skf.SKF_ExportCertificate, ERR_GET_CERT_FAILED, ctx->container, sign, der.data(), &len));
+    if (len == 0 || len > der.size()) return ERR_GET_CERT_FAILED;
+    return zeph::PutOutput({der.data(), len}, out, in_out_len);
   });
 }
 

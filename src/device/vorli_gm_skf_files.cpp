@@ -1,9 +1,9 @@
 // Whole files in the open application of a key, and the seal-area
 // shortcuts that name those files by area or slot number.
-#include <cstdio>
 #include <cstring>
 #include <vector>
 
+#include "device/vendor_quirks.hpp"
 #include "device/vorli_gm_skf.hpp"
 #include "foundation/log.hpp"
 #include "foundation/status_flow.hpp"
@@ -29,11 +29,6 @@ const char *SealAreaFile(uint32_t area) {
       return "Cert";
   }
 }
-
-struct SlotName {
-  char text[260];
-  explicit SlotName(uint32_t slot) { std::snprintf(text, sizeof text, "Picture%d", static_cast<int>(slot)); }
-};
 
 }  // namespace
 
@@ -94,7 +89,8 @@ ZEPH_API uint32_t GM_SKF_CTX_DeleteFile(GM_SKF_CTX *ctx, const char *name) {
   if (name == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
     std::vector<char> file = NameCopy(name);
-    ZEPH_LOG("GM_SKF_CTX_SetFileIntoCryptoDevice:", 0);  // the writer's text, as the log has always read
+    // Compat: the writer's text, as the log has always read.
+    ZEPH_LOG("GM_SKF_CTX_SetFileIntoCryptoDevice:", 0);
     const uint32_t rv = CallSkf(ctx->skf.SKF_DeleteFile, ERR_DEVICE_FILE_WRITE_FAILED, ctx->application, file.data());
     ZEPH_LOG("SKF_DeleteFileProc end:", rv);
     return rv;
@@ -111,11 +107,11 @@ ZEPH_API uint32_t GM_SKF_CTX_GetSealInfo(GM_SKF_CTX *ctx, uint32_t area, unsigne
 
 ZEPH_API uint32_t GM_SKF_CTX_SetSealInfoEx(GM_SKF_CTX *ctx, uint32_t slot, const unsigned char *data,
                                            uint32_t data_len) {
-  return GM_SKF_CTX_SetFileIntoCryptoDevice(ctx, SlotName(slot).text, data, data_len);
+  return GM_SKF_CTX_SetFileIntoCryptoDevice(ctx, zeph::device::PictureFile(slot).text, data, data_len);
 }
 
 ZEPH_API uint32_t GM_SKF_CTX_GetSealInfoEx(GM_SKF_CTX *ctx, uint32_t slot, unsigned char *out, uint32_t *in_out_len) {
-  return GM_SKF_CTX_GetFileFromCryptoDevice(ctx, SlotName(slot).text, out, in_out_len);
+  return GM_SKF_CTX_GetFileFromCryptoDevice(ctx, zeph::device::PictureFile(slot).text, out, in_out_len);
 }
 
 }  // extern "C"

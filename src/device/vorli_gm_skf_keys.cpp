@@ -7,10 +7,12 @@
 #include <openssl/core_names.h>
 #include <openssl/param_build.h>
 
+#include "device/vendor_quirks.hpp"
 #include "device/vorli_gm_skf.hpp"
 #include "foundation/log.hpp"
 #include "foundation/output.hpp"
 #include "foundation/owned.hpp"
+#include "foundation/sm2_params.hpp"
 #include "foundation/status_flow.hpp"
 #include "zeph_c_device.h"
 #include "zeph_c_gm.h"
@@ -21,21 +23,17 @@ using zeph::device::HasContainer;
 
 namespace {
 
-constexpr const char *kDefaultSm2Id = "1234567812345678";
-constexpr size_t kCoordLen = 32;
-constexpr size_t kPointLen = 1 + 2 * kCoordLen;
-constexpr size_t kRawSm2SigLen = 2 * kCoordLen;
-constexpr size_t kWorkLen = 1024;
-constexpr uint32_t kVendorUnpaddedType = 10;
-constexpr uint32_t kMode50Type = 41;
+using zeph::kSignWorkLen;
+using zeph::kSm2CoordLen;
+using zeph::kSm2PointLen;
 
 // 256-bit values sit right-aligned in the blobs' 64-byte fields.
-const BYTE *Low32(const BYTE (&field)[64]) { return field + (sizeof field - kCoordLen); }
+const BYTE *Low32(const BYTE (&field)[64]) { return field + (sizeof field - kSm2CoordLen); }
 
-void PointFromBlob(const ECCPUBLICKEYBLOB &blob, uint8_t (&point)[kPointLen]) {
+void PointFromBlob(const ECCPUBLICKEYBLOB &blob, uint8_t (&point)[kSm2PointLen]) {
   point[0] = 0x04;
-  std::memcpy(point + 1, Low32(blob.XCoordinate), kCoordLen);
-  std::memcpy(point + 1 + kCoordLen, Low32(blob.YCoordinate), kCoordLen);
+  std::memcpy(point + 1, Low32(blob.XCoordinate), kSm2CoordLen);
+  std::memcpy(point + 1 + kSm2CoordLen, Low32(blob.YCoordinate), kSm2CoordLen);
 }
 
 // Closes the symmetric key handle on the way out of an operation.
@@ -70,12 +68,12 @@ uint32_t RsaSpkiFromBlob(const BYTE *blob_bytes, uint32_t blob_len, std::vector<
   zeph::BnPtr n(BN_bin2bn(blob.Modulus, sizeof blob.Modulus, nullptr));
   zeph::BnPtr e(BN_bin2bn(blob.PublicExponent, sizeof blob.PublicExponent, nullptr));
   if (!n || !e || BN_is_zero(n.get()) || BN_is_zero(e.get())) return ERR_PUBKEY_CONVERT_FAILED;
-  std::unique_ptr<OSSL_PARAM_BLD, zeph::Free<OSSL_PARAM_BLD_free>> bld(OSSL_PARAM_BLD_new());
+  zeph::ParamBldPtr bld(OSSL_PARAM_BLD_new());
   if (!bld || OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) != 1 ||
       OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) != 1) {
     return ERR_PUBKEY_CONVERT_FAILED;
   }
-  std::unique_ptr<OSSL_PARAM, zeph::Free<OSSL_PARAM_free>> params(OSSL_PARAM_BLD_to_param(bld.get()));
+  zeph::ParamPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
   zeph::EvpPkeyCtxPtr pctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
   EVP_PKEY *raw = nullptr;
   if (!params || !pctx || EVP_PKEY_fromdata_init(pctx.get()) != 1 ||
@@ -96,10 +94,32 @@ uint32_t SignSm2(PFN_SKF_ECCSignData sign, GM_SKF_CTX *ctx, const unsigned char 
   std::vector<BYTE> in = Mutable(value, value_len);
   ECCSIGNATUREBLOB blob{};
   ZEPH_TRY(CallSkf(sign, ERR_SIGN_FAILED, ctx->container, in.data(), value_len, &blob));
-  std::memcpy(sig, Low32(blob.r), kCoordLen);
-  std::memcpy(sig + kCoordLen, Low32(blob.s), kCoordLen);
-  *in_out_sig_len = kRawSm2SigLen;
+  // Compat: r || s is written whatever the capacity; callers hand 64 bytes.
+  std::memcpy(sig, Low32(blob.r), kSm2CoordLen);
+  std::memcpy(sig + kSm2CoordLen, Low32(blob.s), kSm2CoordLen);
+  *in_out_sig_len = zeph::kSm2RawSignatureLen;
   return 0;
+}
+
+// The two signers differ only in the vendor calls: SM2 keys give r || s,
+// RSA keys the vendor's signature within the caller's capacity.
+template <class RsaSign>
+uint32_t SignValue(GM_SKF_CTX *ctx, const unsigned char *value, uint32_t value_len, unsigned char *sig,
+                   uint32_t *in_out_sig_len, PFN_SKF_ECCSignData zeph::device::SkfFunctions::*sm2_sign,
+                   RsaSign rsa_sign) {
+  if (!HasContainer(ctx)) return ERR_SIGN_FAILED;
+  if (value == nullptr || in_out_sig_len == nullptr) return ERR_INVALID_PARAMETER;
+  return zeph::Guarded([&]() -> uint32_t {
+    if (ctx->key_kind == ZEPH_KEY_SM2_SIGN) {
+      if (sig == nullptr) return ERR_INVALID_PARAMETER;
+      return SignSm2(ctx->skf.*sm2_sign, ctx, value, value_len, sig, in_out_sig_len);
+    }
+    std::vector<BYTE> in = Mutable(value, value_len);
+    ULONG len = *in_out_sig_len;
+    const uint32_t rv = rsa_sign(in.data(), &len);
+    if (rv == 0) *in_out_sig_len = len;
+    return rv;
+  });
 }
 
 }  // namespace
@@ -109,6 +129,8 @@ extern "C" {
 ZEPH_API int zeph_c_utils_RSAsignpad(unsigned char *buffer, int digest_nid, uint32_t digest_len, uint32_t *out_len) {
   constexpr uint32_t kMaxEncoding = 117;  // fits a 1024-bit PKCS#1 v1.5 block
   if (buffer == nullptr || out_len == nullptr) return -1;
+  // Compat: MD5+SHA-1 is taken as a 32-byte value and passed through
+  // without a DigestInfo, as callers of this encoder have always relied on.
   if (digest_nid == NID_md5_sha1) {
     if (digest_len != 32) return -1;
     *out_len = digest_len;
@@ -116,7 +138,7 @@ ZEPH_API int zeph_c_utils_RSAsignpad(unsigned char *buffer, int digest_nid, uint
   }
   ASN1_OBJECT *oid = OBJ_nid2obj(digest_nid);
   if (oid == nullptr || OBJ_length(oid) == 0 || digest_len > kMaxEncoding) return -1;
-  std::unique_ptr<X509_SIG, zeph::Free<X509_SIG_free>> info(X509_SIG_new());
+  zeph::X509SigPtr info(X509_SIG_new());
   if (!info) return -1;
   X509_ALGOR *alg = nullptr;
   ASN1_OCTET_STRING *digest = nullptr;
@@ -142,7 +164,7 @@ ZEPH_API uint32_t GM_SKF_CTX_DataOnPretreatment(GM_SKF_CTX *ctx, const unsigned 
   DropKeyOnExit drop{ctx};
   return zeph::Guarded([&]() -> uint32_t {
     if (ctx->key_kind != ZEPH_KEY_SM2_SIGN) {
-      uint8_t work[kWorkLen];
+      uint8_t work[kSignWorkLen];
       uint32_t work_len = sizeof work;
       int nid = NID_undef;
       if (zeph_c_utils_digest(digest_id & 0xFFFFu, msg, msg_len, work, &work_len, &nid) != 0) {
@@ -156,12 +178,12 @@ ZEPH_API uint32_t GM_SKF_CTX_DataOnPretreatment(GM_SKF_CTX *ctx, const unsigned 
     ULONG blob_len = sizeof blob;
     ZEPH_TRY(CallSkf(ctx->skf.SKF_ExportPublicKey, ERR_PRETREATMENT_FAILED, ctx->container, TRUE,
                      reinterpret_cast<BYTE *>(&blob), &blob_len));
-    uint8_t point[kPointLen];
+    uint8_t point[kSm2PointLen];
     PointFromBlob(blob, point);
     uint8_t e[32];
     const unsigned char empty = 0;
-    if (BIVO_ComputePreprocessSm3Digest_EVP(kDefaultSm2Id, point, sizeof point, msg != nullptr ? msg : &empty, msg_len,
-                                            e) != 0) {
+    if (BIVO_ComputePreprocessSm3Digest_EVP(zeph::kDefaultSm2Id, point, sizeof point, msg != nullptr ? msg : &empty,
+                                            msg_len, e) != 0) {
       return ERR_PRETREATMENT_FAILED;
     }
     return zeph::PutOutput({e, sizeof e}, out, in_out_len);
@@ -169,43 +191,24 @@ ZEPH_API uint32_t GM_SKF_CTX_DataOnPretreatment(GM_SKF_CTX *ctx, const unsigned 
 }
 
 ZEPH_API uint32_t GM_SKF_CTX_SignHash(GM_SKF_CTX *ctx, const unsigned char *value, uint32_t value_len,
-                                      unsigned char *sig, uint32_t *in_out_sig_len) {
-  if (!HasContainer(ctx)) return ERR_SIGN_FAILED;
-  if (value == nullptr || in_out_sig_len == nullptr) return ERR_INVALID_PARAMETER;
-  return zeph::Guarded([&]() -> uint32_t {
-    const auto &skf = ctx->skf;
-    if (ctx->key_kind == ZEPH_KEY_SM2_SIGN) {
-      if (sig == nullptr) return ERR_INVALID_PARAMETER;
-      return SignSm2(skf.SKF_ECCSignData, ctx, value, value_len, sig, in_out_sig_len);
-    }
-    std::vector<BYTE> in = Mutable(value, value_len);
-    ULONG len = *in_out_sig_len;
-    const uint32_t rv =
-        skf.SKF_Ex_RSASignData != nullptr
-            ? CallSkf(skf.SKF_Ex_RSASignData, ERR_SIGN_FAILED, ctx->container, 1u, in.data(), value_len, sig, &len)
-            : CallSkf(skf.SKF_RSASignData, ERR_SIGN_FAILED, ctx->container, in.data(), value_len, sig, &len);
-    if (rv == 0) *in_out_sig_len = len;
-    return rv;
-  });
+                                      unsigned char *out_sig, uint32_t *in_out_sig_len) {
+  return SignValue(
+      ctx, value, value_len, out_sig, in_out_sig_len, &zeph::device::SkfFunctions::SKF_ECCSignData,
+      [&](BYTE *in, ULONG *len) {
+        const auto &skf = ctx->skf;
+        return skf.SKF_Ex_RSASignData != nullptr
+                   ? CallSkf(skf.SKF_Ex_RSASignData, ERR_SIGN_FAILED, ctx->container, 1u, in, value_len, out_sig, len)
+                   : CallSkf(skf.SKF_RSASignData, ERR_SIGN_FAILED, ctx->container, in, value_len, out_sig, len);
+      });
 }
 
 ZEPH_API uint32_t GM_SKF_CTX_SignHashEx(GM_SKF_CTX *ctx, const unsigned char *value, uint32_t value_len,
-                                        unsigned char *sig, uint32_t *in_out_sig_len, uint32_t *extra) {
-  if (!HasContainer(ctx)) return ERR_SIGN_FAILED;
-  if (value == nullptr || in_out_sig_len == nullptr) return ERR_INVALID_PARAMETER;
-  return zeph::Guarded([&]() -> uint32_t {
-    const auto &skf = ctx->skf;
-    if (ctx->key_kind == ZEPH_KEY_SM2_SIGN) {
-      if (sig == nullptr) return ERR_INVALID_PARAMETER;
-      return SignSm2(skf.SKF_Eu_ECCSignData, ctx, value, value_len, sig, in_out_sig_len);
-    }
-    std::vector<BYTE> in = Mutable(value, value_len);
-    ULONG len = *in_out_sig_len;
-    const uint32_t rv =
-        CallSkf(skf.SKF_Eu_RSASignData, ERR_SIGN_FAILED, ctx->container, in.data(), value_len, sig, &len, extra);
-    if (rv == 0) *in_out_sig_len = len;
-    return rv;
-  });
+                                        unsigned char *out_sig, uint32_t *in_out_sig_len, uint32_t *extra) {
+  return SignValue(ctx, value, value_len, out_sig, in_out_sig_len, &zeph::device::SkfFunctions::SKF_Eu_ECCSignData,
+                   [&](BYTE *in, ULONG *len) {
+                     return CallSkf(ctx->skf.SKF_Eu_RSASignData, ERR_SIGN_FAILED, ctx->container, in, value_len,
+                                    out_sig, len, extra);
+                   });
 }
 
 ZEPH_API uint32_t GM_SKF_CTX_DoAsymDec(GM_SKF_CTX *ctx, const unsigned char *cipher, uint32_t cipher_len,
@@ -215,15 +218,15 @@ ZEPH_API uint32_t GM_SKF_CTX_DoAsymDec(GM_SKF_CTX *ctx, const unsigned char *cip
   if (cipher == nullptr || out == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
     std::vector<BYTE> in = Mutable(cipher, cipher_len);
-    const ULONG mode = ctx->device_type == kMode50Type ? 50u : (padding != 0 ? 1u : 2u);
+    const ULONG mode = zeph::device::RsaDecryptMode(ctx, padding);
     ULONG len = *in_out_len;
     ZEPH_LOG("SKF_RSADecryptProc uiInDataLen:", cipher_len);
     const uint32_t rv = ctx->skf.SKF_RSADecrypt(ctx->container, in.data(), cipher_len, out, &len, mode);
     ZEPH_LOG("SKF_RSADecryptProc end:", rv);
     if (rv != 0) return rv;
     if (len > *in_out_len) return ERR_ASYM_CRYPT_FAILED;  // the vendor overran what it was given
-    if (ctx->device_type == kVendorUnpaddedType) {
-      *in_out_len = len;  // this vendor unpads by itself
+    if (zeph::device::UnpadsRsaItself(ctx)) {
+      *in_out_len = len;
       return 0;
     }
     uint32_t plain_len = 0;
@@ -258,7 +261,7 @@ ZEPH_API uint32_t GM_SKF_CTX_ExportPublicKey(GM_SKF_CTX *ctx, unsigned char *out
   if (!HasContainer(ctx)) return ERR_EXPORT_PUBKEY_FAILED;
   if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
-    BYTE blob[kWorkLen] = {0};
+    BYTE blob[kSignWorkLen] = {0};
     // The caller's capacity is what the vendor is told; a short one gets the
     // vendor's own buffer status.
     ULONG blob_len = std::min<uint32_t>(*in_out_len, sizeof blob);
@@ -268,7 +271,7 @@ ZEPH_API uint32_t GM_SKF_CTX_ExportPublicKey(GM_SKF_CTX *ctx, unsigned char *out
       if (out == nullptr) return ERR_INVALID_PARAMETER;
       ECCPUBLICKEYBLOB ecc{};
       std::memcpy(&ecc, blob, std::min<size_t>(blob_len, sizeof ecc));
-      uint8_t point[kPointLen];
+      uint8_t point[kSm2PointLen];
       PointFromBlob(ecc, point);
       std::memcpy(out, point, sizeof point);
       *in_out_len = sizeof point;
@@ -285,7 +288,7 @@ ZEPH_API uint32_t GM_SKF_CTX_ExportPublicKeyEx(GM_SKF_CTX *ctx, uint32_t sign_fl
   if (!HasContainer(ctx)) return ERR_EXPORT_PUBKEY_FAILED;
   if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   return zeph::Guarded([&]() -> uint32_t {
-    BYTE blob[kWorkLen] = {0};
+    BYTE blob[kSignWorkLen] = {0};
     ULONG blob_len = sizeof blob;
     ZEPH_TRY(CallSkf(ctx->skf.SKF_ExportPublicKey, ERR_EXPORT_PUBKEY_FAILED, ctx->container,
                      static_cast<BOOL>(sign_flag != 0), blob, &blob_len));
@@ -293,7 +296,7 @@ ZEPH_API uint32_t GM_SKF_CTX_ExportPublicKeyEx(GM_SKF_CTX *ctx, uint32_t sign_fl
     if (ctx->key_kind == ZEPH_KEY_SM2_SIGN || ctx->key_kind == ZEPH_KEY_SM2_ENC) {
       ECCPUBLICKEYBLOB ecc{};
       std::memcpy(&ecc, blob, std::min<size_t>(blob_len, sizeof ecc));
-      uint8_t point[kPointLen];
+      uint8_t point[kSm2PointLen];
       PointFromBlob(ecc, point);
       return zeph::PutOutput(point, out, in_out_len);
     }

@@ -2,7 +2,6 @@
 #include <cstdio>
 #include <ctime>
 
-#include "foundation/helpers.hpp"
 #include "foundation/output.hpp"
 #include "zeph_c_utils.h"
 
@@ -16,8 +15,7 @@ size_t FormatLocal(const std::tm &t, char (&text)[32]) {
   return n > 0 ? std::min(static_cast<size_t>(n), sizeof text - 1) : 0;
 }
 
-}  // namespace
-
+// Local offset from UTC in whole hours (half-hour zones lose their minutes).
 int l_getLocalTimeZone() {
   const std::time_t now = std::time(nullptr);
   std::tm utc{};
@@ -30,6 +28,9 @@ int l_getLocalTimeZone() {
   return hours + 24 * days;
 }
 
+// The ASN.1 time's calendar fields read as local wall-clock time, as seconds
+// since the epoch; 0 on failure. zeph_c_utils_getStandardTime adds the zone
+// offset back, so the pair yields the local time of the ASN.1 instant.
 time_t l_getTimeFromASN1(const ASN1_TIME *asn1_time) {
   if (asn1_time == nullptr) return 0;
   std::tm t{};
@@ -39,10 +40,12 @@ time_t l_getTimeFromASN1(const ASN1_TIME *asn1_time) {
   return secs == static_cast<std::time_t>(-1) ? 0 : secs;
 }
 
+}  // namespace
+
 extern "C" {
 
-ZEPH_API uint32_t zeph_c_utils_getStandardTime(const ASN1_TIME *asn1_time, char *out, uint32_t *in_out_length) {
-  if (asn1_time == nullptr || in_out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t zeph_c_utils_getStandardTime(const ASN1_TIME *asn1_time, char *out, uint32_t *in_out_len) {
+  if (asn1_time == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   char text[32] = {0};
   size_t n = 0;
   const std::time_t secs = l_getTimeFromASN1(asn1_time);
@@ -54,20 +57,21 @@ ZEPH_API uint32_t zeph_c_utils_getStandardTime(const ASN1_TIME *asn1_time, char 
     if (shifted != static_cast<std::time_t>(-1) && localtime_r(&shifted, &t) != nullptr) n = FormatLocal(t, text);
   }
   // A time that does not convert gives the empty text.
-  return zeph::PutText(text, n, out, in_out_length);
+  return zeph::PutText(text, n, out, in_out_len);
 }
 
-ZEPH_API uint32_t zeph_c_utils_GMTgetStandardTime(const ASN1_TIME *asn1_time, char *out, uint32_t *in_out_length) {
-  if (asn1_time == nullptr || in_out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t zeph_c_utils_GMTgetStandardTime(const ASN1_TIME *asn1_time, char *out, uint32_t *in_out_len) {
+  if (asn1_time == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   char text[32] = {0};
   size_t n = 0;
   std::tm t{};
   if (ASN1_TIME_to_tm(asn1_time, &t) == 1) {
-    // The hour is shifted but not normalised: 24 and above print as they stand.
+    // Compat: the hour is shifted but not normalised; 24 and above print as
+    // they stand.
     t.tm_hour += l_getLocalTimeZone();
     n = FormatLocal(t, text);
   }
-  return zeph::PutText(text, n, out, in_out_length);
+  return zeph::PutText(text, n, out, in_out_len);
 }
 
 }  // extern "C"

@@ -35,6 +35,7 @@ bool ExistingCandidate(const char *dir, char (&path)[kPathBuffer]) {
 extern "C" {
 
 ZEPH_API uint32_t ZEPH_C_SetConfig(const char *directory) {
+  // Compat: refusals are 0xFFFFFFFF, not a library status.
   if (directory == nullptr) return 0xFFFFFFFFu;
   const size_t n = strnlen(directory, kMaxConfigDir + 1);
   if (n > kMaxConfigDir) return 0xFFFFFFFFu;

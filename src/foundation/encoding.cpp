@@ -11,6 +11,7 @@
 
 namespace {
 
+// Compat: the encoders' own failure is 0xFFFFFFFF, not a library status.
 constexpr uint32_t kFailed = 0xFFFFFFFFu;
 
 size_t Base64Length(size_t n) { return (n + 2) / 3 * 4; }
@@ -36,27 +37,7 @@ bool DecoderIgnoresAtEnd(char c) { return c == ' ' || c == '\t' || c == '\r' || 
 
 namespace zeph {
 
-uint32_t PutText(const char *text, size_t text_len, char *out, uint32_t *in_out_len) {
-  if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
-  if (text_len >= UINT32_MAX) return ERR_INVALID_PARAMETER;
-  const auto need = static_cast<uint32_t>(text_len + 1);
-  if (out == nullptr) {
-    *in_out_len = need;
-    return 0;
-  }
-  if (*in_out_len < need) {
-    *in_out_len = need;
-    return ERR_BUFFER_TOO_SMALL;
-  }
-  std::memcpy(out, text, text_len);
-  out[text_len] = '\0';
-  *in_out_len = static_cast<uint32_t>(text_len);
-  return 0;
-}
-
-}  // namespace zeph
-
-int l_base64_decode(const char *text, unsigned char **out_buffer) {
+int Base64Decode(const char *text, unsigned char **out_buffer) {
   if (out_buffer == nullptr) return -1;
   *out_buffer = nullptr;
   if (text == nullptr) return -1;
@@ -81,26 +62,24 @@ int l_base64_decode(const char *text, unsigned char **out_buffer) {
   return decoded - static_cast<int>(pads);
 }
 
+}  // namespace zeph
+
 extern "C" {
 
-ZEPH_API uint32_t File_PEMEncode(const unsigned char *data, uint32_t length, char *out, uint32_t *out_length) {
-  if (data == nullptr || out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t File_PEMEncode(const unsigned char *data, uint32_t length, char *out, uint32_t *in_out_len) {
+  if (data == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   if (length == 0) return kFailed;
   const size_t text_len = Base64Length(length);
   if (text_len >= UINT32_MAX) return kFailed;
-  const auto need = static_cast<uint32_t>(text_len + 1);
-  if (out == nullptr || *out_length < need) {
-    const bool too_small = out != nullptr;
-    *out_length = need;
-    return too_small ? ERR_BUFFER_TOO_SMALL : 0;
-  }
+  // Encoded straight into the caller's buffer once it is known to fit.
+  if (auto done = zeph::ReserveOutput(text_len + 1, out, in_out_len)) return *done;
   EncodeBase64(data, length, out);
-  *out_length = static_cast<uint32_t>(text_len);
+  *in_out_len = static_cast<uint32_t>(text_len);
   return 0;
 }
 
-ZEPH_API uint32_t File_PEMDecode(const char *text, uint32_t length, unsigned char *out, uint32_t *out_length) {
-  if (text == nullptr || out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t File_PEMDecode(const char *text, uint32_t length, unsigned char *out, uint32_t *in_out_len) {
+  if (text == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   if (length == 0 || length > INT_MAX) return kFailed;
   return zeph::Guarded([&]() -> uint32_t {
     // The block decoder keeps the zero bytes that "=" padding stands for.
@@ -108,33 +87,33 @@ ZEPH_API uint32_t File_PEMDecode(const char *text, uint32_t length, unsigned cha
     const int n =
         EVP_DecodeBlock(scratch.data(), reinterpret_cast<const unsigned char *>(text), static_cast<int>(length));
     if (n <= 0) return kFailed;
-    const uint32_t rv = zeph::PutOutput({scratch.data(), static_cast<size_t>(n)}, out, out_length);
+    const uint32_t rv = zeph::PutOutput({scratch.data(), static_cast<size_t>(n)}, out, in_out_len);
     OPENSSL_cleanse(scratch.data(), scratch.size());
     return rv;
   });
 }
 
-ZEPH_API uint32_t zeph_c_utils_b64tohex(const char *text, unsigned char **out_buffer, uint32_t *out_length) {
-  if (text == nullptr || out_buffer == nullptr || out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t zeph_c_utils_b64tohex(const char *text, unsigned char **out_buffer, uint32_t *out_len) {
+  if (text == nullptr || out_buffer == nullptr || out_len == nullptr) return ERR_INVALID_PARAMETER;
   unsigned char *buf = nullptr;
-  const int n = l_base64_decode(text, &buf);
+  const int n = zeph::Base64Decode(text, &buf);
   *out_buffer = nullptr;
   if (n <= 0) {
     std::free(buf);
     return kFailed;
   }
   *out_buffer = buf;
-  *out_length = static_cast<uint32_t>(n);
+  *out_len = static_cast<uint32_t>(n);
   return 0;
 }
 
-ZEPH_API uint32_t zeph_c_utils_b64tohex2(const char *text, unsigned char *out, uint32_t *in_out_length) {
-  if (text == nullptr || in_out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t zeph_c_utils_b64tohex2(const char *text, unsigned char *out, uint32_t *in_out_len) {
+  if (text == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   unsigned char *raw = nullptr;
-  const int n = l_base64_decode(text, &raw);
+  const int n = zeph::Base64Decode(text, &raw);
   const zeph::MallocPtr<unsigned char> buf(raw);
   if (n <= 0) return ERR_BASE64_INVALID;
-  const uint32_t rv = zeph::PutOutput({buf.get(), static_cast<size_t>(n)}, out, in_out_length);
+  const uint32_t rv = zeph::PutOutput({buf.get(), static_cast<size_t>(n)}, out, in_out_len);
   OPENSSL_cleanse(buf.get(), static_cast<size_t>(n));
   return rv;
 }
@@ -152,42 +131,36 @@ ZEPH_API uint32_t zeph_c_utils_hex2b64(const unsigned char *data, uint32_t lengt
   return 0;
 }
 
-ZEPH_API uint32_t zeph_c_utils_hex2ascii(const unsigned char *data, uint32_t length, char *out,
-                                         uint32_t *in_out_length) {
-  if (in_out_length == nullptr || (data == nullptr && length != 0)) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t zeph_c_utils_hex2ascii(const unsigned char *data, uint32_t length, char *out, uint32_t *in_out_len) {
+  if (in_out_len == nullptr || (data == nullptr && length != 0)) return ERR_INVALID_PARAMETER;
   const size_t need = size_t{length} * 2;
-  if (need > UINT32_MAX) return ERR_INVALID_PARAMETER;
-  if (out == nullptr || *in_out_length < need) {
-    const bool too_small = out != nullptr;
-    *in_out_length = static_cast<uint32_t>(need);
-    return too_small ? ERR_BUFFER_TOO_SMALL : 0;
-  }
+  if (auto done = zeph::ReserveOutput(need, out, in_out_len)) return *done;
   static constexpr char kDigits[] = "0123456789ABCDEF";
   for (uint32_t i = 0; i < length; ++i) {
     out[2 * i] = kDigits[data[i] >> 4];
     out[2 * i + 1] = kDigits[data[i] & 0x0F];
   }
-  *in_out_length = static_cast<uint32_t>(need);
+  *in_out_len = static_cast<uint32_t>(need);
   return 0;
 }
 
 // Kept for callers of the older interface; converts nothing.
-ZEPH_API uint32_t zeph_c_utils_ascii2hex(const char *text, uint32_t length, unsigned char *out, uint32_t *out_length) {
+ZEPH_API uint32_t zeph_c_utils_ascii2hex(const char *text, uint32_t length, unsigned char *out, uint32_t *in_out_len) {
   return 0;
 }
 
 // GBK to UTF-8 is not provided: both entries succeed without output.
 ZEPH_API uint32_t zeph_c_gbk2utf8(char *out, const char *text, uint32_t length) { return 0; }
 
-ZEPH_API uint32_t zeph_gbk2utf8_malloc(const char *text, uint32_t length, char **out) {
-  if (out != nullptr) *out = nullptr;
+ZEPH_API uint32_t zeph_gbk2utf8_malloc(const char *text, uint32_t length, char **out_text) {
+  if (out_text != nullptr) *out_text = nullptr;
   return 0;
 }
 
 ZEPH_API uint32_t zeph_c_utils_mergeBuffer(const unsigned char *first, uint32_t first_length,
                                            const unsigned char *second, uint32_t second_length,
-                                           unsigned char **out_buffer, uint32_t *out_length) {
-  if (out_buffer == nullptr || out_length == nullptr || (first == nullptr && first_length != 0) ||
+                                           unsigned char **out_buffer, uint32_t *out_len) {
+  if (out_buffer == nullptr || out_len == nullptr || (first == nullptr && first_length != 0) ||
       (second == nullptr && second_length != 0)) {
     return ERR_INVALID_PARAMETER;
   }
@@ -199,7 +172,7 @@ ZEPH_API uint32_t zeph_c_utils_mergeBuffer(const unsigned char *first, uint32_t 
   if (first_length != 0) std::memcpy(buf, first, first_length);
   if (second_length != 0) std::memcpy(buf + first_length, second, second_length);
   *out_buffer = buf;
-  *out_length = static_cast<uint32_t>(total);
+  *out_len = static_cast<uint32_t>(total);
   return 0;
 }
 

@@ -3,20 +3,22 @@
 
 #include <sys/stat.h>
 
+#include "foundation/output.hpp"
 #include "foundation/owned.hpp"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
 
 namespace {
 
+// Compat: files that do not open or read give 0xFFFFFFFF, not a library status.
 constexpr uint32_t kFailed = 0xFFFFFFFFu;
 
 }  // namespace
 
 extern "C" {
 
-ZEPH_API uint32_t zeph_c_utils_readFile(const char *path, unsigned char *buffer, uint32_t *in_out_length) {
-  if (path == nullptr || in_out_length == nullptr) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t zeph_c_utils_readFile(const char *path, unsigned char *out, uint32_t *in_out_len) {
+  if (path == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   zeph::FilePtr f(std::fopen(path, "rb"));
   if (!f) return kFailed;
   // Only a regular file has a size to announce before reading.
@@ -24,18 +26,11 @@ ZEPH_API uint32_t zeph_c_utils_readFile(const char *path, unsigned char *buffer,
   if (fstat(fileno(f.get()), &st) != 0 || !S_ISREG(st.st_mode)) return kFailed;
   if (static_cast<uint64_t>(st.st_size) > UINT32_MAX) return kFailed;
   const auto size = static_cast<uint32_t>(st.st_size);
-  if (buffer == nullptr) {
-    *in_out_length = size;
-    return 0;
-  }
-  // Callers size the buffer with a first call; a stale length is refused
+  // Callers size the out with a first call; a stale length is refused
   // rather than written past.
-  if (*in_out_length < size) {
-    *in_out_length = size;
-    return ERR_BUFFER_TOO_SMALL;
-  }
-  *in_out_length = size;
-  if (size != 0 && std::fread(buffer, 1, size, f.get()) != size) return kFailed;
+  if (auto done = zeph::ReserveOutput(size, out, in_out_len)) return *done;
+  *in_out_len = size;
+  if (size != 0 && std::fread(out, 1, size, f.get()) != size) return kFailed;
   return 0;
 }
 

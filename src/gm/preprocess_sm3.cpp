@@ -50,9 +50,9 @@ bool AbsorbZInput(const char *id, const unsigned char *pubkey65, Absorb &&absorb
 extern "C" {
 
 ZEPH_API uint32_t ComputeUserIdSm3Digest(const char *id, const unsigned char *pubkey65, uint32_t pubkey_len,
-                                         unsigned char *z_out32) {
-  if (ArgumentsMissing(id, pubkey65, z_out32)) return ERR_INVALID_PARAMETER;
-  std::memset(z_out32, 0, 32);
+                                         unsigned char *out_z) {
+  if (ArgumentsMissing(id, pubkey65, out_z)) return ERR_INVALID_PARAMETER;
+  std::memset(out_z, 0, 32);
   BIVO_SM3_CTX ctx;
   zeph::gm::Sm3Init(&ctx);
   const bool absorbed = AbsorbZInput(id, pubkey65, [&](const void *p, size_t n) {
@@ -60,27 +60,27 @@ ZEPH_API uint32_t ComputeUserIdSm3Digest(const char *id, const unsigned char *pu
     return true;
   });
   if (!absorbed) return kDigestFailed;
-  zeph::gm::Sm3Final(z_out32, &ctx);
+  zeph::gm::Sm3Final(out_z, &ctx);
   return 0;
 }
 
 ZEPH_API uint32_t ComputeUserIdSm3Digest_EVP(const char *id, const unsigned char *pubkey65, uint32_t pubkey_len,
-                                             unsigned char *z_out32) {
-  if (ArgumentsMissing(id, pubkey65, z_out32)) return ERR_INVALID_PARAMETER;
-  std::memset(z_out32, 0, 32);
+                                             unsigned char *out_z) {
+  if (ArgumentsMissing(id, pubkey65, out_z)) return ERR_INVALID_PARAMETER;
+  std::memset(out_z, 0, 32);
   if (std::strlen(id) > kMaxIdLength) return kDigestFailed;
   zeph::EvpMdCtxPtr ctx(EVP_MD_CTX_new());
   if (!ctx || EVP_DigestInit(ctx.get(), EVP_sm3()) != 1) return kDigestFailed;
   const bool absorbed =
       AbsorbZInput(id, pubkey65, [&](const void *p, size_t n) { return EVP_DigestUpdate(ctx.get(), p, n) == 1; });
   unsigned int n = 0;
-  if (!absorbed || EVP_DigestFinal(ctx.get(), z_out32, &n) != 1) return kDigestFailed;
+  if (!absorbed || EVP_DigestFinal(ctx.get(), out_z, &n) != 1) return kDigestFailed;
   return 0;
 }
 
 ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest(const char *id, const unsigned char *pubkey65, uint32_t pubkey_len,
-                                                  const unsigned char *msg, uint32_t msg_len, unsigned char *e_out32) {
-  if (ArgumentsMissing(id, pubkey65, e_out32) || (msg == nullptr && msg_len != 0)) return ERR_INVALID_PARAMETER;
+                                                  const unsigned char *msg, uint32_t msg_len, unsigned char *out_e) {
+  if (ArgumentsMissing(id, pubkey65, out_e) || (msg == nullptr && msg_len != 0)) return ERR_INVALID_PARAMETER;
   std::unique_ptr<uint8_t, zeph::Free<FreeDigestBuffer>> e(
       static_cast<uint8_t *>(CRYPTO_malloc(32, "preprocess_sm3", __LINE__)));
   if (!e) return kNoMemory;
@@ -91,14 +91,14 @@ ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest(const char *id, const unsigned
   zeph::gm::Sm3Update(&ctx, z, sizeof z);
   zeph::gm::Sm3Update(&ctx, msg, msg_len);
   zeph::gm::Sm3Final(e.get(), &ctx);
-  std::memcpy(e_out32, e.get(), 32);
+  std::memcpy(out_e, e.get(), 32);
   return 0;
 }
 
 ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_EVP(const char *id, const unsigned char *pubkey65,
                                                       uint32_t pubkey_len, const unsigned char *msg, uint32_t msg_len,
-                                                      unsigned char *e_out32) {
-  if (ArgumentsMissing(id, pubkey65, e_out32) || (msg == nullptr && msg_len != 0)) return ERR_INVALID_PARAMETER;
+                                                      unsigned char *out_e) {
+  if (ArgumentsMissing(id, pubkey65, out_e) || (msg == nullptr && msg_len != 0)) return ERR_INVALID_PARAMETER;
   uint8_t z[32];
   ZEPH_TRY(ComputeUserIdSm3Digest_EVP(id, pubkey65, pubkey_len, z));
   zeph::EvpMdCtxPtr ctx(EVP_MD_CTX_new());
@@ -108,7 +108,7 @@ ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_EVP(const char *id, const unsi
       EVP_DigestUpdate(ctx.get(), msg, msg_len) != 1 || EVP_DigestFinal(ctx.get(), e, &n) != 1) {
     return kDigestFailed;
   }
-  std::memcpy(e_out32, e, n);
+  std::memcpy(out_e, e, n);
   return 0;
 }
 
@@ -128,8 +128,8 @@ ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_update(BIVO_SM3_CTX *ctx, cons
   return BIVO_sm3_digest_update(ctx, data, len);
 }
 
-ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_final(BIVO_SM3_CTX *ctx, unsigned char *e_out32) {
-  return BIVO_sm3_digest_final(ctx, e_out32);
+ZEPH_API uint32_t BIVO_ComputePreprocessSm3Digest_final(BIVO_SM3_CTX *ctx, unsigned char *out_e) {
+  return BIVO_sm3_digest_final(ctx, out_e);
 }
 
 }  // extern "C"

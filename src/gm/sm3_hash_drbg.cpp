@@ -236,8 +236,8 @@ ZEPH_API uint32_t BIVO_sm3_hash_drbg_generate_arbitrary_bytes(BIVO_SM3_HASH_DRBG
                                                               unsigned char *out) {
   if (out_len <= kMaxRequest) return BIVO_sm3_hash_drbg_generate(state, nullptr, 0, out_len, out);
   if (state == nullptr || out == nullptr) return BIVO_ERR_NULL_POINTER;
-  // Long outputs: the statuses of the requests are deliberately not
-  // reported; a refused request leaves zeros rather than stale memory.
+  // Compat: long outputs do not report the statuses of their requests; a
+  // refused request leaves zeros rather than stale memory.
   while (out_len != 0) {
     const uint32_t take = out_len < kMaxRequest ? out_len : kMaxRequest;
     if (BIVO_sm3_hash_drbg_generate(state, nullptr, 0, take, out) != 0) std::memset(out, 0, take);
@@ -254,8 +254,9 @@ ZEPH_API uint32_t BIVO_sm3_hash_drbg_generate_file_of_arbitrary_bytes(BIVO_SM3_H
       [&]() -> uint32_t {
         zeph::SecureBytes bytes(size);
         if (size != 0) ZEPH_TRY(BIVO_sm3_hash_drbg_generate_arbitrary_bytes(state, size, bytes.data()));
-        std::unique_ptr<FILE, zeph::Free<std::fclose>> f(std::fopen(path, "wb"));
+        zeph::FilePtr f(std::fopen(path, "wb"));
         if (!f) return BIVO_ERR_FILE;
+        // Compat: the write is not checked, as for every file of the module.
         if (size != 0) std::fwrite(bytes.data(), 1, size, f.get());
         return 0;
       },

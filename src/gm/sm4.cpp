@@ -132,20 +132,16 @@ inline void Xor16(uint8_t *dst, const uint8_t *a, const uint8_t *b) {
   std::memcpy(dst, x, 16);
 }
 
-bool BadBlockArgs(const void *in, uint32_t len, const void *key, const void *out) {
-  return key == nullptr || (len != 0 && (in == nullptr || out == nullptr));
-}
-
 }  // namespace
 
-void Sm4Ecb(const uint8_t *in, uint8_t *out, uint32_t nblocks, const uint8_t key[16], bool encrypt) {
+void Sm4EcbBlocks(const uint8_t *in, uint8_t *out, uint32_t nblocks, const uint8_t key[16], bool encrypt) {
   if (nblocks == 0) return;
   const RoundKeys keys(key, encrypt);
   for (uint32_t i = 0; i < nblocks; ++i, in += kSm4Block, out += kSm4Block) CryptBlock(in, out, keys.rk);
 }
 
-void Sm4Cbc(const uint8_t *in, uint8_t *out, uint32_t nblocks, const uint8_t iv[16], const uint8_t key[16],
-            bool encrypt) {
+void Sm4CbcBlocks(const uint8_t *in, uint8_t *out, uint32_t nblocks, const uint8_t iv[16], const uint8_t key[16],
+                  bool encrypt) {
   if (nblocks == 0) return;
   const RoundKeys keys(key, encrypt);
   uint8_t chain[16], block[16];
@@ -166,6 +162,22 @@ void Sm4Cbc(const uint8_t *in, uint8_t *out, uint32_t nblocks, const uint8_t iv[
   OPENSSL_cleanse(chain, sizeof chain);
 }
 
+namespace {
+
+// The exported whole-block modes: ECB without an IV, CBC with one.
+uint32_t WholeBlocks(const uint8_t *in, uint32_t len, const uint8_t *iv, const uint8_t *key, uint8_t *out,
+                     bool encrypt) {
+  if (key == nullptr || (len != 0 && (in == nullptr || out == nullptr))) return ERR_INVALID_PARAMETER;
+  if (len % kSm4Block != 0) return BIVO_ERR_LENGTH;
+  if (iv == nullptr) {
+    Sm4EcbBlocks(in, out, len / kSm4Block, key, encrypt);
+  } else {
+    Sm4CbcBlocks(in, out, len / kSm4Block, iv, key, encrypt);
+  }
+  return 0;
+}
+
+}  // namespace
 }  // namespace zeph::gm
 
 using namespace zeph::gm;
@@ -197,34 +209,24 @@ ZEPH_API void SM4_decrypt(const unsigned char *in16, unsigned char *out16, const
 
 ZEPH_API uint32_t BIVO_sm4_encrypt(const unsigned char *in, uint32_t len, const unsigned char *key16,
                                    unsigned char *out) {
-  if (BadBlockArgs(in, len, key16, out)) return ERR_INVALID_PARAMETER;
-  if (len % kSm4Block != 0) return BIVO_ERR_LENGTH;
-  Sm4Ecb(in, out, len / kSm4Block, key16, true);
-  return 0;
+  return WholeBlocks(in, len, nullptr, key16, out, true);
 }
 
 ZEPH_API uint32_t BIVO_sm4_decrypt(const unsigned char *in, uint32_t len, const unsigned char *key16,
                                    unsigned char *out) {
-  if (BadBlockArgs(in, len, key16, out)) return ERR_INVALID_PARAMETER;
-  if (len % kSm4Block != 0) return BIVO_ERR_LENGTH;
-  Sm4Ecb(in, out, len / kSm4Block, key16, false);
-  return 0;
+  return WholeBlocks(in, len, nullptr, key16, out, false);
 }
 
 ZEPH_API uint32_t BIVO_sm4_cbc_encrypt(const unsigned char *in, uint32_t len, const unsigned char *iv16,
                                        const unsigned char *key16, unsigned char *out) {
-  if (BadBlockArgs(in, len, key16, out) || iv16 == nullptr) return ERR_INVALID_PARAMETER;
-  if (len % kSm4Block != 0) return BIVO_ERR_LENGTH;
-  Sm4Cbc(in, out, len / kSm4Block, iv16, key16, true);
-  return 0;
+  if (iv16 == nullptr) return ERR_INVALID_PARAMETER;
+  return WholeBlocks(in, len, iv16, key16, out, true);
 }
 
 ZEPH_API uint32_t BIVO_sm4_cbc_decrypt(const unsigned char *in, uint32_t len, const unsigned char *iv16,
                                        const unsigned char *key16, unsigned char *out) {
-  if (BadBlockArgs(in, len, key16, out) || iv16 == nullptr) return ERR_INVALID_PARAMETER;
-  if (len % kSm4Block != 0) return BIVO_ERR_LENGTH;
-  Sm4Cbc(in, out, len / kSm4Block, iv16, key16, false);
-  return 0;
+  if (iv16 == nullptr) return ERR_INVALID_PARAMETER;
+  return WholeBlocks(in, len, iv16, key16, out, false);
 }
 
 }  // extern "C"

@@ -37,11 +37,11 @@ uint32_t EncryptPadded(const uint8_t *in, uint32_t len, const uint8_t *iv, const
   std::memset(last + rest, pad, pad);
   uint8_t *tail = out + whole * kSm4Block;
   if (iv == nullptr) {
-    zeph::gm::Sm4Ecb(in, out, whole, key, true);
-    zeph::gm::Sm4Ecb(last, tail, 1, key, true);
+    zeph::gm::Sm4EcbBlocks(in, out, whole, key, true);
+    zeph::gm::Sm4EcbBlocks(last, tail, 1, key, true);
   } else {
-    zeph::gm::Sm4Cbc(in, out, whole, iv, key, true);
-    zeph::gm::Sm4Cbc(last, tail, 1, whole == 0 ? iv : tail - kSm4Block, key, true);
+    zeph::gm::Sm4CbcBlocks(in, out, whole, iv, key, true);
+    zeph::gm::Sm4CbcBlocks(last, tail, 1, whole == 0 ? iv : tail - kSm4Block, key, true);
   }
   OPENSSL_cleanse(last, sizeof last);
   return 0;
@@ -57,9 +57,9 @@ uint32_t DecryptPadded(const uint8_t *in, uint32_t len, const uint8_t *iv, const
       [&]() -> uint32_t {
         zeph::SecureBytes plain(len);
         if (iv == nullptr) {
-          zeph::gm::Sm4Ecb(in, plain.data(), len / kSm4Block, key, false);
+          zeph::gm::Sm4EcbBlocks(in, plain.data(), len / kSm4Block, key, false);
         } else {
-          zeph::gm::Sm4Cbc(in, plain.data(), len / kSm4Block, iv, key, false);
+          zeph::gm::Sm4CbcBlocks(in, plain.data(), len / kSm4Block, iv, key, false);
         }
         if (!ValidPadding(plain.data(), len)) return BIVO_ERR_PADDING;
         const uint32_t plain_len = len - plain[len - 1];
@@ -78,8 +78,10 @@ uint32_t CreateCipherFile(const uint8_t *in, uint32_t len, const uint8_t *iv, co
       [&]() -> uint32_t {
         std::vector<uint8_t> cipher(n);
         ZEPH_TRY(EncryptPadded(in, len, iv, key, cipher.data()));
-        std::unique_ptr<FILE, zeph::Free<std::fclose>> f(std::fopen(path, "wb"));
+        zeph::FilePtr f(std::fopen(path, "wb"));
         if (!f) return BIVO_ERR_FILE;
+        // Compat: the write is not checked; the module has only ever
+        // reported a file that does not open.
         std::fwrite(cipher.data(), 1, n, f.get());
         return 0;
       },
@@ -104,34 +106,38 @@ ZEPH_API uint32_t BIVO_ComputeSm4EcbCipherLen(uint32_t len) {
   return padded > UINT32_MAX ? 0 : static_cast<uint32_t>(padded);
 }
 
-ZEPH_API uint32_t AddPadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *out_len) {
-  if (out_len == nullptr || (in == nullptr && len != 0)) return ERR_INVALID_PARAMETER;
+ZEPH_API uint32_t AddPadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *in_out_len) {
+  if (in_out_len == nullptr || (in == nullptr && len != 0)) return ERR_INVALID_PARAMETER;
   const uint32_t padded = BIVO_ComputeSm4EcbCipherLen(len);
   if (padded == 0) return ERR_INVALID_PARAMETER;
   if (out == nullptr) {
-    *out_len = padded;
+    *in_out_len = padded;
     return 0;
   }
-  if (*out_len < padded) return BIVO_ERR_BUFFER_TOO_SMALL;  // the length is not written back here
+  // Compat: the module's own buffer status, and the length is not written
+  // back; callers of the padding helpers have always sized out themselves.
+  if (*in_out_len < padded) return BIVO_ERR_BUFFER_TOO_SMALL;
   if (len != 0) std::memmove(out, in, len);
   std::memset(out + len, static_cast<int>(padded - len), padded - len);
-  *out_len = padded;
+  *in_out_len = padded;
   return 0;
 }
 
-ZEPH_API uint32_t RemovePadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *out_len) {
-  if (out_len == nullptr || (in == nullptr && len != 0)) return ERR_INVALID_PARAMETER;
-  // The pad value itself is trusted (see CheckPaddingValidity); only one
-  // that reaches past the start of the input is refused.
+ZEPH_API uint32_t RemovePadding(const unsigned char *in, uint32_t len, unsigned char *out, uint32_t *in_out_len) {
+  if (in_out_len == nullptr || (in == nullptr && len != 0)) return ERR_INVALID_PARAMETER;
+  // Compat: the pad value itself is trusted (CheckPaddingValidity is the
+  // checker, run first by the decrypting callers); only one that reaches past
+  // the start of the input is refused.
   if (len == 0 || in[len - 1] > len) return BIVO_ERR_PADDING;
   const uint32_t new_len = len - in[len - 1];
   if (out == nullptr) {
-    *out_len = new_len;
+    *in_out_len = new_len;
     return 0;
   }
-  if (*out_len < new_len) return BIVO_ERR_BUFFER_TOO_SMALL;  // the length is not written back here
+  // Compat: as in AddPadding, the length is not written back.
+  if (*in_out_len < new_len) return BIVO_ERR_BUFFER_TOO_SMALL;
   if (new_len != 0) std::memmove(out, in, new_len);
-  *out_len = new_len;
+  *in_out_len = new_len;
   return 0;
 }
 

@@ -23,15 +23,15 @@ bool RegularFileSize(FILE *f, uint32_t *out_size) {
 
 extern "C" {
 
-ZEPH_API uint32_t GetFileLength(const char *path, uint32_t *out_length) {
-  if (path == nullptr || out_length == nullptr) return BIVO_ERR_NULL_POINTER;
+ZEPH_API uint32_t GetFileLength(const char *path, uint32_t *out_len) {
+  if (path == nullptr || out_len == nullptr) return BIVO_ERR_NULL_POINTER;
   zeph::FilePtr f(std::fopen(path, "rb"));
-  if (!f || !RegularFileSize(f.get(), out_length)) return BIVO_ERR_FILE;
+  if (!f || !RegularFileSize(f.get(), out_len)) return BIVO_ERR_FILE;
   return 0;
 }
 
-ZEPH_API uint32_t ReadFileIntoMemoryBuffer(const char *path, unsigned char **out_buffer, uint32_t *out_length) {
-  if (path == nullptr || out_buffer == nullptr || out_length == nullptr) return BIVO_ERR_NULL_POINTER;
+ZEPH_API uint32_t ReadFileIntoMemoryBuffer(const char *path, unsigned char **out_buffer, uint32_t *out_len) {
+  if (path == nullptr || out_buffer == nullptr || out_len == nullptr) return BIVO_ERR_NULL_POINTER;
   zeph::FilePtr f(std::fopen(path, "rb"));
   uint32_t size = 0;
   if (!f || !RegularFileSize(f.get(), &size)) return BIVO_ERR_FILE;
@@ -40,7 +40,7 @@ ZEPH_API uint32_t ReadFileIntoMemoryBuffer(const char *path, unsigned char **out
   if (!buffer) return BIVO_ERR_NO_MEMORY;
   if (size != 0 && std::fread(buffer.get(), 1, size, f.get()) != size) return BIVO_ERR_FILE;
   *out_buffer = buffer.release();
-  *out_length = size;
+  *out_len = size;
   return 0;
 }
 

@@ -125,9 +125,9 @@ ZEPH_API uint32_t ZEPH_C_SplitCertChain(const unsigned char *chain, uint32_t cha
     for (const zeph::X509Ptr &x : certs) {
       unsigned char *der = nullptr;
       const int len = i2d_X509(x.get(), &der);
+      const zeph::OpenSslPtr<unsigned char> der_owner(der);
       if (len <= 0) return ERR_ENCODE_FAILED;
       const std::string b64 = zeph::pki::Base64Text({der, static_cast<size_t>(len)});
-      OPENSSL_free(der);
       cJSON *item = cJSON_CreateString(b64.c_str());
       if (item == nullptr || !cJSON_AddItemToArray(array.get(), item)) return ERR_OUT_OF_MEMORY;
     }

@@ -52,11 +52,8 @@ std::string ExtensionText(X509_EXTENSION *ext) {
   unsigned char *utf8 = nullptr;
   if (str && p == ASN1_STRING_get0_data(value) + len) {
     const int n = ASN1_STRING_to_UTF8(&utf8, str.get());
-    if (n >= 0) {
-      std::string text(reinterpret_cast<char *>(utf8), static_cast<size_t>(n));
-      OPENSSL_free(utf8);
-      return text;
-    }
+    const OpenSslPtr<unsigned char> owner(utf8);
+    if (n >= 0) return std::string(reinterpret_cast<char *>(utf8), static_cast<size_t>(n));
   }
   return Base64Text({ASN1_STRING_get0_data(value), static_cast<size_t>(len)});
 }
@@ -74,10 +71,10 @@ uint32_t NameEntries(const X509_NAME *name, int nid, std::string *out) {
   for (int at = X509_NAME_get_index_by_NID(name, nid, -1); at >= 0; at = X509_NAME_get_index_by_NID(name, nid, at)) {
     unsigned char *utf8 = nullptr;
     const int n = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, at)));
+    const OpenSslPtr<unsigned char> owner(utf8);
     if (n < 0) continue;
     if (!text.empty()) text += ", ";
     text.append(reinterpret_cast<char *>(utf8), static_cast<size_t>(n));
-    OPENSSL_free(utf8);
   }
   ERR_clear_error();
   if (text.empty()) return ERR_CERT_ITEM_NOT_FOUND;
@@ -102,9 +99,9 @@ uint32_t EmailText(X509 *cert, std::string *out) {
 }
 
 uint32_t DerBase64(int len, unsigned char *der, std::string *out) {
+  const OpenSslPtr<unsigned char> owner(der);
   if (len <= 0) return ERR_CERT_ITEM_NOT_FOUND;
   *out = Base64Text({der, static_cast<size_t>(len)});
-  OPENSSL_free(der);
   return 0;
 }
 
@@ -127,10 +124,10 @@ uint32_t PolicyText(X509 *cert, const ASN1_OBJECT *oid, std::string *out) {
       }
       unsigned char *utf8 = nullptr;
       const int n = s != nullptr ? ASN1_STRING_to_UTF8(&utf8, s) : -1;
+      const OpenSslPtr<unsigned char> owner(utf8);
       if (n < 0) continue;
       if (!text.empty()) text += "\n";
       text.append(reinterpret_cast<char *>(utf8), static_cast<size_t>(n));
-      OPENSSL_free(utf8);
     }
     if (text.empty()) {
       char dotted[128];
@@ -193,11 +190,8 @@ std::string TimeText(const ASN1_TIME *t) {
 
 std::string SerialText(const X509 *cert) {
   BnPtr bn(ASN1_INTEGER_to_BN(X509_get0_serialNumber(cert), nullptr));
-  char *hex = bn ? BN_bn2hex(bn.get()) : nullptr;
-  if (hex == nullptr) return {};
-  std::string text = hex;
-  OPENSSL_free(hex);
-  return text;
+  const OpenSslPtr<char> hex(bn ? BN_bn2hex(bn.get()) : nullptr);
+  return hex ? std::string(hex.get()) : std::string();
 }
 
 JsonPtr CertificateJson(std::span<const uint8_t> der, const char *usage) {
@@ -252,13 +246,15 @@ uint32_t CertItemText(X509 *cert, uint32_t item, std::string *out) {
       return 0;
     case ZEPH_CERT_ITEM_PUBLIC_KEY: {
       unsigned char *der = nullptr;
-      return DerBase64(i2d_X509_PUBKEY(X509_get_X509_PUBKEY(cert), &der), der, out);
+      const int len = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(cert), &der);  // before der is read
+      return DerBase64(len, der, out);
     }
     case ZEPH_CERT_ITEM_EXTENSIONS: {
       const STACK_OF(X509_EXTENSION) *exts = X509_get0_extensions(cert);
       if (sk_X509_EXTENSION_num(exts) <= 0) return ERR_CERT_ITEM_NOT_FOUND;
       unsigned char *der = nullptr;
-      return DerBase64(i2d_X509_EXTENSIONS(exts, &der), der, out);
+      const int len = i2d_X509_EXTENSIONS(exts, &der);
+      return DerBase64(len, der, out);
     }
     case ZEPH_CERT_ITEM_ISSUER_CN:
       return NameEntries(X509_get_issuer_name(cert), NID_commonName, out);

@@ -12,6 +12,7 @@
 #include <openssl/pkcs12.h>
 #include <openssl/rand.h>
 
+#include "api/p7_internal.hpp"
 #include "foundation/secure_bytes.hpp"
 #include "foundation/sm2_params.hpp"
 #include "foundation/status_flow.hpp"
@@ -25,7 +26,6 @@ constexpr std::string_view kPemMarker = "-----BEGIN";
 constexpr int kPbeIterations = 10000;
 constexpr int kPbeSaltLen = 16;
 
-using X509SigOwner = std::unique_ptr<X509_SIG, Free<X509_SIG_free>>;
 using PbeParamPtr = std::unique_ptr<PBEPARAM, Free<PBEPARAM_free>>;
 using Pbe2ParamPtr = std::unique_ptr<PBE2PARAM, Free<PBE2PARAM_free>>;
 using Pbkdf2ParamPtr = std::unique_ptr<PBKDF2PARAM, Free<PBKDF2PARAM_free>>;
@@ -38,21 +38,6 @@ bool LooksPem(std::span<const uint8_t> bytes) {
 BioPtr MemBio(std::span<const uint8_t> bytes) {
   if (bytes.size() > static_cast<size_t>(std::numeric_limits<int>::max())) return nullptr;
   return BioPtr(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
-}
-
-// The certificates a PKCS#7 carries (signed-data and signed-and-enveloped).
-void TakePkcs7Certs(PKCS7 *p7, std::vector<X509Ptr> *out) {
-  STACK_OF(X509) *certs = nullptr;
-  if (p7 == nullptr || p7->d.ptr == nullptr) return;
-  if (PKCS7_type_is_signed(p7)) {
-    certs = p7->d.sign->cert;
-  } else if (PKCS7_type_is_signedAndEnveloped(p7)) {
-    certs = p7->d.signed_and_enveloped->cert;
-  }
-  for (int i = 0; i < sk_X509_num(certs); ++i) {
-    X509 *x = sk_X509_value(certs, i);
-    if (x != nullptr && X509_up_ref(x) == 1) out->emplace_back(x);
-  }
 }
 
 // One PEM block: its type and its decoded bytes (wiped: it may be a key).
@@ -85,25 +70,22 @@ void ReadPemList(std::span<const uint8_t> bytes, std::vector<X509Ptr> *out) {
                                                 : d2i_X509(nullptr, &p, block.len));
       if (x) out->push_back(std::move(x));
     } else if (type == PEM_STRING_PKCS7) {
-      Pkcs7Ptr p7(d2i_PKCS7(nullptr, &p, block.len));
-      TakePkcs7Certs(p7.get(), out);
+      std::vector<X509Ptr> bundle;
+      if (p7::ReadBundle({block.data, static_cast<size_t>(block.len)}, &bundle) == 0) {
+        for (X509Ptr &x : bundle) out->push_back(std::move(x));
+      }
     }
   }
   ERR_clear_error();
 }
 
 void ReadDerList(std::span<const uint8_t> bytes, std::vector<X509Ptr> *out) {
-  const long total = static_cast<long>(bytes.size());
-  const unsigned char *p = bytes.data();
-  Pkcs7Ptr p7(d2i_PKCS7(nullptr, &p, total));
-  if (p7 && p == bytes.data() + bytes.size()) {
-    TakePkcs7Certs(p7.get(), out);
-    return;
-  }
+  // A bundle or one certificate, read as the signing code reads them.
+  if (p7::ReadBundle(bytes, out) == 0) return;
   // Certificates one after another; a piece that is not one ends the list
   // with nothing taken.
   std::vector<X509Ptr> certs;
-  p = bytes.data();
+  const unsigned char *p = bytes.data();
   const unsigned char *end = bytes.data() + bytes.size();
   while (p < end) {
     X509Ptr x(d2i_X509(nullptr, &p, end - p));
@@ -263,9 +245,7 @@ uint32_t ReadCert(std::span<const uint8_t> bytes, X509Ptr *out) {
     BioPtr bio = MemBio(bytes);
     if (bio) x.reset(PEM_read_bio_X509(bio.get(), nullptr, NoPassword, nullptr));
   } else {
-    const unsigned char *p = bytes.data();
-    x.reset(d2i_X509(nullptr, &p, static_cast<long>(bytes.size())));
-    if (p != bytes.data() + bytes.size()) x.reset();
+    x = p7::DecodeCert(bytes);
   }
   ERR_clear_error();
   if (!x) return ERR_CERT_DECODE_FAILED;
@@ -381,7 +361,7 @@ uint32_t ReadPrivateKey(std::span<const uint8_t> bytes, const char *pin, EvpPkey
   }
   const unsigned char *p = bytes.data();
   const unsigned char *end = bytes.data() + bytes.size();
-  X509SigOwner sig(d2i_X509_SIG(nullptr, &p, total));
+  X509SigPtr sig(d2i_X509_SIG(nullptr, &p, total));
   if (sig && p == end) {
     const X509_ALGOR *alg = nullptr;
     X509_SIG_get0(sig.get(), &alg, nullptr);
@@ -417,8 +397,8 @@ uint32_t WritePrivateKey(EVP_PKEY *key, const char *pin, SecureBytes *out_der) {
     len = i2d_PKCS8_PRIV_KEY_INFO(info.get(), &der);
   } else {
     const EVP_CIPHER *cipher = IsSm2Key(key) ? EVP_sm4_cbc() : EVP_aes_256_cbc();
-    X509SigOwner sig(PKCS8_encrypt(-1, cipher, pin, static_cast<int>(std::strlen(pin)), nullptr, kPbeSaltLen,
-                                   kPbeIterations, info.get()));
+    X509SigPtr sig(PKCS8_encrypt(-1, cipher, pin, static_cast<int>(std::strlen(pin)), nullptr, kPbeSaltLen,
+                                 kPbeIterations, info.get()));
     if (!sig) {
       ERR_clear_error();
       return ERR_ENCODE_FAILED;
@@ -434,9 +414,9 @@ uint32_t WritePrivateKey(EVP_PKEY *key, const char *pin, SecureBytes *out_der) {
 uint32_t WritePublicKey(EVP_PKEY *key, Bytes *out_der) {
   unsigned char *der = nullptr;
   const int len = i2d_PUBKEY(key, &der);
+  const OpenSslPtr<unsigned char> owner(der);
   if (len <= 0) return ERR_ENCODE_FAILED;
   out_der->assign(der, der + len);
-  OPENSSL_free(der);
   return 0;
 }
 

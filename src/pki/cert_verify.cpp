@@ -68,7 +68,7 @@ bool CrlSignedBy(X509_CRL *crl, X509 *issuer) {
   unsigned char *tbs = nullptr;
   const int len = i2d_re_X509_CRL_tbs(crl, &tbs);
   if (len <= 0) return false;
-  const MallocPtr<unsigned char> owner(tbs);
+  const OpenSslPtr<unsigned char> owner(tbs);
   return VerifySm2Signature(key, {tbs, static_cast<size_t>(len)}, sig);
 }
 
@@ -120,7 +120,7 @@ bool ResponseSignedBy(OCSP_BASICRESP *bs, X509 *signer) {
   unsigned char *tbs = nullptr;
   const int len = i2d_OCSP_RESPDATA(OCSP_resp_get0_respdata(bs), &tbs);
   if (len <= 0) return false;
-  const MallocPtr<unsigned char> owner(tbs);
+  const OpenSslPtr<unsigned char> owner(tbs);
   return VerifySm2Signature(key, {tbs, static_cast<size_t>(len)}, OCSP_resp_get0_signature(bs));
 }
 
@@ -234,7 +234,7 @@ uint32_t CheckOcsp(X509 *leaf, X509 *issuer, std::span<const X509Ptr> cas, const
   }
   unsigned char *der = nullptr;
   const int len = OCSP_request_add1_nonce(request.get(), nullptr, -1) == 1 ? i2d_OCSP_REQUEST(request.get(), &der) : 0;
-  const MallocPtr<unsigned char> der_owner(der);
+  const OpenSslPtr<unsigned char> der_owner(der);
   if (len <= 0) return ERR_OCSP_CONNECT_FAILED;
 
   http::Reply reply;

@@ -56,7 +56,7 @@ uint32_t BuildCsr(const X509_NAME *subject, EVP_PKEY *key, const TbsSigner &sign
   }
   unsigned char *tbs = nullptr;
   const int tbs_len = i2d_re_X509_REQ_tbs(req.get(), &tbs);
-  const MallocPtr<unsigned char> tbs_owner(tbs);
+  const OpenSslPtr<unsigned char> tbs_owner(tbs);
   if (tbs_len <= 0) return ERR_CSR_FAILED;
   Bytes sig;
   ZEPH_TRY(sign({tbs, static_cast<size_t>(tbs_len)}, &sig));

@@ -39,6 +39,10 @@ using OcspRequestPtr = std::unique_ptr<OCSP_REQUEST, Free<OCSP_REQUEST_free>>;
 using OcspResponsePtr = std::unique_ptr<OCSP_RESPONSE, Free<OCSP_RESPONSE_free>>;
 using OcspBasicRespPtr = std::unique_ptr<OCSP_BASICRESP, Free<OCSP_BASICRESP_free>>;
 using OcspCertIdPtr = std::unique_ptr<OCSP_CERTID, Free<OCSP_CERTID_free>>;
+// Bytes that OpenSSL allocated (i2d_* output).
+inline void FreeOpenSsl(void *p) noexcept { OPENSSL_free(p); }
+template <class T>
+using OpenSslPtr = std::unique_ptr<T, Free<FreeOpenSsl>>;
 inline void FreeX509Stack(STACK_OF(X509) * s) noexcept { sk_X509_pop_free(s, X509_free); }
 using X509StackPtr = std::unique_ptr<STACK_OF(X509), Free<FreeX509Stack>>;
 

@@ -30,7 +30,7 @@ std::string Ci(const std::string &request) {
 struct Parsed {
   std::unique_ptr<Req> req = std::make_unique<Req>();
   uint32_t rv;
-  explicit Parsed(const std::string &text) : rv(l_GetZEPH_REQ_PARAM(text.c_str(), req.get())) {}
+  explicit Parsed(const std::string &text) : rv(ParseRequest(text.c_str(), req.get())) {}
   ~Parsed() { ReleaseRequest(req.get()); }
   Req *operator->() const { return req.get(); }
 };

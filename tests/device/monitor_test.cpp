@@ -153,10 +153,11 @@ TEST_F(Monitor, RealIntervalOneChange) {
   CreateDevice("MONF");
   ASSERT_EQ(startCryptoDeviceMonitor(Record), 0u);
   ASSERT_TRUE(Lists(Report(1), "MONF"));
-  const auto changed = Clock::now();
   CreateDevice("MONG");
-  EXPECT_TRUE(Lists(Report(2, 5s), "MONG"));
-  EXPECT_LE(Clock::now() - changed, 3s + 500ms);
+  const auto changed = Clock::now();
+  EXPECT_TRUE(Lists(Report(2, 8s), "MONG"));
+  // One interval, and room for one listing on a busy machine.
+  EXPECT_LE(Clock::now() - changed, 3s + 1500ms);
   stopCryptoDeviceMonitor();
   Tool("delete-device --serial MONG");
   WaitEnded();

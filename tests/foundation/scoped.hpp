@@ -16,8 +16,6 @@
 
 namespace zeph_test {
 
-using Bytes = std::vector<uint8_t>;
-
 struct ScopedCwd {
   std::filesystem::path saved = std::filesystem::current_path();
   explicit ScopedCwd(const std::filesystem::path &dir) { std::filesystem::current_path(dir); }

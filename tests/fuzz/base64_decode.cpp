@@ -1,4 +1,4 @@
-// Both base64 decoders on arbitrary text: l_base64_decode (with
+// Both base64 decoders on arbitrary text: zeph::Base64Decode (with
 // zeph_c_utils_b64tohex2 over it) and the block decoder File_PEMDecode.
 #include <cstdlib>
 #include <cstring>
@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string text(reinterpret_cast<const char *>(data), size);  // terminated copy
 
   unsigned char *decoded = nullptr;
-  const int n = l_base64_decode(text.c_str(), &decoded);
+  const int n = zeph::Base64Decode(text.c_str(), &decoded);
   if (n < -1 || (n <= 0 && decoded != nullptr) || (n > 0 && decoded == nullptr)) std::abort();
 
   uint32_t len = 0;
@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     char *again = nullptr;
     if (zeph_c_utils_hex2b64(decoded, static_cast<uint32_t>(n), &again) != 0) std::abort();
     unsigned char *twice = nullptr;
-    if (l_base64_decode(again, &twice) != n || std::memcmp(twice, decoded, static_cast<size_t>(n)) != 0) {
+    if (zeph::Base64Decode(again, &twice) != n || std::memcmp(twice, decoded, static_cast<size_t>(n)) != 0) {
       std::abort();
     }
     std::free(again);

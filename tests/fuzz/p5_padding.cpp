@@ -13,19 +13,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size != 0) std::memcpy(in, data, size);
 
   for (int front = 0; front <= 1; ++front) {
-    const uint32_t check = l_P5padding_check(in, size, front);
+    const uint32_t check = zeph::P5PaddingCheck(in, size, front);
     std::vector<unsigned char> out(size + 1);
     size_t kept = 0;
-    const uint32_t unpad = l_P5unpad(in, size, out.data(), &kept, front);
+    const uint32_t unpad = zeph::P5Unpad(in, size, out.data(), &kept, front);
     if (check != unpad) std::abort();
     if (check == 0 && kept != size - (front ? in[0] : in[size - 1])) std::abort();
 
     // Padding whatever data to the next block boundary comes back off.
     const size_t padded_len = (size + 16) & ~size_t{15};
     std::vector<unsigned char> padded(padded_len);
-    if (l_P5pad(in, size, padded.data(), padded_len, front) != 0) std::abort();
+    if (zeph::P5Pad(in, size, padded.data(), padded_len, front) != 0) std::abort();
     std::vector<unsigned char> back(padded_len);
-    if (l_P5unpad(padded.data(), padded_len, back.data(), &kept, front) != 0 || kept != size) std::abort();
+    if (zeph::P5Unpad(padded.data(), padded_len, back.data(), &kept, front) != 0 || kept != size) std::abort();
     if (size != 0 && std::memcmp(back.data(), in, size) != 0) std::abort();
   }
 

@@ -1,44 +1,24 @@
-// Independent references for the GM tests (OpenSSL's EVP SM3 and SM4) and byte helpers.
+// Byte helpers for the GM tests and their independent references.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include <openssl/evp.h>
-
+#include "oracle.hpp"
 #include "test_support.hpp"
 #include "zeph_c_gm.h"
 #include "zeph_c_status.h"
 
 namespace gm_test {
 
-using Bytes = std::vector<uint8_t>;
 using namespace zeph_test;
 
-inline Bytes EvpSm3(const std::vector<Bytes> &parts) {
-  EVP_MD_CTX *ctx = EVP_MD_CTX_new();
-  EVP_DigestInit_ex(ctx, EVP_sm3(), nullptr);
-  for (const Bytes &p : parts) EVP_DigestUpdate(ctx, p.data(), p.size());
-  Bytes out(32);
-  EVP_DigestFinal_ex(ctx, out.data(), nullptr);
-  EVP_MD_CTX_free(ctx);
-  return out;
-}
-
+// The oracle's SM3 and SM4 (tests/support/oracle.hpp) under the names these tests use.
+inline Bytes EvpSm3(const std::vector<Bytes> &parts) { return Sm3(parts); }
 // SM4-ECB or SM4-CBC (iv empty for ECB), with or without PKCS#7 padding, the library's padding rule.
 inline Bytes EvpSm4(const Bytes &in, const Bytes &key, const Bytes &iv, bool pad = false) {
-  EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
-  EVP_EncryptInit_ex(ctx, iv.empty() ? EVP_sm4_ecb() : EVP_sm4_cbc(), nullptr, key.data(),
-                     iv.empty() ? nullptr : iv.data());
-  EVP_CIPHER_CTX_set_padding(ctx, pad ? 1 : 0);
-  Bytes out(in.size() + 16);
-  int n1 = 0, n2 = 0;
-  EVP_EncryptUpdate(ctx, out.data(), &n1, in.data(), static_cast<int>(in.size()));
-  EVP_EncryptFinal_ex(ctx, out.data() + n1, &n2);
-  EVP_CIPHER_CTX_free(ctx);
-  out.resize(static_cast<size_t>(n1 + n2));
-  return out;
+  return Sm4Encrypt(iv.empty() ? Sm4Mode::kEcb : Sm4Mode::kCbc, pad, key.data(), iv, in);
 }
 
 inline Bytes Text(const std::string &s) { return Bytes(s.begin(), s.end()); }

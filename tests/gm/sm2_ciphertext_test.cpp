@@ -152,9 +152,9 @@ TEST(Sm2Ciphertext, MalformedInputIsRefused) {
       {"CipherLen disagrees", [&] { return a2d_SM2Cipher(bad_record.data(), Len(bad_record), &block, &n); }, kFormat},
       {"null structure", [&] { return i2a_SM2Cipher2ECCEncryptData(nullptr, &block, &n); }, kFormat},
   };
-  for (const auto &c : cases) {
+  for (const auto &row : cases) {
     n = sizeof out;
-    EXPECT_EQ(c.call(), c.status) << c.what;
+    EXPECT_EQ(row.call(), row.status) << row.what;
   }
   const unsigned char *p = short_c3.data();
   zeph::Sm2CiphertextPtr s(d2i_SM2_Ciphertext_Structure(nullptr, &p, Len(short_c3)));

@@ -25,33 +25,11 @@ inline Bytes PublicPoint(EVP_PKEY *key) {
   return p;
 }
 
-// OpenSSL's SM2 encryption (DER C1C3C2); empty on failure.
-inline Bytes EvpEncrypt(EVP_PKEY *key, const Bytes &in) {
-  EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new(key, nullptr);
-  Bytes out(in.size() + 120);
-  size_t n = out.size();
-  if (EVP_PKEY_encrypt_init(ctx) != 1 || EVP_PKEY_encrypt(ctx, out.data(), &n, in.data(), in.size()) != 1) n = 0;
-  out.resize(n);
-  EVP_PKEY_CTX_free(ctx);
-  return out;
-}
-
-// OpenSSL's SM2 signature (DER) on SM3(Z || msg) with the identity.
+// OpenSSL's SM2 encryption (DER C1C3C2) and signature (DER, SM3(Z || msg)
+// with the identity), from the oracle; empty on failure.
+inline Bytes EvpEncrypt(EVP_PKEY *key, const Bytes &in) { return zeph_test::Encrypt(key, in); }
 inline Bytes EvpSign(EVP_PKEY *key, const Bytes &msg, const std::string &id) {
-  EVP_MD_CTX *md = EVP_MD_CTX_new();
-  EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new(key, nullptr);
-  EVP_PKEY_CTX_set1_id(pctx, id.data(), id.size());
-  EVP_MD_CTX_set_pkey_ctx(md, pctx);
-  Bytes sig(80);
-  size_t n = sig.size();
-  if (EVP_DigestSignInit(md, nullptr, EVP_sm3(), nullptr, key) != 1 ||
-      EVP_DigestSign(md, sig.data(), &n, msg.data(), msg.size()) != 1) {
-    n = 0;
-  }
-  sig.resize(n);
-  EVP_MD_CTX_free(md);
-  EVP_PKEY_CTX_free(pctx);
-  return sig;
+  return zeph_test::Sm2Sign(key, msg, id);
 }
 
 }  // namespace gm_test

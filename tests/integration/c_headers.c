@@ -4,11 +4,13 @@
 
 #include "zeph_c.h"
 #include "zeph_c_api.h"
+#include "zeph_c_bivo_math.h"
 #include "zeph_c_ci.h"
 #include "zeph_c_export.h"
 #include "zeph_c_gm.h"
 #include "zeph_c_p7.h"
 #include "zeph_c_pki.h"
+#include "zeph_c_randtest.h"
 #include "zeph_c_sdbi.h"
 #include "zeph_c_seal.h"
 #include "zeph_c_sm2.h"
@@ -85,6 +87,25 @@ int zeph_c_header_check(void) {
     VORLI_ExtData_structure_free(ext);
     if (!built) return 20;
     if (ZEPH_C_CheckSealType(NULL, 5, &type) != 0 || type != ZEPH_SEAL_TYPE_PICTURE) return 21;
+  }
+
+  if (BIVO_get_version(NULL) != BIVO_VERSION) return 22;
+
+  /* The randomness tests: a runner, the bit array, a context and its report. */
+  {
+    unsigned char zeros[32];
+    unsigned char alternating[2] = {0xAA, 0x55};
+    char report[4096];
+    uint64_t len = sizeof report;
+    ZEPH_RANDTEST_CTX *ctx = ZEPH_C_RandTest_New();
+    memset(zeros, 0, sizeof zeros);
+    if (QuickRandomnessTest(zeros, sizeof zeros) != ZEPH_RANDTEST_FAIL_FREQUENCY) return 30;
+    if (ReadBitsFromInput(alternating, 2) != 0 || BIVO_epsilon[0] != 1 || BIVO_epsilon[8] != 0) return 31;
+    if (Frequency(16) != 0 || FrequencyTest(alternating, 2) != 0 || BIVO_epsilon != NULL) return 32;
+    if (ctx == NULL || ZEPH_C_RandTest_Run(ctx, 0, zeros, sizeof zeros) != 33) return 33;
+    if (ZEPH_C_RandTest_Report(ctx, report, &len) != 0 || strncmp(report, "{\"suite\":\"quick\"", 16) != 0) return 34;
+    ZEPH_C_RandTest_Free(ctx);
+    if (cephes_igamc(1.0, 0.0) != 1.0 || ComputePower(2, 10) != 1024u) return 35;
   }
   return 0;
 }

@@ -97,7 +97,7 @@ TEST_P(ChainStatus, EveryOutcomeHasItsStatus) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cert, ChainStatus, ::testing::Values(TestCa::Alg::kSm2, TestCa::Alg::kRsa),
-                         [](const auto &info) { return info.param == TestCa::Alg::kSm2 ? "Sm2" : "Rsa"; });
+                         [](const auto &param_info) { return param_info.param == TestCa::Alg::kSm2 ? "Sm2" : "Rsa"; });
 
 // SM2 leaves naming a loopback CRL server (the test peer), and an `openssl
 // ocsp` responder; one leaf revoked, one unknown to the responder.

@@ -1,7 +1,5 @@
 // The live commands beyond the worked session of docs/ci.md: signatures
 // checked by OpenSSL alone, every refusal, locked PINs and device lists.
-#include <openssl/x509.h>
-
 #include "ci_support.hpp"
 #include "zeph_c_status.h"
 
@@ -11,27 +9,10 @@ using ci_test::Ci;
 using ci_test::Reply;
 using ci_test::Signed;
 
-// SM2 with the default identity when md is null, else RSA PKCS#1 v1.5 with md.
+// The oracle's check of a base64 signature: SM2 when md is null, else RSA with md.
 bool OpenSslVerifies(const std::vector<uint8_t> &cert_der, const std::string &data, const std::string &sig_b64,
                      const EVP_MD *md) {
-  const auto sig = ci_test::FromBase64(sig_b64);
-  const unsigned char *p = cert_der.data();
-  X509 *cert = d2i_X509(nullptr, &p, static_cast<long>(cert_der.size()));
-  EVP_PKEY *key = cert != nullptr ? X509_get_pubkey(cert) : nullptr;
-  EVP_MD_CTX *ctx = EVP_MD_CTX_new();
-  EVP_PKEY_CTX *pctx = md == nullptr && key != nullptr ? EVP_PKEY_CTX_new(key, nullptr) : nullptr;
-  if (pctx != nullptr) {
-    EVP_PKEY_CTX_set1_id(pctx, "1234567812345678", 16);
-    EVP_MD_CTX_set_pkey_ctx(ctx, pctx);
-  }
-  const bool ok = key != nullptr && EVP_DigestVerifyInit(ctx, nullptr, md ? md : EVP_sm3(), nullptr, key) == 1 &&
-                  EVP_DigestVerify(ctx, sig.data(), sig.size(), reinterpret_cast<const unsigned char *>(data.data()),
-                                   data.size()) == 1;
-  EVP_MD_CTX_free(ctx);
-  EVP_PKEY_CTX_free(pctx);
-  EVP_PKEY_free(key);
-  X509_free(cert);
-  return ok;
+  return zeph_test::Verifies(cert_der, md, {data.begin(), data.end()}, ci_test::FromBase64(sig_b64));
 }
 
 class CiLive : public ci_test::SoftKeyCi {};
@@ -129,13 +110,13 @@ TEST_F(CiLive, StepsBeyondTheSessionAnswerTheirStatusAndData) {
 
 TEST_F(CiLive, DeviceListsFollowWhatIsPluggedIn) {
   for (const char *serial : {"CI0000", "CI0002"}) CreateDevice(serial);
-  Tool("unplug --serial CI0002");
+  MustTool("unplug --serial CI0002");
   const auto entry = [](const char *sn) {
     return std::string(R"({"keySN":")") + sn + R"(","vid":"ZS","skfLib":")" + ZEPH_SOFTKEY_LIB + R"(","type":0})";
   };
   EXPECT_EQ(Ci(R"({"type":100})").data, "[" + entry("ZS_CI0000") + "," + entry("ZS_CI0001") + "]");
   EXPECT_EQ(Ci(R"({"type":105})").data, R"(["ZS_CI0000","ZS_CI0001"])");
-  for (const char *serial : {"CI0000", "CI0001"}) Tool(std::string("delete-device --serial ") + serial);
+  for (const char *serial : {"CI0000", "CI0001"}) MustTool(std::string("delete-device --serial ") + serial);
   EXPECT_EQ(Ci(R"({"type":100})").text, R"({"type":100,"code":0,"data":"[]"})");
   EXPECT_EQ(Ci(R"({"type":105})").code, Signed(ERR_NO_KEY_FOUND));
 }

@@ -12,6 +12,7 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
+#include "oracle.hpp"
 #include "softkey_env.hpp"
 #include "zeph_c_ci.h"
 #include "zeph_c_device.h"
@@ -52,21 +53,8 @@ inline Reply Ci(const std::string &request) {
 // A status as a handler prints it (sign-extended from 32 bits).
 inline int64_t Signed(uint32_t status) { return static_cast<int32_t>(status); }
 
-inline std::string Base64(const std::vector<uint8_t> &bytes) {
-  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  out.resize(static_cast<size_t>(
-      EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), bytes.data(), static_cast<int>(bytes.size()))));
-  return out;
-}
-
-inline std::vector<uint8_t> FromBase64(const std::string &text) {
-  std::vector<uint8_t> out(text.size() / 4 * 3 + 3);
-  const int n =
-      EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char *>(text.data()), static_cast<int>(text.size()));
-  const size_t pads = text.size() >= 2 ? (text.back() == '=') + (text[text.size() - 2] == '=') : 0;
-  out.resize(n < 0 ? 0 : static_cast<size_t>(n) - pads);
-  return out;
-}
+using zeph_test::Base64;
+using zeph_test::FromBase64;
 
 // An SM2 pair made outside any key and a self-signed certificate for it:
 // base64 of the certificate and of the PKCS#8 key.
@@ -95,8 +83,9 @@ inline std::pair<std::string, std::string> OutsideSm2Pair(const char *cn) {
   return out;
 }
 
-// Device CI0001 (keySN ZS_CI0001): VorliEcc with an SM2 signing pair in ECC
-// and VorliRsa with an RSA 2048 pair in RSA1, 5 tries for every PIN. Vendor
+// Device CI0001 (keySN ZS_CI0001): VorliEcc with SM2 signing and encryption
+// pairs in ECC, VorliRsa with an RSA 2048 signing pair in RSA1 and an RSA
+// 1024 encryption pair in RSA2, 5 tries for every PIN. Vendor
 // ZS is the software key, NOLIB a vendor whose library is missing.
 class SoftKeyCi : public zeph_it::SoftkeyTest {
  protected:
@@ -107,13 +96,22 @@ class SoftKeyCi : public zeph_it::SoftkeyTest {
     ASSERT_EQ(ZEPH_C_SetConfigInfo(cfg.c_str()), 0u);
     CreateDevice("CI0001");
     for (const char *app : {"VorliEcc", "VorliRsa"}) CreateApp("CI0001", app, 5);
-    GenKey("CI0001", "VorliEcc", "ECC", "sm2");
+    GenKey("CI0001", "VorliEcc", "ECC", "sm2", "both");
     GenKey("CI0001", "VorliRsa", "RSA1", "rsa2048");
+    GenKey("CI0001", "VorliRsa", "RSA2", "rsa1024", "enc");
     sm2_cert_ = ExportCert("CI0001", "VorliEcc", "ECC");
     rsa_cert_ = ExportCert("CI0001", "VorliRsa", "RSA1");
-    vars_ = {{"keySN", "ZS_CI0001"},           {"pin", zeph_it::kUserPin},  {"adminPin", zeph_it::kAdminPin},
-             {"authCode", "1234567812345678"}, {"cert", Base64(sm2_cert_)}, {"rsaCert", Base64(rsa_cert_)}};
-    std::tie(vars_["encCert"], vars_["encKey"]) = OutsideSm2Pair("CI0001 enc");
+    sm2_enc_cert_ = ExportCert("CI0001", "VorliEcc", "ECC", "enc");
+    rsa_enc_cert_ = ExportCert("CI0001", "VorliRsa", "RSA2", "enc");
+    vars_ = {{"keySN", "ZS_CI0001"},
+             {"pin", zeph_it::kUserPin},
+             {"adminPin", zeph_it::kAdminPin},
+             {"authCode", "1234567812345678"},
+             {"cert", Base64(sm2_cert_)},
+             {"rsaCert", Base64(rsa_cert_)},
+             {"encCert", Base64(sm2_enc_cert_)},
+             {"rsaEncCert", Base64(rsa_enc_cert_)}};
+    std::tie(vars_["impCert"], vars_["impKey"]) = OutsideSm2Pair("CI0001 imported");
   }
 
   // The request with every <name> of vars_ replaced by its value.
@@ -127,7 +125,7 @@ class SoftKeyCi : public zeph_it::SoftkeyTest {
     return text;
   }
 
-  std::vector<uint8_t> sm2_cert_, rsa_cert_;
+  std::vector<uint8_t> sm2_cert_, rsa_cert_, sm2_enc_cert_, rsa_enc_cert_;
   std::map<std::string, std::string> vars_;
 };
 

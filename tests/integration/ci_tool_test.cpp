@@ -1,9 +1,5 @@
 // The zeph groups that speak ZEPH_C_CI, run as a user would against a
 // software key: output, files and exit status (0 only when the code is 0).
-#include <cstdio>
-
-#include <sys/wait.h>
-
 #include "ci_support.hpp"
 
 namespace {
@@ -14,14 +10,14 @@ class CiTool : public ci_test::SoftKeyCi {
   // <sig> stands for the first line of the last "sign" output.
   int Zeph(std::string line, const std::string &input, std::string *out) {
     if (const size_t at = line.find("<sig>"); at != std::string::npos) line.replace(at, 5, sig_);
-    const std::string cmd = "cd '" + dir_.path().string() + "' && " + (input.empty() ? "" : "echo '" + input + "' | ") +
-                            "'" + ZEPH_TOOL + "' " + line + " --config cfg.json 2>&1";
-    FILE *p = popen(cmd.c_str(), "r");
-    char buf[4096];
-    for (size_t n; p != nullptr && (n = std::fread(buf, 1, sizeof buf, p)) != 0;) out->append(buf, n);
-    const int status = p != nullptr ? pclose(p) : -1;
+    std::string text;
+    const int code =
+        zeph_test::Shell("cd '" + dir_.path().string() + "' && " + (input.empty() ? "" : "echo '" + input + "' | ") +
+                             "'" + ZEPH_TOOL + "' " + line + " --config cfg.json",
+                         &text);
+    out->append(text);
     if (line.rfind("sign ", 0) == 0) sig_ = out->substr(0, out->find('\n'));
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return code;
   }
   zeph_test::TempDir dir_;
   std::string sig_;
@@ -31,7 +27,7 @@ TEST_F(CiTool, GroupsPrintTheirResultAndExitByTheCode) {
   const std::string cfg = std::string(R"([{"type":0,"vid":"ZS","skfLib":")") + ZEPH_SOFTKEY_LIB + "\"}]";
   zeph_test::WriteBytes(dir_.file("cfg.json"), {cfg.begin(), cfg.end()});
   zeph_test::WriteBytes(dir_.file("in.bin"), {0, 1, 2, 0xFF, 0});
-  Tool("export-cert --serial CI0001 --app VorliEcc --container ECC --out '" + dir_.file("c.pem") + "'");
+  MustTool("export-cert --serial CI0001 --app VorliEcc --container ECC --out '" + dir_.file("c.pem") + "'");
   const struct {
     std::string line, input;
     int code;

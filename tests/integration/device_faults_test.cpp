@@ -1,8 +1,6 @@
 // Fault injection: each vendor call an operation makes fails in turn. The
 // operation hands that status back unchanged (unless it ignores that call's
 // status by design) and, whatever happened, closes everything it opened.
-#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_NOEXT_LIB) && defined(ZEPH_SOFTKEY_TOOL)
-
 #include <map>
 #include <set>
 
@@ -93,10 +91,10 @@ const std::vector<FaultCase> &Cases() {
 class FaultTest : public SoftkeyTest, public ::testing::WithParamInterface<size_t> {
  public:
   void Prepare(const std::string &what, const std::string &sn) {
-    if (what == "chain") Tool("write-file --serial " + sn + " --app VorliEcc --file CertChain --text chain");
+    if (what == "chain") MustTool("write-file --serial " + sn + " --app VorliEcc --file CertChain --text chain");
     if (what != "apps") return;
     for (const char *app : {"VorliEcc", "VorliRsa", "VorliStamp", "Other"}) {
-      Tool("delete-app --serial " + sn + " --app " + app, false);
+      Tool("delete-app --serial " + sn + " --app " + app);  // absent ones too
     }
     CreateApp(sn, "VorliStamp");
     CreateApp(sn, "Other");
@@ -104,16 +102,16 @@ class FaultTest : public SoftkeyTest, public ::testing::WithParamInterface<size_
 };
 
 TEST_P(FaultTest, EachVendorStatusComesBackAndEverythingCloses) {
-  const FaultCase &c = Cases()[GetParam()];
-  const std::string serial = "FLT" + std::to_string(GetParam()), key_sn = std::string(c.vid) + "_" + serial;
-  const std::string prepare = c.prepare != nullptr ? c.prepare : "";
+  const FaultCase &fault_case = Cases()[GetParam()];
+  const std::string serial = "FLT" + std::to_string(GetParam()), key_sn = std::string(fault_case.vid) + "_" + serial;
+  const std::string prepare = fault_case.prepare != nullptr ? fault_case.prepare : "";
   CreateStandardKey(serial);
   CreateApp(serial, "VorliStamp");
-  Tool("write-file --serial " + serial + " --app VorliStamp --file Picture --text seal");
+  MustTool("write-file --serial " + serial + " --app VorliStamp --file Picture --text seal");
   Handle h(key_sn);
 
   Prepare(prepare, serial);
-  const auto clean = Traced([&] { ASSERT_EQ(c.op(h.get(), key_sn), 0u); });
+  const auto clean = Traced([&] { ASSERT_EQ(fault_case.op(h.get(), key_sn), 0u); });
   ASSERT_FALSE(clean.empty());
   EXPECT_TRUE(AllClosed(clean));
   std::map<std::string, int> seen;
@@ -124,19 +122,17 @@ TEST_P(FaultTest, EachVendorStatusComesBackAndEverythingCloses) {
     uint32_t rv = 0;
     const auto trace = Traced([&] {
       setenv("ZEPH_SOFTKEY_FAULT", fault.c_str(), 1);
-      rv = c.op(h.get(), key_sn);
+      rv = fault_case.op(h.get(), key_sn);
       unsetenv("ZEPH_SOFTKEY_FAULT");
     });
     EXPECT_TRUE(AllClosed(trace));
     const bool closing = call.fn.find("Close") != std::string::npos || call.fn == "SKF_DisConnectDev";
-    EXPECT_TRUE(closing || c.ignored.count(call.fn) != 0 || rv == kInjected) << rv << ": " << Names(trace);
+    EXPECT_TRUE(closing || fault_case.ignored.count(call.fn) != 0 || rv == kInjected) << rv << ": " << Names(trace);
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, FaultTest, ::testing::Range<size_t>(0, Cases().size()),
-                         [](const auto &info) { return std::string(Cases()[info.param].name); });
+                         [](const auto &param_info) { return std::string(Cases()[param_info.param].name); });
 
 }  // namespace
 }  // namespace zeph_it
-
-#endif

@@ -1,6 +1,4 @@
 // Device files and seal areas, end to end.
-#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_NOEXT_LIB) && defined(ZEPH_SOFTKEY_TOOL)
-
 #include "softkey_env.hpp"
 
 namespace zeph_it {
@@ -82,7 +80,7 @@ TEST_F(FilesTest, SealAreasSlotsAndCounts) {
   uint32_t len = 0;
   EXPECT_EQ(GM_SKF_CTX_DeleteFile(ctx, "Picture5"), 0u);
   EXPECT_EQ(GM_SKF_CTX_GetSealInfoEx(ctx, 5, nullptr, &len), SAR_FILE_NOT_EXIST);
-  Tool("write-file --serial F3 --app VorliStamp --file Picture4 --text p4");
+  MustTool("write-file --serial F3 --app VorliStamp --file Picture4 --text p4");
   EXPECT_EQ(GM_SKF_CTX_CloseSession(ctx), 0u);
   // Without a session there is no application to write into.
   EXPECT_EQ(GM_SKF_CTX_SetSealInfo(ctx, 2, kAuthKey.data(), 10), ERR_DEVICE_FILE_WRITE_FAILED);
@@ -97,5 +95,3 @@ TEST_F(FilesTest, SealAreasSlotsAndCounts) {
 
 }  // namespace
 }  // namespace zeph_it
-
-#endif

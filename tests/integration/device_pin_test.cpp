@@ -1,6 +1,4 @@
 // PINs, device authentication, areas, selectors and log records, end to end.
-#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_NOEXT_LIB) && defined(ZEPH_SOFTKEY_TOOL)
-
 #include "softkey_env.hpp"
 
 namespace zeph_it {
@@ -68,8 +66,8 @@ TEST_F(PinTest, SelectorsPickTheirAreaAndUnknownOnesCallNothing) {
   CreateApp("P2", "VorliRsa", 10, "111111");
   CreateApp("P2", "VorliEcc", 10, "222222");
   CreateApp("P2", "VorliStamp", 10, "444444");
-  Tool("gen-key --serial P2 --app VorliRsa --container RSA1 --user-pin 111111 --alg rsa1024 --no-cert");
-  Tool("gen-key --serial P2 --app VorliEcc --container ECC --user-pin 222222 --alg sm2 --no-cert");
+  MustTool("gen-key --serial P2 --app VorliRsa --container RSA1 --user-pin 111111 --alg rsa1024 --no-cert");
+  MustTool("gen-key --serial P2 --app VorliEcc --container ECC --user-pin 222222 --alg sm2 --no-cert");
   Handle h("ZA_P2");
   uint32_t retry = 0;
   const struct {
@@ -168,5 +166,3 @@ TEST_F(PinTest, SmApplicationKeysUseTheirOwnLayout) {
 
 }  // namespace
 }  // namespace zeph_it
-
-#endif

@@ -1,11 +1,6 @@
 // Signing and decryption with the key's private keys, checked by OpenSSL and
 // by the library's own verification against the certificates on the key.
-#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_NOEXT_LIB) && defined(ZEPH_SOFTKEY_TOOL)
-
-#include <openssl/evp.h>
-#include <openssl/rsa.h>
-#include <openssl/x509.h>
-
+#include "oracle.hpp"
 #include "softkey_env.hpp"
 
 namespace zeph_it {
@@ -13,26 +8,7 @@ namespace {
 
 using SignTest = SoftkeyTest;
 
-struct Cert {
-  X509 *x;
-  explicit Cert(const Bytes &der) {
-    const unsigned char *p = der.data();
-    x = d2i_X509(nullptr, &p, static_cast<long>(der.size()));
-  }
-  ~Cert() { X509_free(x); }
-  EVP_PKEY *key() const { return X509_get0_pubkey(x); }
-};
-
-bool OpenSslVerifies(const Bytes &cert_der, const EVP_MD *md, const Bytes &data, const Bytes &sig) {
-  Cert cert(cert_der);
-  EVP_MD_CTX *mctx = EVP_MD_CTX_new();
-  EVP_PKEY_CTX *pctx = nullptr;
-  bool ok = EVP_DigestVerifyInit(mctx, &pctx, md, nullptr, cert.key()) == 1;
-  if (ok && md == EVP_sm3()) ok = EVP_PKEY_CTX_set1_id(pctx, "1234567812345678", 16) > 0;
-  ok = ok && EVP_DigestVerify(mctx, sig.data(), sig.size(), data.data(), data.size()) == 1;
-  EVP_MD_CTX_free(mctx);
-  return ok;
-}
+using zeph_test::Verifies;
 
 uint32_t Verify(const Bytes &cert, const Bytes &data, const Bytes &sig, uint32_t id) {
   return ZEPH_C_VerifySignWithCert(cert.data(), static_cast<uint32_t>(cert.size()), data.data(),
@@ -77,7 +53,7 @@ TEST_F(SignTest, Sm2AndRsaSignaturesVerifyWithTheKeysCertificates) {
     EXPECT_TRUE(AllClosed(trace));
     EXPECT_TRUE(Called(trace, r.call)) << Names(trace);
     EXPECT_TRUE(sm2 ? len >= 70 && len <= 72 && sig != Bytes(again.begin(), again.begin() + len2) : len == 128) << len;
-    EXPECT_TRUE(OpenSslVerifies(cert, r.md, data, sig));
+    EXPECT_TRUE(Verifies(cert, r.md, data, sig));
     EXPECT_EQ(Verify(cert, data, sig, r.id | 0x70000), 0u);
     EXPECT_EQ(Verify(sm2 ? rsa_cert : sm2_cert, data, sig, r.id), ERR_SIGNATURE_INVALID);
     for (size_t at : {size_t{5}, sig.size() / 2, sig.size() - 1}) {
@@ -109,22 +85,10 @@ TEST_F(SignTest, Sm2AndRsaSignaturesVerifyWithTheKeysCertificates) {
   EXPECT_TRUE(AllClosed(trace));
 }
 
-Bytes RsaEncrypt(const Bytes &cert_der, const Bytes &plain, int padding) {
-  Cert cert(cert_der);
-  EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new(cert.key(), nullptr);
-  EVP_PKEY_encrypt_init(pctx);
-  EVP_PKEY_CTX_set_rsa_padding(pctx, padding);
-  Bytes out(128);
-  size_t n = out.size();
-  EXPECT_EQ(EVP_PKEY_encrypt(pctx, out.data(), &n, plain.data(), plain.size()), 1);
-  EVP_PKEY_CTX_free(pctx);
-  return out;
-}
-
 TEST_F(SignTest, RsaDecryptionOfAnOpenSslCiphertext) {
   CreateStandardKey("R2");
   const Bytes cert = ExportCert("R2", "VorliRsa", "RSA2", "enc");
-  const Bytes secret = zeph_test::RandomBytes(24, 11), cipher = RsaEncrypt(cert, secret, RSA_PKCS1_PADDING);
+  const Bytes secret = zeph_test::RandomBytes(24, 11), cipher = zeph_test::Encrypt(cert, secret);
   Bytes raw(128, 0x5A);  // a block without type-2 padding
   raw[0] = 0x00;
   raw[1] = 0x01;
@@ -135,7 +99,7 @@ TEST_F(SignTest, RsaDecryptionOfAnOpenSslCiphertext) {
     size_t len;
   } rows[] = {{"ZA_R2", cipher, 0, 24},
               {"ZT_R2", cipher, 0, 128},  // device type 10 hands back the block, padding and all
-              {"ZA_R2", RsaEncrypt(cert, raw, RSA_NO_PADDING), ERR_PADDING_INVALID, 0},
+              {"ZA_R2", zeph_test::Encrypt(cert, raw, RSA_NO_PADDING), ERR_PADDING_INVALID, 0},
               {"ZN_R2", cipher, ERR_UNSUPPORTED_VALUE, 0}};
   for (const auto &r : rows) {
     SCOPED_TRACE(r.key_sn);
@@ -155,5 +119,3 @@ TEST_F(SignTest, RsaDecryptionOfAnOpenSslCiphertext) {
 
 }  // namespace
 }  // namespace zeph_it
-
-#endif

@@ -1,6 +1,5 @@
 // The shared library exports exactly the documented names: no mangled C++
 // symbol, nothing unlisted, and every listed name present.
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -8,29 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include "test_support.hpp"
+
 namespace {
 
-std::set<std::string> DynamicSymbols(const std::string &lib) {
-  std::set<std::string> names;
-  const std::string cmd = "nm -D --defined-only '" + lib + "'";
-  FILE *p = popen(cmd.c_str(), "r");
-  if (p == nullptr) return names;
-  char line[4096];
-  while (std::fgets(line, sizeof line, p) != nullptr) {
-    // "<address> <type> <name>"
-    std::string s(line);
-    while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
-    const auto last = s.rfind(' ');
-    if (last == std::string::npos || last < 2) continue;
-    const char type = s[last - 1];
-    std::string name = s.substr(last + 1);
-    if (type == 'A') continue;  // linker-defined absolute symbols
-    if (const auto at = name.find('@'); at != std::string::npos) name.resize(at);
-    names.insert(name);
-  }
-  pclose(p);
-  return names;
-}
+using zeph_test::DynamicSymbols;
 
 std::set<std::string> ListedNames() {
   std::set<std::string> names;
@@ -79,12 +60,8 @@ TEST(Exports, NoFileLocalHelperIsExported) {
 // The self-test fault switch lives in the static twin only: the shared
 // library carries the inert query but not the switch, not even hidden.
 TEST(Exports, SelftestFaultSwitchIsAbsent) {
-  FILE *p = popen(("nm -C '" + std::string(ZEPH_LIB_PATH) + "'").c_str(), "r");
-  ASSERT_NE(p, nullptr);
   std::string all;
-  char line[4096];
-  while (std::fgets(line, sizeof line, p) != nullptr) all += line;
-  pclose(p);
+  ASSERT_EQ(zeph_test::Shell("nm -C '" + std::string(ZEPH_LIB_PATH) + "'", &all), 0);
   ASSERT_NE(all.find("zeph::gm::selftest::Faulty"), std::string::npos) << "no symbol table to inspect";
   EXPECT_EQ(all.find("SetSelftestFault"), std::string::npos);
 }

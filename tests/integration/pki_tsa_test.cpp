@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "loopback.hpp"
+#include "oracle.hpp"
 #include "zeph_c.h"
 
 namespace {
@@ -20,13 +21,6 @@ using Bytes = std::vector<uint8_t>;
 using zeph_test::Peer;
 using zeph_test::Shell;
 using zeph_test::TestPki;
-
-Bytes Digest(const EVP_MD *md, const Bytes &data) {
-  unsigned char out[EVP_MAX_MD_SIZE];
-  unsigned int n = 0;
-  EVP_Digest(data.data(), data.size(), out, &n, md, nullptr);
-  return {out, out + n};
-}
 
 PKCS7_SIGNER_INFO *FirstSigner(PKCS7 *p7) { return sk_PKCS7_SIGNER_INFO_value(PKCS7_get_signer_info(p7), 0); }
 
@@ -115,7 +109,7 @@ class Tsa : public testing::Test {
   // `openssl ts -verify` of a token over the digest of our signature value.
   static bool TokenVerifies(const Bytes &token, const EVP_MD *md, const Bytes &value, const std::string &ca) {
     zeph_test::WriteBytes(tmp_->file("token.der"), token);
-    const Bytes d = Digest(md, value);
+    const Bytes d = zeph_test::Digest(md, {value});
     std::string out;
     const int rc = Shell("openssl ts -verify -token_in -in " + tmp_->file("token.der") + " -digest " +
                              zeph_test::ToHex(d) + " -CAfile " + ca,
@@ -186,7 +180,7 @@ TEST_F(Tsa, QueryFieldsPerAlgorithmCode) {
     EXPECT_EQ(ASN1_TYPE_get(TS_MSG_IMPRINT_get_algo(imprint)->parameter), V_ASN1_NULL);
     const ASN1_OCTET_STRING *msg = TS_MSG_IMPRINT_get_msg(imprint);
     EXPECT_EQ(Bytes(ASN1_STRING_get0_data(msg), ASN1_STRING_get0_data(msg) + ASN1_STRING_length(msg)),
-              Digest(c.md, value))
+              zeph_test::Digest(c.md, {value}))
         << c.alg;
     EXPECT_EQ(TS_REQ_get_version(req), 1);
     EXPECT_GE(ASN1_STRING_length(TS_REQ_get_nonce(req)), 1);
@@ -242,7 +236,7 @@ TEST_F(Tsa, TokensFromTheTsaEmbedAndVerify) {
   }
 
   // OpenSSL's own query and reply pass through the embedding too.
-  const Bytes d = Digest(EVP_sha256(), value);
+  const Bytes d = zeph_test::Digest(EVP_sha256(), {value});
   ASSERT_EQ(Shell("openssl ts -query -sha256 -digest " + zeph_test::ToHex(d) + " -cert -out " + tmp_->file("o.tsq") +
                   " && openssl ts -reply -config " + pki.tsa_config + " -section tsa_ok -queryfile " +
                   tmp_->file("o.tsq") + " -out " + tmp_->file("o.tsr")),

@@ -1,7 +1,5 @@
 // A seal signature signed with a software key through the handle API, as a
 // host builds one: OpenSSL's command line accepts it, and so does the library.
-#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_NOEXT_LIB) && defined(ZEPH_SOFTKEY_TOOL)
-
 #include "softkey_env.hpp"
 
 namespace zeph_it {
@@ -56,5 +54,3 @@ TEST_F(SealSignTest, KeySignedGbSignatureVerifiesWithOpenSsl) {
 
 }  // namespace
 }  // namespace zeph_it
-
-#endif

@@ -2,7 +2,11 @@
 // of keys, made with the software key's utility, which the library reaches
 // through the device configuration exactly as it reaches a vendor's library.
 #pragma once
-#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_NOEXT_LIB) && defined(ZEPH_SOFTKEY_TOOL)
+
+// The build names both libraries; without them these suites cannot run.
+#if !defined(ZEPH_SOFTKEY_LIB) || !defined(ZEPH_SOFTKEY_NOEXT_LIB)
+#error "ZEPH_SOFTKEY_LIB and ZEPH_SOFTKEY_NOEXT_LIB are not defined: the software key must be built with the tests"
+#endif
 
 #include <algorithm>
 #include <cstdlib>
@@ -15,13 +19,13 @@
 
 #include <gtest/gtest.h>
 
-#include "test_support.hpp"
+#include "softkey_fixture.hpp"
 #include "zeph_c.h"
 #include "zeph_skf.h"
 
 namespace zeph_it {
 
-using Bytes = std::vector<uint8_t>;
+using zeph_test::Bytes;
 inline constexpr const char *kAdminPin = "12345678";
 inline constexpr const char *kUserPin = "123456";
 inline const Bytes kAuthKey = {'1', '2', '3', '4', '5', '6', '7', '8', '1', '2', '3', '4', '5', '6', '7', '8'};
@@ -63,11 +67,10 @@ inline ::testing::AssertionResult AllClosed(const std::vector<TraceLine> &trace)
 // Runs under vendors ZA (software key, type 1), ZT (the same library as device
 // type 10), ZN (the software key without vendor extensions), a library that
 // does not load, and ZL after it.
-class SoftkeyTest : public ::testing::Test {
+class SoftkeyTest : public zeph_test::SoftkeyFixture {
  protected:
   void SetUp() override {
-    setenv("ZEPH_SOFTKEY_ROOT", root_.path().c_str(), 1);
-    TearDown();
+    SoftkeyFixture::SetUp();
     const std::string config = std::string("[{\"type\":1,\"vid\":\"ZA\",\"skfLib\":\"") + ZEPH_SOFTKEY_LIB +
                                "\"},{\"type\":10,\"vid\":\"ZT\",\"skfLib\":\"" + ZEPH_SOFTKEY_LIB +
                                "\"},{\"type\":2,\"vid\":\"ZN\",\"skfLib\":\"" + ZEPH_SOFTKEY_NOEXT_LIB +
@@ -76,36 +79,26 @@ class SoftkeyTest : public ::testing::Test {
                                ZEPH_SOFTKEY_LIB + "\"}]";
     ASSERT_EQ(ZEPH_C_SetConfigInfo(config.c_str()), 0u);
   }
-  void TearDown() override {
-    unsetenv("ZEPH_SOFTKEY_FAULT");
-    unsetenv("ZEPH_SOFTKEY_TRACE");
-  }
 
  public:
-  // Runs the utility on this test's root; unless !check, it must succeed.
-  void Tool(const std::string &args, bool check = true) {
-    const std::string cmd = std::string("'") + ZEPH_SOFTKEY_TOOL + "' --root '" + root_.path().native() + "' " + args;
-    const int status = std::system((cmd + " >/dev/null 2>&1").c_str());
-    EXPECT_TRUE(!check || status == 0) << cmd;
-  }
   void CreateDevice(const std::string &sn) {
-    Tool("create-device --auth-key 31323334353637383132333435363738 --serial " + sn);
+    MustTool("create-device --auth-key 31323334353637383132333435363738 --serial " + sn);
   }
   void CreateApp(const std::string &sn, const std::string &app, uint32_t retry = 10, const char *pin = kUserPin) {
     const std::string r = std::to_string(retry);
-    Tool("create-app --serial " + sn + " --app " + app + " --admin-pin " + kAdminPin + " --user-pin " + pin +
-         " --admin-retry " + r + " --user-retry " + r);
+    MustTool("create-app --serial " + sn + " --app " + app + " --admin-pin " + kAdminPin + " --user-pin " + pin +
+             " --admin-retry " + r + " --user-retry " + r);
   }
   void GenKey(const std::string &sn, const std::string &app, const std::string &con, const std::string &alg,
               const std::string &usage = "sign") {
-    Tool("gen-key --serial " + sn + " --app " + app + " --container " + con + " --user-pin " + kUserPin + " --alg " +
-         alg + " --usage " + usage);
+    MustTool("gen-key --serial " + sn + " --app " + app + " --container " + con + " --user-pin " + kUserPin +
+             " --alg " + alg + " --usage " + usage);
   }
   Bytes ExportCert(const std::string &sn, const std::string &app, const std::string &con,
                    const std::string &usage = "sign") {
     const std::string path = scratch_.file("cert-" + std::to_string(++seq_) + ".der");
-    Tool("export-cert --der --serial " + sn + " --app " + app + " --container " + con + " --usage " + usage +
-         " --out '" + path + "'");
+    MustTool("export-cert --der --serial " + sn + " --app " + app + " --container " + con + " --usage " + usage +
+             " --out '" + path + "'");
     return zeph_test::ReadBytes(path);
   }
   // VorliEcc/ECC (SM2) and, with_rsa, VorliRsa/RSA1 (signing) and RSA2 (encryption).
@@ -140,7 +133,7 @@ class SoftkeyTest : public ::testing::Test {
   }
 
  private:
-  zeph_test::TempDir root_, scratch_;
+  zeph_test::TempDir scratch_;
   int seq_ = 0;
 };
 
@@ -162,5 +155,3 @@ struct Handle {
 };
 
 }  // namespace zeph_it
-
-#endif

@@ -1,6 +1,4 @@
 // The zeph command-line host, run as a user would: output, files, exit codes.
-#include <sys/wait.h>
-
 #include <gtest/gtest.h>
 
 #include "test_support.hpp"
@@ -14,12 +12,8 @@ struct ToolRun {
 
 // Runs "zeph <args>" through the shell, standard error folded into the output.
 ToolRun Zeph(const std::string &args) {
-  FILE *p = popen(("'" ZEPH_TOOL "' " + args + " 2>&1").c_str(), "r");
   ToolRun r;
-  char buf[4096];
-  for (size_t n = 0; p != nullptr && (n = std::fread(buf, 1, sizeof buf, p)) != 0;) r.out.append(buf, n);
-  const int status = p != nullptr ? pclose(p) : -1;
-  r.code = p != nullptr && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  r.code = zeph_test::Shell("'" ZEPH_TOOL "' " + args, &r.out);
   return r;
 }
 
@@ -75,6 +69,32 @@ TEST_F(ZephTool, Base64RoundTripThroughPipesAndFiles) {
   EXPECT_EQ(zeph_test::ReadBytes(dir_.file("back")), data);
   EXPECT_EQ(Zeph("base64 decode < " + Q("wrapped")).out, "abcdef");
   EXPECT_EQ(Zeph("base64 decode " + Q("bad")).code, 1);
+}
+
+TEST_F(ZephTool, RandtestTableJsonPlotAndExitCodes) {
+  zeph_test::WriteBytes(dir_.file("random"), zeph_test::RandomBytes(3 * 2000 + 7, 3));
+  Put("zeros", std::string(64, '\0'));
+  const ToolRun quick = Zeph("randtest --quick " + Q("random"));
+  EXPECT_EQ(quick.code, 0) << quick.out;
+  EXPECT_NE(quick.out.find("Poker 2"), std::string::npos) << quick.out;
+  EXPECT_NE(quick.out.find("status 0: every test passed"), std::string::npos) << quick.out;
+  const ToolRun zeros = Zeph("randtest --quick --json - < " + Q("zeros"));
+  EXPECT_EQ(zeros.code, 1);
+  EXPECT_EQ(zeros.out.rfind("{\"suite\":\"quick\",\"bits\":512,\"alpha\":0.01,\"status\":33,", 0), 0u) << zeros.out;
+  // Sequence mode through a pipe, with the picture.
+  const ToolRun seq =
+      Zeph("randtest --quick --seq-bytes 2000 --plot " + Q("seq.svg") + " - < " + Q("random") + " | cat");
+  EXPECT_NE(seq.out.find("3 sequences of 16000 bits (7 bytes ignored)"), std::string::npos) << seq.out;
+  EXPECT_EQ(zeph_test::ReadBytes(dir_.file("seq.svg")).size() > 500, true);
+  ASSERT_EQ(Zeph("randtest --plot " + Q("one.svg") + " " + Q("zeros")).code, 1);
+  const auto svg = zeph_test::ReadBytes(dir_.file("one.svg"));
+  EXPECT_EQ(std::string(svg.begin(), svg.begin() + 4), "<svg");
+  const std::pair<std::string, int> codes[] = {{"randtest", 2},
+                                               {"randtest --seq-bytes 0 " + Q("random"), 2},
+                                               {"randtest --bogus " + Q("random"), 2},
+                                               {"randtest " + Q("missing"), 1},
+                                               {"randtest " + dir_.path().string(), 1}};
+  for (const auto &[args, code] : codes) EXPECT_EQ(Zeph(args).code, code) << args;
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "oracle.hpp"
 #include "seal/seal_internal.hpp"
 #include "seal/seal_reader.hpp"
 #include "seal_test.hpp"
@@ -41,10 +42,7 @@ class SealInterop : public ::testing::Test {
   }
   static std::string Capture(const std::string &command) {
     std::string out;
-    FILE *p = popen(("cd '" + dir_->path().string() + "' && " + command + " 2>/dev/null").c_str(), "r");
-    char buf[4096];
-    for (size_t n; p != nullptr && (n = std::fread(buf, 1, sizeof buf, p)) != 0;) out.append(buf, n);
-    if (p != nullptr) pclose(p);
+    zeph_test::Shell("( cd '" + dir_->path().string() + "' && " + command + " 2>/dev/null )", &out);
     return out;
   }
   // `len` by reference: it is read after the call that fills it.
@@ -72,9 +70,7 @@ TEST_F(SealInterop, SignaturesMadeByOpenSslVerifyHere) {
   const Bytes ses = SesSeal();
   const Bytes cert = zeph_test::ReadBytes(Path("cert.der"));
   const Bytes doc = Text("document");
-  Bytes hash(32);
-  unsigned n = 0;
-  EVP_Digest(doc.data(), doc.size(), hash.data(), &n, EVP_sm3(), nullptr);
+  const Bytes hash = zeph_test::Sm3({doc});
   Bytes buf(40000);
   auto len = static_cast<uint32_t>(buf.size());
   const Bytes gb_tbs = Built(

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "oracle.hpp"
 #include "seal/seal_reader.hpp"
 #include "seal_test.hpp"
 #include "zeph_c_status.h"
@@ -23,12 +24,7 @@ Bytes Int(uint8_t v) { return {0x02, 0x01, v}; }
 Bytes Ia5(const std::string &s) { return Tlv(0x16, {Text(s)}); }
 Bytes Octets(const Bytes &b) { return Tlv(0x04, {b}); }
 
-Bytes Sm3(const Bytes &data) {
-  Bytes out(32);
-  unsigned n = 0;
-  EVP_Digest(data.data(), data.size(), out.data(), &n, EVP_sm3(), nullptr);
-  return out;
-}
+Bytes Sm3(const Bytes &data) { return zeph_test::Sm3({data}); }
 
 // Seals and signatures as real files shape them, signed by test keys.
 struct Made {

@@ -5,27 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include "oracle.hpp"
+
 namespace seal_test {
 
 namespace {
 
 constexpr char kId[] = "1234567812345678";
-
-// Signs with SM3 and the default identity.
-Bytes DigestSign(EVP_PKEY *key, const Bytes &data) {
-  zeph::EvpMdCtxPtr md(EVP_MD_CTX_new());
-  EVP_PKEY_CTX *pctx = nullptr;
-  size_t n = 0;
-  if (!md || EVP_DigestSignInit(md.get(), &pctx, EVP_sm3(), nullptr, key) != 1 ||
-      EVP_PKEY_CTX_set1_id(pctx, kId, 16) != 1 ||
-      EVP_DigestSign(md.get(), nullptr, &n, data.data(), data.size()) != 1) {
-    return {};
-  }
-  Bytes sig(n);
-  if (EVP_DigestSign(md.get(), sig.data(), &n, data.data(), data.size()) != 1) return {};
-  sig.resize(n);
-  return sig;
-}
 
 }  // namespace
 
@@ -87,7 +73,7 @@ Signer::Signer() : key(EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2")) {
   OPENSSL_free(der);
 }
 
-Bytes Signer::Sign(const Bytes &data) const { return DigestSign(key.get(), data); }
+Bytes Signer::Sign(const Bytes &data) const { return zeph_test::Sm2Sign(key.get(), data); }
 
 Bytes Signer::Raw(const Bytes &data) const {
   const Bytes der = Sign(data);

@@ -11,16 +11,6 @@ namespace {
 
 using HookTest = SoftkeyTest;
 
-std::set<std::string> Exported(const char *lib) {
-  std::set<std::string> names;
-  FILE *p = popen((std::string("nm -D --defined-only '") + lib + "'").c_str(), "r");
-  char line[1024], type[8], name[512];
-  while (p != nullptr && std::fgets(line, sizeof line, p) != nullptr)
-    if (std::sscanf(line, "%*s %7s %511[^@\n]", type, name) == 2 && std::string(type) != "A") names.insert(name);
-  if (p != nullptr) pclose(p);
-  return names;
-}
-
 TEST(SoftkeyExports, ExactlyTheSkfEntryPointsAndNoExtensionsInTheNoextBuild) {
   const std::set<std::string> ext = {"SKF_RSADecrypt",      "SKF_ECCDecrypt",     "SKF_Ex_GenRSAKeyPair",
                                      "SKF_Ex_RSASignData",  "SKF_Eu_RSASignData", "SKF_Eu_ECCSignData",
@@ -31,8 +21,8 @@ TEST(SoftkeyExports, ExactlyTheSkfEntryPointsAndNoExtensionsInTheNoextBuild) {
   if (ext.count(#name) == 0) standard.insert(#name);
   ZEPH_SKF_FUNCTIONS(SK_NAME)
 #undef SK_NAME
-  EXPECT_EQ(Exported(ZEPH_SOFTKEY_LIB), all);
-  EXPECT_EQ(Exported(ZEPH_SOFTKEY_NOEXT_LIB), standard);
+  EXPECT_EQ(zeph_test::DynamicSymbols(ZEPH_SOFTKEY_LIB), all);
+  EXPECT_EQ(zeph_test::DynamicSymbols(ZEPH_SOFTKEY_NOEXT_LIB), standard);
   // Resolved by name, as the device layer does: the extensions are simply absent.
   void *noext = dlopen(ZEPH_SOFTKEY_NOEXT_LIB, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(noext, nullptr) << dlerror();

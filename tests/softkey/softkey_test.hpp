@@ -8,18 +8,16 @@
 #include <vector>
 
 #include <dlfcn.h>
-#include <openssl/evp.h>
-#include <stdlib.h>
-#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
-#include "test_support.hpp"
+#include "oracle.hpp"
+#include "softkey_fixture.hpp"
 #include "zeph_skf.h"
 
 namespace sk_test {
 
-using Bytes = std::vector<uint8_t>;
+using zeph_test::Bytes;
 constexpr const char *kSerial = "0123ABCD";
 constexpr const char *kAdminPin = "12345678";
 constexpr const char *kUserPin = "87654321";
@@ -59,49 +57,23 @@ std::vector<std::string> List(F call) {
   return out;
 }
 
-// SM4 in the given mode, independently of the library.
+// SM4 in the mode an SKF algorithm names, from the oracle.
 inline Bytes Sm4(ULONG alg, bool padding, const void *key, const Bytes &iv, const Bytes &in) {
-  const EVP_CIPHER *c = alg == SGD_SM4_ECB   ? EVP_sm4_ecb()
-                        : alg == SGD_SM4_CBC ? EVP_sm4_cbc()
-                        : alg == SGD_SM4_CFB ? EVP_sm4_cfb128()
-                                             : EVP_sm4_ofb();
-  EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
-  EVP_EncryptInit_ex(ctx, c, nullptr, static_cast<const uint8_t *>(key), iv.data());
-  EVP_CIPHER_CTX_set_padding(ctx, padding ? 1 : 0);
-  Bytes out(in.size() + 16);
-  int n1 = 0, n2 = 0;
-  EVP_EncryptUpdate(ctx, out.data(), &n1, in.data(), static_cast<int>(in.size()));
-  EVP_EncryptFinal_ex(ctx, out.data() + n1, &n2);
-  EVP_CIPHER_CTX_free(ctx);
-  out.resize(static_cast<size_t>(n1 + n2));
-  return out;
+  using zeph_test::Sm4Mode;
+  const Sm4Mode mode = alg == SGD_SM4_ECB   ? Sm4Mode::kEcb
+                       : alg == SGD_SM4_CBC ? Sm4Mode::kCbc
+                       : alg == SGD_SM4_CFB ? Sm4Mode::kCfb
+                                            : Sm4Mode::kOfb;
+  return zeph_test::Sm4Encrypt(mode, padding, static_cast<const uint8_t *>(key), iv, in);
 }
 
-class SoftkeyTest : public ::testing::Test {
+class SoftkeyTest : public zeph_test::SoftkeyFixture {
  protected:
   const Skf &skf = Lib();
 
   void SetUp() override {
     ASSERT_NE(skf.lib, nullptr) << dlerror();
-    setenv("ZEPH_SOFTKEY_ROOT", root.path().c_str(), 1);
-    unsetenv("ZEPH_SOFTKEY_FAULT");
-    unsetenv("ZEPH_SOFTKEY_TRACE");
-  }
-
-  // Runs the utility on this test's root; returns its exit status, output in *out.
-  int Tool(const std::string &args, std::string *out = nullptr) const {
-    const std::string cmd = std::string(ZEPH_SOFTKEY_TOOL) + " --root '" + root.path().string() + "' " + args + " 2>&1";
-    FILE *p = popen(cmd.c_str(), "r");
-    std::string text;
-    char buf[4096];
-    for (size_t n; p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0;) text.append(buf, n);
-    const int rc = p != nullptr ? pclose(p) : -1;
-    if (out != nullptr) *out = text;
-    return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-  }
-  void MustTool(const std::string &args) const {
-    std::string out;
-    ASSERT_EQ(Tool(args, &out), 0) << args << "\n" << out;
+    SoftkeyFixture::SetUp();
   }
 
   // Device kSerial: VorliEcc with container ECC (SM2 sign and enc pairs with
@@ -143,8 +115,6 @@ class SoftkeyTest : public ::testing::Test {
     Bytes answer = Sm4(SGD_SM4_ECB, false, key, {}, block);
     return skf.SKF_DevAuth(dev, answer.data(), 16);
   }
-
-  zeph_test::TempDir root;
 };
 
 }  // namespace sk_test

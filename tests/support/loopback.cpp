@@ -23,17 +23,6 @@ extern char **environ;
 
 namespace zeph_test {
 
-int Shell(const std::string &command, std::string *out) {
-  FILE *p = popen((command + " 2>&1").c_str(), "r");
-  if (p == nullptr) return -1;
-  char buf[4096];
-  std::string text;
-  for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) != 0;) text.append(buf, n);
-  const int status = pclose(p);
-  if (out != nullptr) *out = text;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 Child::Child(const std::vector<std::string> &argv, bool quiet_stderr) {
   int in[2], out[2];
   if (pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe");

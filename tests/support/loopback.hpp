@@ -14,10 +14,6 @@
 
 namespace zeph_test {
 
-// Runs a shell command; its exit code (-1 if it did not exit), standard
-// output (and error, folded in) into *out when given.
-int Shell(const std::string &command, std::string *out = nullptr);
-
 // A child process with pipes on its standard input and output. The
 // destructor closes its input, terminates it and reaps it.
 class Child {

@@ -1,11 +1,13 @@
 #include "test_support.hpp"
 
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <stdexcept>
 
 #include <stdlib.h>
+#include <sys/wait.h>
 
 namespace zeph_test {
 
@@ -69,6 +71,27 @@ std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
   std::vector<uint8_t> v(n);
   for (auto &b : v) b = static_cast<uint8_t>(gen());
   return v;
+}
+
+int Shell(const std::string &command, std::string *out) {
+  FILE *p = popen((command + " 2>&1").c_str(), "r");
+  if (p == nullptr) return -1;
+  char buf[4096];
+  std::string text;
+  for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) != 0;) text.append(buf, n);
+  const int status = pclose(p);
+  if (out != nullptr) *out = text;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::set<std::string> DynamicSymbols(const std::string &library) {
+  std::set<std::string> names;
+  FILE *p = popen(("nm -D --defined-only '" + library + "'").c_str(), "r");
+  char line[1024], type[8], name[512];
+  while (p != nullptr && std::fgets(line, sizeof line, p) != nullptr)  // "<address> <type> <name>[@version]"
+    if (std::sscanf(line, "%*s %7s %511[^@\n]", type, name) == 2 && std::string(type) != "A") names.insert(name);
+  if (p != nullptr) pclose(p);
+  return names;
 }
 
 }  // namespace zeph_test

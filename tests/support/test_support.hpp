@@ -1,12 +1,17 @@
-// Helpers shared by the test folders: temporary directories, file bytes, hex.
+// Helpers shared by the test folders: temporary directories, file bytes, hex,
+// shell commands and exported names. The OpenSSL references are in
+// oracle.hpp, the software-key fixture in softkey_fixture.hpp.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
 namespace zeph_test {
+
+using Bytes = std::vector<uint8_t>;
 
 // A fresh directory under the system temp folder, removed with its content.
 class TempDir {
@@ -28,5 +33,13 @@ std::vector<uint8_t> FromHex(const std::string &hex);
 std::string ToHex(const uint8_t *data, size_t n);
 inline std::string ToHex(const std::vector<uint8_t> &v) { return ToHex(v.data(), v.size()); }
 std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed);
+
+// Runs a shell command; its exit code (-1 if it did not exit), standard
+// output (and error, folded in) into *out when given.
+int Shell(const std::string &command, std::string *out = nullptr);
+
+// The names a shared library exports (nm -D), without version suffixes and
+// linker-defined absolute symbols.
+std::set<std::string> DynamicSymbols(const std::string &library);
 
 }  // namespace zeph_test

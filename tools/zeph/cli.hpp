@@ -13,9 +13,12 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
+
+#include "common/command_line.hpp"
+#include "common/io.hpp"
+#include "common/status.hpp"
 
 namespace zeph_cli {
 
@@ -25,14 +28,7 @@ constexpr int kUsage = 2;
 
 // Arguments after the group name: options that take a value ("--key HEX" or
 // "--key=HEX"), and the words in order ("--" ends the options).
-struct Args {
-  std::vector<std::string> words;
-  std::map<std::string, std::string> options;
-  bool help = false;
-
-  bool Has(const std::string &option) const { return options.count(option) != 0; }
-  std::string Get(const std::string &option, const std::string &fallback = "") const;
-};
+using Args = zeph_tools::CommandLine;
 
 struct Group {
   const char *name;
@@ -54,15 +50,13 @@ bool ParseArgs(const Group &group, const std::vector<std::string> &argv, Args *a
 // Messages on standard error, prefixed "zeph <group>: "; they return the exit status.
 int UsageError(const Group &group, const std::string &message);
 int Fail(const Group &group, const std::string &message);
-// "0x8208000E ERR_DIGEST_FAILED" (the name when the library knows it).
-std::string StatusText(uint32_t status);
-
-// Whole input from a file, or standard input for "-".
-bool ReadInput(const std::string &path, std::vector<uint8_t> *data, std::string *error);
-bool WriteStdout(const void *data, size_t n);
-// Hex text (either case, even length) to bytes.
-bool ParseHex(const std::string &text, std::vector<uint8_t> *bytes);
-std::string ToLowerHex(const uint8_t *data, size_t n);
+// The shared plumbing (tools/common), under the names the groups use.
+using zeph_tools::ParseHex;
+using zeph_tools::ReadInput;
+using zeph_tools::StatusText;  // "0x8208000E ERR_DIGEST_FAILED"
+using zeph_tools::ToLowerHex;
+using zeph_tools::WriteOutput;
+using zeph_tools::WriteStdout;
 
 }  // namespace zeph_cli
 

@@ -68,14 +68,9 @@ int RunFile(const zeph_cli::Args &args) {
   }
   std::vector<uint8_t> content;
   if (!zeph_cli::FromBase64(reply.data, &content)) return zeph_cli::Fail(Self(), "unreadable reply " + reply.data);
-  if (!args.Has("--out")) {
-    return zeph_cli::WriteStdout(content.data(), content.size()) ? zeph_cli::kOk
-                                                                 : zeph_cli::Fail(Self(), "cannot write output");
+  if (!zeph_cli::WriteOutput(args.Get("--out", "-"), content.data(), content.size(), &error)) {
+    return zeph_cli::Fail(Self(), error);
   }
-  FILE *f = std::fopen(args.Get("--out").c_str(), "wb");
-  const bool written = f != nullptr && std::fwrite(content.data(), 1, content.size(), f) == content.size();
-  if ((f != nullptr && std::fclose(f) != 0) || !written)
-    return zeph_cli::Fail(Self(), "cannot write " + args.Get("--out"));
   return zeph_cli::kOk;
 }
 

@@ -94,10 +94,7 @@ int RunSign(const zeph_cli::Args &args) {
   }
   std::vector<uint8_t> der;
   if (!zeph_cli::FromBase64(reply.data, &der)) return zeph_cli::Fail(self, "unreadable signature " + reply.data);
-  FILE *f = std::fopen(args.Get("--out").c_str(), "wb");
-  const bool written = f != nullptr && std::fwrite(der.data(), 1, der.size(), f) == der.size();
-  if (f != nullptr && std::fclose(f) != 0) return zeph_cli::Fail(self, "cannot write " + args.Get("--out"));
-  if (!written) return zeph_cli::Fail(self, "cannot write " + args.Get("--out"));
+  if (!zeph_cli::WriteOutput(args.Get("--out"), der.data(), der.size(), &error)) return zeph_cli::Fail(self, error);
   return zeph_cli::kOk;
 }
 

@@ -1,23 +1,20 @@
-// Handles of the software key and the path every entry point takes.
+// Handles of the software key and what they resolve to.
 //
 // A handle is an opaque number from a registry, never a pointer the caller
 // could make up: a stale, foreign or null handle is simply not found. Closing
 // a handle closes what was opened through it (a device closes its
-// applications, an application its containers). One mutex serialises the
-// library; the device lock in the store serialises processes.
+// applications, an application its containers). The registry is touched only
+// on the serialised entry path (entry.hpp).
 #pragma once
 
 #include <array>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <type_traits>
-#include <vector>
 
 #include "crypto.hpp"
-#include "foundation/status_flow.hpp"
 #include "store.hpp"
 
 namespace softkey {
@@ -42,13 +39,13 @@ struct AppObj : Object {
   AppObj() : Object(Kind::kApp) {}
   std::string app_id;
   uint32_t role = kRoleNone;  // who verified a PIN on this handle
-  SecureBytes master;         // unsealed by that PIN
+  SecureBytes master;         // unwrapped by that PIN
 };
 
-// A private key unsealed once per handle, kept while its sealed form is
+// A private key unwrapped once per handle, kept while its wrapped form is
 // unchanged on the device.
 struct KeyCache {
-  Bytes sealed;
+  Bytes wrapped;
   EvpPkeyPtr key;
 };
 
@@ -106,35 +103,9 @@ class Registry {
 
 Registry &Handles();
 
-// How a call names its handle argument in the trace.
-struct In {
-  bool present = false;
-  const void *h = nullptr;
-};
-inline constexpr In kNoHandle{};
-inline In H(const void *h) { return In{true, h}; }
-
-using Body = ULONG (*)(void *);
-ULONG Dispatch(const char *fn, In in, HANDLE *out, Body body, void *ctx);
-
-// The path of every entry point: serialised, the fault hook first, the body
-// behind an exception barrier, one trace line last.
-template <class F>
-ULONG Call(const char *fn, In in, HANDLE *out, F &&body) {
-  return Dispatch(
-      fn, in, out, [](void *c) -> ULONG { return (*static_cast<std::remove_reference_t<F> *>(c))(); }, &body);
-}
-
-// Output buffers: a null buffer asks for the size, a short one gets
-// SAR_BUFFER_TOO_SMALL; the size is written back either way.
-ULONG PutBytes(ByteSpan result, BYTE *out, ULONG *out_len);
-// A name list: each name terminated, one more terminator at the end.
-ULONG PutNameList(const std::vector<std::string> &names, LPSTR out, ULONG *out_len);
-// A caller's text of at most max bytes (longer ones are reported, not read).
-enum class Text { kOk, kNull, kEmpty, kTooLong };
-Text ReadText(const char *p, size_t max, std::string_view &out);
-
-// Resolution of handles to the current state of their objects.
+// Resolution of handles to the current state of their objects:
+// SAR_INVALIDHANDLEERR for a handle that is not (or no longer) there, else
+// the status of loading the device.
 struct DevRef {
   DeviceObj *obj = nullptr;
   std::shared_ptr<const Device> dev;
@@ -151,16 +122,29 @@ struct ConRef {
   const Application *app = nullptr;
   const Container *con = nullptr;
 };
-ULONG ResolveDevice(HANDLE h, DevRef &out);
-ULONG ResolveApp(HANDLE h, AppRef &out);
-ULONG ResolveContainer(HANDLE h, ConRef &out);
+ULONG ResolveDevice(HANDLE h, DevRef &out_ref);
+ULONG ResolveApp(HANDLE h, AppRef &out_ref);
+ULONG ResolveContainer(HANDLE h, ConRef &out_ref);
+
+// The application or container a handle names, in a device being changed;
+// null when it was deleted meanwhile (the handle is then stale).
+Application *AppIn(Device &dev, const AppObj &obj);
+Container *ContainerIn(Device &dev, const ContainerObj &obj);
+
+// New handles on an application or a container of the device folder `dir`.
+HANDLE AddAppHandle(const std::string &dir, const std::string &app_id, HANDLE parent);
+HANDLE AddContainerHandle(const std::string &dir, const std::string &app_id, const std::string &con_id, HANDLE parent);
+
+// Closes a handle of kind T with everything opened through it.
+template <class T>
+ULONG CloseAs(HANDLE h) {
+  if (Handles().Get<T>(h) == nullptr) return SAR_INVALIDHANDLEERR;
+  Handles().Close(h);
+  return SAR_OK;
+}
 
 // Symmetric keys: SM4 in ECB, CBC, CFB or OFB mode.
 bool IsSymmAlg(ULONG alg);
 HANDLE NewSymmKey(const std::string &dir, ULONG alg, ByteSpan key16, HANDLE parent);
-
-// A change returning kUnchanged leaves the device file as it is.
-constexpr ULONG kUnchanged = 0xFFFFFFFFu;
-ULONG Change(const std::string &dir, const std::function<ULONG(Device &)> &change);
 
 }  // namespace softkey

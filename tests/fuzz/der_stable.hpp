@@ -1,0 +1,40 @@
+// What an ASN.1 type decodes from arbitrary bytes encodes to bytes that
+// decode again to the same encoding; the decoder never reads past the input.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <vector>
+
+#include <openssl/crypto.h>
+
+namespace fuzz {
+
+inline void Check(bool ok) {
+  if (!ok) std::abort();
+}
+
+template <class T>
+std::vector<uint8_t> Reencode(const uint8_t *data, size_t size, T *(*d2i)(T **, const unsigned char **, long),
+                              int (*i2d)(const T *, unsigned char **), void (*free_fn)(T *)) {
+  const unsigned char *p = data;
+  T *obj = d2i(nullptr, &p, static_cast<long>(size));
+  std::vector<uint8_t> out;
+  if (obj == nullptr) return out;
+  Check(p > data && p <= data + size);
+  unsigned char *der = nullptr;
+  const int n = i2d(obj, &der);
+  if (n > 0) out.assign(der, der + n);
+  OPENSSL_free(der);
+  free_fn(obj);
+  return out;
+}
+
+template <class T>
+void Stable(const uint8_t *data, size_t size, T *(*d2i)(T **, const unsigned char **, long),
+            int (*i2d)(const T *, unsigned char **), void (*free_fn)(T *)) {
+  const std::vector<uint8_t> once = Reencode(data, size, d2i, i2d, free_fn);
+  if (!once.empty()) Check(Reencode(once.data(), once.size(), d2i, i2d, free_fn) == once);
+}
+
+}  // namespace fuzz

@@ -80,19 +80,23 @@ void ReadPemList(std::span<const uint8_t> bytes, std::vector<X509Ptr> *out) {
 }
 
 void ReadDerList(std::span<const uint8_t> bytes, std::vector<X509Ptr> *out) {
-  // A bundle or one certificate, read as the signing code reads them.
-  if (p7::ReadBundle(bytes, out) == 0) return;
-  // Certificates one after another; a piece that is not one ends the list
-  // with nothing taken.
+  // Certificates one after another (one is the common case). Decoding a
+  // certificate is most of the cost here, so each is decoded once.
   std::vector<X509Ptr> certs;
   const unsigned char *p = bytes.data();
   const unsigned char *end = bytes.data() + bytes.size();
   while (p < end) {
     X509Ptr x(d2i_X509(nullptr, &p, end - p));
-    if (!x) return;
+    if (!x) break;
     certs.push_back(std::move(x));
   }
-  *out = std::move(certs);
+  if (p == end) {
+    *out = std::move(certs);
+  } else if (certs.empty()) {
+    // Else a bundle, read as the signing code reads them; a list that
+    // breaks off after a certificate gives nothing.
+    p7::ReadBundle(bytes, out);
+  }
 }
 
 // Trims ASCII blanks.

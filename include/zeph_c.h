@@ -5,6 +5,7 @@
 #include "zeph_c_api.h"
 #include "zeph_c_bivo.h"
 #include "zeph_c_bivo_math.h"
+#include "zeph_c_cert.h"
 #include "zeph_c_ci.h"
 #include "zeph_c_corvex.h"
 #include "zeph_c_device.h"

@@ -222,6 +222,65 @@ ZEPH_API uint32_t zeph_c_cert_VerifySm2SignWithCert(const unsigned char *cert, u
 #define ZEPH_CERT_ALG_SM2   2u
 ZEPH_API uint32_t zeph_c_cert_getAlgoIDWithCert(const unsigned char *cert, uint32_t cert_len, uint32_t *out_algo_id);
 
+/* ---- Key pairs and certificates (inside a session on the container) ----- */
+
+/* A new signing pair (it replaces the old one): RSA of `bits` through
+ * SKF_Ex_GenRSAKeyPair where the library has it, else SKF_GenRSAKeyPair;
+ * SM2 through SKF_GenECCKeyPair. Export the public key afterwards. */
+ZEPH_API uint32_t GM_SKF_CTX_GenRSAKeyPair(GM_SKF_CTX *ctx, uint32_t bits);
+ZEPH_API uint32_t GM_SKF_CTX_GenECCKeyPair(GM_SKF_CTX *ctx);
+/* Encryption pairs wrapped for the container's signing key: a GM/T 0016
+ * ENVELOPEDKEYBLOB of blob_len bytes (its ciphertext may run past the
+ * declared structure), or an SM4 key wrapped with RSA and the DER private
+ * key under SM4-ECB (SGD_SM4_ECB). ERR_EXT_INTERFACE_MISSING when the
+ * library lacks the entry point. */
+ZEPH_API uint32_t GM_SKF_CTX_ImportECCKeyPair(GM_SKF_CTX *ctx, const unsigned char *blob, uint32_t blob_len);
+ZEPH_API uint32_t GM_SKF_CTX_ImportRSAKeyPair(GM_SKF_CTX *ctx, const unsigned char *wrapped_key, uint32_t wrapped_len,
+                                              const unsigned char *encrypted_key, uint32_t encrypted_len);
+/* Stores the signing (sign_flag non-zero) or encryption certificate, DER;
+ * GM_SKF_CTX_ExportCertificate reads it back. */
+ZEPH_API uint32_t GM_SKF_CTX_ImportCertificate(GM_SKF_CTX *ctx, uint32_t sign_flag, const unsigned char *cert,
+                                               uint32_t cert_len);
+/* The signing or encryption public key in the forms of
+ * GM_SKF_CTX_ExportPublicKey (SM2 for sessions on an SM2 object), with the
+ * output protocol. */
+ZEPH_API uint32_t GM_SKF_CTX_ExportPublicKeyEx(GM_SKF_CTX *ctx, uint32_t sign_flag, unsigned char *out,
+                                               uint32_t *in_out_len);
+/* Applications, containers (type, certificates) and files as JSON text
+ * (the form of ZEPH_C_EnumCryptoDeviceObjects in zeph_c_cert.h); text
+ * output protocol. Needs no session. */
+ZEPH_API uint32_t GM_SKF_CTX_EnumObjects(GM_SKF_CTX *ctx, char *out_json, uint32_t *in_out_len);
+
+/* ---- Device monitor ------------------------------------------------------ */
+
+/* Called on the monitor thread with the device list text (the output of
+ * ZEPH_C_ListPluginDevice, NUL-terminated). The buffer is reused on the next
+ * poll: copy what you keep. The callback runs concurrently with the host's
+ * other calls into the library and must be thread-safe. */
+typedef void (*ZEPH_MONITOR_CALLBACK)(const char *device_list);
+
+/* Starts the monitor thread: 0 when it was created; 1 (and nothing started)
+ * when a monitor is already running; 0xFFFFFFFF when the thread could not be
+ * created (later starts then answer 1 until stopCryptoDeviceMonitor). The
+ * thread lists the keys every 3 seconds and calls `callback` whenever the
+ * SHA-256 of the list text differs from that of the last list reported; the
+ * first poll after start reports unless that digest is already the last one
+ * reported (it survives stop and start). An empty list ("[]") is reported
+ * like any other list. A NULL callback: the thread logs "cb is null." and
+ * ends at once. */
+ZEPH_API uint32_t startCryptoDeviceMonitor(ZEPH_MONITOR_CALLBACK callback);
+/* Returns at once; the thread ends at its next check, within one poll
+ * interval. A start in between finds the monitor stopped and creates a
+ * second thread, and the first keeps running until the next stop. */
+ZEPH_API uint32_t stopCryptoDeviceMonitor(void);
+
+/* A POSIX thread running function(argument), with the given stack size
+ * where the platform accepts it (0 or a size below its minimum: the default
+ * stack). 0, or 0xFFFFFFFF when the thread was not created. The thread is
+ * neither joined nor detached. */
+ZEPH_API uint32_t _beginthread(void (*function)(void *), uint32_t stack_size, void *argument);
+ZEPH_API void zeph_c_sleep(uint32_t seconds);
+
 ZEPH_END_DECLS
 
 #endif

@@ -20,7 +20,6 @@
 
 namespace zeph {
 using Sm2EnvelopePtr = std::unique_ptr<SM2_Envelope, Free<SM2_Envelope_free>>;
-using X509CrlPtr = std::unique_ptr<X509_CRL, Free<X509_CRL_free>>;
 using Pkcs7SignerInfoPtr = std::unique_ptr<PKCS7_SIGNER_INFO, Free<PKCS7_SIGNER_INFO_free>>;
 using Pkcs7RecipInfoPtr = std::unique_ptr<PKCS7_RECIP_INFO, Free<PKCS7_RECIP_INFO_free>>;
 // A list that borrows its certificates: freeing it leaves them alone.

@@ -1,6 +1,7 @@
 // The handle and base64 pieces of the device-backed handlers.
 #include "ci/ci_device.hpp"
 
+#include <algorithm>
 #include <cstring>
 
 #include "zeph_c_api.h"

@@ -56,6 +56,7 @@ struct ZEPH_REQ_PARAM {
   Text<4096> symKey;
   uint32_t asymid;    // key-area selector: 1 RSA, 2 SM2, 4 seal
   uint32_t usage;     // "usage", "appID", "isRaw"
+  bool usageGiven;    // one of the usage keys was a number or boolean
   uint32_t selector;  // "signDataType", "wrapperType", "retryCnt", "chkMode", "idx", "itemNo"
   uint32_t algID;     // "algID", "modLen", "signMethodID", "randLen"
   uint32_t valueLen;

@@ -24,14 +24,17 @@ const cJSON *First(const cJSON *root, std::initializer_list<const char *> keys) 
 }
 
 // Numbers by their integer value; true/false as 1/0 so "isRaw":true reads
-// naturally. Anything else leaves the field zero.
-void ReadNumber(const cJSON *root, std::initializer_list<const char *> keys, uint32_t *field) {
+// naturally. Anything else leaves the field zero. True when a value was read.
+bool ReadNumber(const cJSON *root, std::initializer_list<const char *> keys, uint32_t *field) {
   const cJSON *item = First(root, keys);
   if (cJSON_IsNumber(item)) {
     *field = static_cast<uint32_t>(item->valueint);
   } else if (cJSON_IsBool(item)) {
     *field = cJSON_IsTrue(item) ? 1u : 0u;
+  } else {
+    return false;
   }
+  return true;
 }
 
 template <size_t N>
@@ -137,7 +140,7 @@ uint32_t ParseRequest(const char *text, ZEPH_REQ_PARAM *req) {
   ZEPH_TRY(ReadBlob(root, "bivo_t2", &req->bivo_t2));
   ReadNumber(root, {"bivo_c2_len"}, &req->bivo_c2_len);
 
-  ReadNumber(root, {"usage", "appID", "isRaw"}, &req->usage);
+  req->usageGiven = ReadNumber(root, {"usage", "appID", "isRaw"}, &req->usage);
   ReadNumber(root, {"signDataType", "wrapperType", "retryCnt", "chkMode", "idx", "itemNo"}, &req->selector);
   ReadNumber(root, {"algID", "modLen", "signMethodID", "randLen"}, &req->algID);
 

@@ -10,10 +10,12 @@
 #include <vector>
 
 #include "device/vendor_quirks.hpp"
+#include "foundation/json_owned.hpp"
 #include "foundation/log.hpp"
 #include "foundation/output.hpp"
 #include "foundation/secure_bytes.hpp"
 #include "foundation/status_flow.hpp"
+#include "pki/cert_fields.hpp"
 #include "zeph_c_device.h"
 #include "zeph_c_utils.h"
 
@@ -139,6 +141,69 @@ uint32_t CountSeals(GM_SKF_CTX *ctx, const std::vector<std::string> &apps, uint3
   for (uint32_t slot = 1; slot <= zeph::device::kSealSlots; ++slot) {
     const zeph::device::SealFileName file = zeph::device::SealSlotFile(slot);
     if (std::find(files.begin(), files.end(), file.text) != files.end()) ++*out_count;
+  }
+  return 0;
+}
+
+// The container's certificates, signing first; one it lacks is left out.
+uint32_t AddCertificates(const zeph::device::SkfFunctions &skf, HCONTAINER con, cJSON *list) {
+  constexpr ULONG kMaxCertLen = 65536;
+  for (const BOOL sign : {TRUE, FALSE}) {
+    ULONG len = 0;
+    if (CallSkf(skf.SKF_ExportCertificate, ERR_GET_CERT_FAILED, con, sign, nullptr, &len) != 0 || len == 0 ||
+        len > kMaxCertLen) {
+      continue;
+    }
+    std::vector<BYTE> der(len);
+    if (CallSkf(skf.SKF_ExportCertificate, ERR_GET_CERT_FAILED, con, sign, der.data(), &len) != 0) continue;
+    zeph::JsonPtr item =
+        zeph::pki::CertificateJson({der.data(), std::min<size_t>(len, der.size())}, sign ? "sign" : "enc");
+    if (!item || !cJSON_AddItemToArray(list, item.release())) return ERR_OUT_OF_MEMORY;
+  }
+  return 0;
+}
+
+// One application as JSON: its containers with their certificates, its files.
+uint32_t ApplicationJson(GM_SKF_CTX *ctx, std::string &name, cJSON *out) {
+  const auto &skf = ctx->skf;
+  OpenApp app{skf};
+  ZEPH_TRY(CallSkf(skf.SKF_OpenApplication, ERR_OPEN_SESSION_FAILED, ctx->device, name.data(), &app.app));
+  cJSON *containers = cJSON_AddArrayToObject(out, "containers");
+  cJSON *files = cJSON_AddArrayToObject(out, "files");
+  if (containers == nullptr || files == nullptr) return ERR_OUT_OF_MEMORY;
+  std::vector<std::string> names;
+  ZEPH_TRY(EnumNames(skf.SKF_EnumContainer, app.app, ERR_OPEN_SESSION_FAILED, &names));
+  for (std::string &c : names) {
+    OpenContainer con{skf};
+    ZEPH_TRY(CallSkf(skf.SKF_OpenContainer, ERR_OPEN_SESSION_FAILED, app.app, c.data(), &con.con));
+    ULONG type = CONTAINER_TYPE_EMPTY;
+    ZEPH_TRY(CallSkf(skf.SKF_GetConProperty, ERR_OPEN_SESSION_FAILED, con.con, &type));
+    cJSON *item = cJSON_CreateObject();
+    if (item == nullptr || !cJSON_AddItemToArray(containers, item)) {
+      cJSON_Delete(item);
+      return ERR_OUT_OF_MEMORY;
+    }
+    cJSON *certs = nullptr;
+    if (cJSON_AddStringToObject(item, "name", c.c_str()) == nullptr ||
+        cJSON_AddStringToObject(item, "type", KindName(type)) == nullptr ||
+        (certs = cJSON_AddArrayToObject(item, "certificates")) == nullptr) {
+      return ERR_OUT_OF_MEMORY;
+    }
+    ZEPH_TRY(AddCertificates(skf, con.con, certs));
+  }
+  ZEPH_TRY(EnumNames(skf.SKF_EnumFiles, app.app, ERR_OPEN_SESSION_FAILED, &names));
+  for (std::string &f : names) {
+    FILEATTRIBUTE attr{};
+    ZEPH_TRY(CallSkf(skf.SKF_GetFileInfo, ERR_OPEN_SESSION_FAILED, app.app, f.data(), &attr));
+    cJSON *item = cJSON_CreateObject();
+    if (item == nullptr || !cJSON_AddItemToArray(files, item)) {
+      cJSON_Delete(item);
+      return ERR_OUT_OF_MEMORY;
+    }
+    if (cJSON_AddStringToObject(item, "name", f.c_str()) == nullptr ||
+        cJSON_AddNumberToObject(item, "size", attr.FileSize) == nullptr) {
+      return ERR_OUT_OF_MEMORY;
+    }
   }
   return 0;
 }
@@ -433,6 +498,30 @@ ZEPH_API uint32_t GM_SKF_CTX_EnumAllInfo(GM_SKF_CTX *ctx, char *out, uint32_t *i
     }
     return zeph::PutOutput({reinterpret_cast<const uint8_t *>(report.c_str()), report.size() + 1},
                            reinterpret_cast<uint8_t *>(out), in_out_len);
+  });
+}
+
+ZEPH_API uint32_t GM_SKF_CTX_EnumObjects(GM_SKF_CTX *ctx, char *out, uint32_t *in_out_len) {
+  if (!HasDevice(ctx)) return ERR_OPEN_SESSION_FAILED;
+  if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
+  return zeph::Guarded([&]() -> uint32_t {
+    std::vector<std::string> apps;
+    ZEPH_TRY(EnumNames(ctx->skf.SKF_EnumApplication, ctx->device, ERR_OPEN_SESSION_FAILED, &apps));
+    zeph::JsonPtr doc(cJSON_CreateObject());
+    cJSON *list = doc ? cJSON_AddArrayToObject(doc.get(), "applications") : nullptr;
+    if (list == nullptr) return ERR_OUT_OF_MEMORY;
+    for (std::string &name : apps) {
+      cJSON *app = cJSON_CreateObject();
+      if (app == nullptr || !cJSON_AddItemToArray(list, app)) {
+        cJSON_Delete(app);
+        return ERR_OUT_OF_MEMORY;
+      }
+      if (cJSON_AddStringToObject(app, "name", name.c_str()) == nullptr) return ERR_OUT_OF_MEMORY;
+      ZEPH_TRY(ApplicationJson(ctx, name, app));
+    }
+    const zeph::JsonTextPtr text(cJSON_PrintUnformatted(doc.get()));
+    if (!text) return ERR_OUT_OF_MEMORY;
+    return zeph::PutText(text.get(), std::strlen(text.get()), out, in_out_len);
   });
 }
 

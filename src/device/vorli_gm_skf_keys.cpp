@@ -283,6 +283,29 @@ ZEPH_API uint32_t GM_SKF_CTX_ExportPublicKey(GM_SKF_CTX *ctx, unsigned char *out
   });
 }
 
+ZEPH_API uint32_t GM_SKF_CTX_ExportPublicKeyEx(GM_SKF_CTX *ctx, uint32_t sign_flag, unsigned char *out,
+                                               uint32_t *in_out_len) {
+  if (!HasContainer(ctx)) return ERR_EXPORT_PUBKEY_FAILED;
+  if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
+  return zeph::Guarded([&]() -> uint32_t {
+    BYTE blob[kSignWorkLen] = {0};
+    ULONG blob_len = sizeof blob;
+    ZEPH_TRY(CallSkf(ctx->skf.SKF_ExportPublicKey, ERR_EXPORT_PUBKEY_FAILED, ctx->container,
+                     static_cast<BOOL>(sign_flag != 0), blob, &blob_len));
+    blob_len = std::min<ULONG>(blob_len, sizeof blob);
+    if (ctx->key_kind == ZEPH_KEY_SM2_SIGN || ctx->key_kind == ZEPH_KEY_SM2_ENC) {
+      ECCPUBLICKEYBLOB ecc{};
+      std::memcpy(&ecc, blob, std::min<size_t>(blob_len, sizeof ecc));
+      uint8_t point[kSm2PointLen];
+      PointFromBlob(ecc, point);
+      return zeph::PutOutput(point, out, in_out_len);
+    }
+    std::vector<uint8_t> der;
+    ZEPH_TRY(RsaSpkiFromBlob(blob, blob_len, &der));
+    return zeph::PutOutput(der, out, in_out_len);
+  });
+}
+
 ZEPH_API uint32_t GM_SKF_CTX_GenRandom(GM_SKF_CTX *ctx, uint32_t length, unsigned char *out) {
   if (ctx == nullptr || ctx->module == nullptr || ctx->device == nullptr) return ERR_INVALID_PARAMETER;
   if (out == nullptr && length != 0) return ERR_INVALID_PARAMETER;

@@ -94,6 +94,7 @@ uint32_t Exchange(const Target &target, const Request &request, size_t max_body,
       WriteAll(*stream, request.body) != 0) {
     return Failed(target, stream->why());
   }
+  reply->sent = true;
 
   ReplyParser parser(max_body);
   std::vector<uint8_t> piece(kReadPiece);

@@ -37,7 +37,8 @@ struct Request {
 };
 
 struct Reply {
-  int status = 0;  // HTTP status code; 0 when no reply was parsed
+  int status = 0;     // HTTP status code; 0 when no reply was parsed
+  bool sent = false;  // the whole request went out (a failure came after)
   std::vector<uint8_t> body;
   bool complete = false;  // the whole reply arrived (body included)
   size_t needed = 0;      // with ERR_BUFFER_TOO_SMALL: the body length announced or seen

@@ -1,6 +1,7 @@
 // Every session-context operation on a missing context, on a connected
 // context without a session, and on a session over a vendor library lacking
 // every entry point; vendor name lists.
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
@@ -67,6 +68,14 @@ const Op kOps[] = {
     OP3(GM_SKF_CTX_DeleteFile(c, "f"), ERR_DEVICE_FILE_WRITE_FAILED),
     OP3(GM_SKF_CTX_SetSealInfo(c, 2, buf, 4), ERR_DEVICE_FILE_WRITE_FAILED),
     OP3(GM_SKF_CTX_GetSealInfoEx(c, 5, nullptr, Cap()), ERR_DEVICE_FILE_READ_FAILED),
+    OP3(GM_SKF_CTX_GenRSAKeyPair(c, 2048), ERR_GEN_KEYPAIR_FAILED),
+    OP3(GM_SKF_CTX_GenECCKeyPair(c), ERR_GEN_KEYPAIR_FAILED),
+    OP3(GM_SKF_CTX_ImportECCKeyPair(c, buf, sizeof buf), ERR_EXT_INTERFACE_MISSING),
+    OP3(GM_SKF_CTX_ImportRSAKeyPair(c, buf, 128, buf, 16), ERR_EXT_INTERFACE_MISSING),
+    OP3(GM_SKF_CTX_ImportCertificate(c, 1, buf, 4), ERR_DEVICE_FILE_WRITE_FAILED),
+    OP3(GM_SKF_CTX_ExportCertificate(c, 1, buf, Cap()), ERR_GET_CERT_FAILED),
+    OP3(GM_SKF_CTX_ExportPublicKeyEx(c, 0, buf, Cap()), ERR_EXPORT_PUBKEY_FAILED),
+    OP3(GM_SKF_CTX_EnumObjects(c, reinterpret_cast<char *>(buf), Cap()), ERR_OPEN_SESSION_FAILED),
 };
 
 TEST(SessionContext, EachOperationAnswersWithItsOwnStatus) {
@@ -90,6 +99,13 @@ TEST(SessionContext, BadArgumentsAreRefusedBeforeAnyVendorCall) {
   EXPECT_EQ(GM_SKF_CTX_VerifyAdminPin(&ctx, nullptr, 0), ERR_INVALID_PARAMETER);
   EXPECT_EQ(GM_SKF_CTX_SignHash(&ctx, buf, 32, nullptr, Cap()), ERR_INVALID_PARAMETER);
   EXPECT_EQ(GM_SKF_CTX_GetFileFromCryptoDevice(&ctx, "f", buf, nullptr), ERR_INVALID_PARAMETER);
+  // An enveloped key shorter than its head, or than the ciphertext it announces.
+  std::vector<unsigned char> envelope(sizeof(ENVELOPEDKEYBLOB) + 15, 0);
+  envelope[offsetof(ENVELOPEDKEYBLOB, ECCCipherBlob) + offsetof(ECCCIPHERBLOB, CipherLen)] = 16;
+  EXPECT_EQ(GM_SKF_CTX_ImportECCKeyPair(&ctx, envelope.data(), static_cast<uint32_t>(envelope.size())),
+            ERR_EXT_INTERFACE_MISSING);
+  EXPECT_EQ(GM_SKF_CTX_ImportECCKeyPair(&ctx, envelope.data(), static_cast<uint32_t>(envelope.size() - 1)),
+            ERR_INVALID_PARAMETER);
   // An RSA DigestInfo that does not fit is measured, whatever the identifier's high bits.
   ctx.key_kind = ZEPH_KEY_RSA_SIGN;
   len = 10;

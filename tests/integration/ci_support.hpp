@@ -4,9 +4,13 @@
 
 #include <map>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <cjson/cJSON.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
 
 #include "oracle.hpp"
 #include "seal_record.hpp"
@@ -53,6 +57,33 @@ inline int64_t Signed(uint32_t status) { return static_cast<int32_t>(status); }
 using zeph_test::Base64;
 using zeph_test::FromBase64;
 
+// An SM2 pair made outside any key and a self-signed certificate for it:
+// base64 of the certificate and of the PKCS#8 key.
+inline std::pair<std::string, std::string> OutsideSm2Pair(const char *cn) {
+  EVP_PKEY *key = EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2");
+  X509 *x = X509_new();
+  X509_set_version(x, 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(x), 7);
+  X509_NAME_add_entry_by_txt(X509_get_subject_name(x), "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char *>(cn),
+                             -1, -1, 0);
+  X509_set_issuer_name(x, X509_get_subject_name(x));
+  X509_gmtime_adj(X509_getm_notBefore(x), 0);
+  X509_gmtime_adj(X509_getm_notAfter(x), 86400L * 365);
+  X509_set_pubkey(x, key);
+  X509_sign(x, key, EVP_sm3());
+  unsigned char *cert = nullptr, *p8 = nullptr;
+  const int cert_len = i2d_X509(x, &cert);
+  PKCS8_PRIV_KEY_INFO *info = EVP_PKEY2PKCS8(key);
+  const int p8_len = i2d_PKCS8_PRIV_KEY_INFO(info, &p8);
+  std::pair<std::string, std::string> out{Base64({cert, cert + cert_len}), Base64({p8, p8 + p8_len})};
+  OPENSSL_free(cert);
+  OPENSSL_free(p8);
+  PKCS8_PRIV_KEY_INFO_free(info);
+  X509_free(x);
+  EVP_PKEY_free(key);
+  return out;
+}
+
 // Device CI0001 (keySN ZS_CI0001): VorliEcc with SM2 signing and encryption
 // pairs in ECC, VorliRsa with an RSA 2048 signing pair in RSA1 and an RSA
 // 1024 encryption pair in RSA2, 5 tries for every PIN. Vendor
@@ -89,6 +120,7 @@ class SoftKeyCi : public zeph_it::SoftkeyTest {
         Base64(zeph_test::SealInfoRecord(4, 4000, 4000, "\xB5\xE7\xD7\xD3\xD3\xA1\xD5\xC2", {2024, 1, 1, 8, 0, 0},
                                          {2024, 1, 1, 8, 0, 0}, {2034, 1, 1, 8, 0, 0}));
     vars_["sealPic"] = "iVBORw0KGgo=";
+    std::tie(vars_["impCert"], vars_["impKey"]) = OutsideSm2Pair("CI0001 imported");
   }
 
   // The request with every <name> of vars_ replaced by its value.

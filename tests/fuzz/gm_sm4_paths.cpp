@@ -23,7 +23,7 @@ Bytes AllModes(const zeph::gm::Sm4Engine &engine, const uint8_t *key, const uint
   enc.Ecb(data.data(), ecb, n);
   dec.Ecb(data.data(), back, n);
   enc.CbcEncrypt(iv, data.data(), cbc, n);
-  std::memcpy(cbc_back, data.data(), data.size());
+  if (!data.empty()) std::memcpy(cbc_back, data.data(), data.size());
   dec.CbcDecrypt(iv, cbc_back, cbc_back, n);
   return out;
 }

@@ -35,18 +35,26 @@ void SearchAndFree(void *p) {
   std::free(p);
 }
 
+// Blocks start zeroed, so a PIN found when one is freed was written while it
+// was allocated, not left in reused memory by an earlier owner.
+void *ZeroedMalloc(size_t n) {
+  void *p = std::malloc(n != 0 ? n : 1);
+  if (p != nullptr) std::memset(p, 0, malloc_usable_size(p));
+  return p;
+}
+
 }  // namespace
 
 // The program's allocation functions, every form but the over-aligned ones
 // (the library and the software key use them too; the sanitizers' own would
 // not pair with these).
 void *operator new(size_t n) {
-  if (void *p = std::malloc(n != 0 ? n : 1)) return p;
+  if (void *p = ZeroedMalloc(n)) return p;
   throw std::bad_alloc();
 }
 void *operator new[](size_t n) { return operator new(n); }
-void *operator new(size_t n, const std::nothrow_t &) noexcept { return std::malloc(n != 0 ? n : 1); }
-void *operator new[](size_t n, const std::nothrow_t &) noexcept { return std::malloc(n != 0 ? n : 1); }
+void *operator new(size_t n, const std::nothrow_t &) noexcept { return ZeroedMalloc(n); }
+void *operator new[](size_t n, const std::nothrow_t &) noexcept { return ZeroedMalloc(n); }
 void operator delete(void *p) noexcept { SearchAndFree(p); }
 void operator delete[](void *p) noexcept { SearchAndFree(p); }
 void operator delete(void *p, size_t) noexcept { SearchAndFree(p); }
@@ -68,7 +76,7 @@ TEST_F(PinCopies, NoneIsFreedUnwipedByALoggedPinCheck) {
   static int logged_with_pin;
   logged_with_pin = 0;
   setLogCallback([](const char *record) { logged_with_pin += std::strstr(record, kPin) != nullptr; });
-  cJSON_Hooks hooks = {std::malloc, SearchAndFree};
+  cJSON_Hooks hooks = {ZeroedMalloc, SearchAndFree};
   cJSON_InitHooks(&hooks);
   const std::string request = std::string(R"({"type":101,"keySN":"ZS_PC1","asymid":2,"pin":")") + kPin + "\"}";
   std::vector<char> response(4096, '\0');

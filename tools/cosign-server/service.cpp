@@ -2,6 +2,8 @@
 
 #include <cctype>
 #include <charconv>
+#include <climits>
+#include <cmath>
 #include <cstring>
 #include <vector>
 
@@ -112,10 +114,11 @@ class Fields {
       *out = fallback;
       return true;
     }
-    if (!cJSON_IsNumber(item) || item->valuedouble != static_cast<double>(static_cast<int>(item->valuedouble))) {
-      return false;
-    }
-    *out = static_cast<int>(item->valuedouble);
+    // Whole numbers within int only (NaN fails the range test): the cast of
+    // anything else is undefined.
+    const double value = cJSON_IsNumber(item) ? item->valuedouble : 0.5;
+    if (!(value >= INT_MIN && value <= INT_MAX) || value != std::floor(value)) return false;
+    *out = static_cast<int>(value);
     return true;
   }
 

@@ -482,7 +482,7 @@ ZEPH_API uint32_t ZEPH_C_GetSealInfoEx(void *handle, uint32_t slot, unsigned cha
  * the SM2 area (whose failure is returned), then copies the first
  * ZEPH_SEAL_PIN_MAX characters of key_sn and a terminator to out_pin (17
  * bytes) and their count to *out_len. An empty or null key_sn gives
- * 0xFFFFFFFF before any PIN is tried. The Spec variant skips the user PIN. */
+ * 0xFFFFFFFF before any PIN is tried. ZEPH_C_GetSealSessionPinSpec skips the user PIN. */
 ZEPH_API uint32_t ZEPH_C_GetSealSessionPin(void *handle, const char *key_sn, const char *user_pin, char *out_pin,
                                            uint32_t *out_len);
 ZEPH_API uint32_t ZEPH_C_GetSealSessionPinSpec(void *handle, const char *key_sn, char *out_pin, uint32_t *out_len);

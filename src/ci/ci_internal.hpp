@@ -67,6 +67,9 @@ struct ZEPH_REQ_PARAM {
 
 // Data kind that embeds the data text as a JSON object.
 inline constexpr uint32_t kDataObject = 64;
+// Data kind of a JSON string whose text holds nothing JSON escapes (base64
+// the library wrote): printed as it is, unscanned.
+inline constexpr uint32_t kDataPlain = 1;
 
 struct ZEPH_RES_PARAM {
   uint32_t command;

@@ -140,13 +140,27 @@ uint32_t RunHandler(Handler handler, ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) n
   }
 }
 
+// {"type":..,"code":..} as cJSON prints it: both are 32-bit statuses (either
+// extension), integers that it prints in decimal.
+struct Head {
+  char text[64];
+  size_t len;
+};
+Head HeadOf(const ZEPH_RES_PARAM &res) {
+  Head h;
+  const int n = std::snprintf(h.text, sizeof h.text, "{\"type\":%" PRId32 ",\"code\":%" PRId64 "}",
+                              static_cast<int32_t>(res.command), res.code);
+  h.len = static_cast<size_t>(n);
+  return h;
+}
+
 // The last resort when cJSON cannot allocate: the document without data.
 char *PrintBare(const ZEPH_RES_PARAM &res) {
-  char text[64];
-  const int n = std::snprintf(text, sizeof text, "{\"type\":%" PRId32 ",\"code\":%" PRId64 "}",
-                              static_cast<int32_t>(res.command), res.code);
-  auto *copy = static_cast<char *>(cJSON_malloc(static_cast<size_t>(n) + 1));
-  if (copy != nullptr) std::memcpy(copy, text, static_cast<size_t>(n) + 1);
+  const Head head = HeadOf(res);
+  const char *text = head.text;
+  const size_t n = head.len;
+  auto *copy = static_cast<char *>(cJSON_malloc(n + 1));
+  if (copy != nullptr) std::memcpy(copy, text, n + 1);
   return copy;
 }
 
@@ -243,9 +257,9 @@ bool NeedsNoEscape(std::string_view text) {
 // {"type":..,"code":..} with the string `data` spliced in as it is, the text
 // cJSON would print for it, without its per-character copy of replies that
 // are mostly data.
-char *SpliceData(const char *head, std::string_view data) {
+char *SpliceData(const Head &head, std::string_view data) {
   static constexpr std::string_view kKey = ",\"data\":\"", kEnd = "\"}";
-  const std::string_view members(head, std::strlen(head) - 1);  // without '}'
+  const std::string_view members(head.text, head.len - 1);  // without '}'
   auto *out = static_cast<char *>(cJSON_malloc(members.size() + kKey.size() + data.size() + kEnd.size() + 1));
   if (out == nullptr) return nullptr;
   char *at = out;
@@ -263,9 +277,9 @@ char *PrintResponse(const ZEPH_RES_PARAM &res) {
   if (cJSON_AddNumberToObject(doc.get(), "code", static_cast<double>(res.code)) == nullptr) return nullptr;
   // PIN verification reports its retry count on failure too.
   if (res.data != nullptr && (res.code == 0 || res.command == 101)) {
-    if (const std::string_view text(res.data); res.kind != kDataObject && NeedsNoEscape(text)) {
-      const JsonTextPtr head(cJSON_PrintUnformatted(doc.get()));
-      return head ? SpliceData(head.get(), text) : nullptr;
+    if (const std::string_view text(res.data, res.length);
+        res.kind == kDataPlain || (res.kind != kDataObject && NeedsNoEscape(text))) {
+      return SpliceData(HeadOf(res), text);
     }
     cJSON *data = nullptr;
     if (res.kind == kDataObject) data = cJSON_Parse(res.data);

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <string_view>
+#include <vector>
 
 #include "ci/ci_internal.hpp"
 #include "foundation/json_owned.hpp"
@@ -15,17 +17,44 @@ namespace {
 
 constexpr uint32_t kKeySnTooLong = 0xFFFFFFFFu;
 
+// The request's members in document order, looked up by name as cJSON does
+// (the first member of that name), lengths compared first: some fifty names
+// are asked for, and a request holds a handful of members.
+class Members {
+ public:
+  explicit Members(const cJSON *object) {
+    const cJSON *item = nullptr;
+    cJSON_ArrayForEach(item, object) {
+      if (item->string == nullptr) break;  // where cJSON's lookup stops too
+      list_.push_back({item->string, item});
+    }
+  }
+  const cJSON *Find(std::string_view key) const {
+    for (const Member &m : list_) {
+      if (m.name == key) return m.item;
+    }
+    return nullptr;
+  }
+
+ private:
+  struct Member {
+    std::string_view name;
+    const cJSON *item;
+  };
+  std::vector<Member> list_;
+};
+
 // Several names for one field: the first key present wins, whatever its type.
-const cJSON *First(const cJSON *root, std::initializer_list<const char *> keys) {
+const cJSON *First(const Members &root, std::initializer_list<const char *> keys) {
   for (const char *key : keys) {
-    if (const cJSON *item = cJSON_GetObjectItemCaseSensitive(root, key); item != nullptr) return item;
+    if (const cJSON *item = root.Find(key); item != nullptr) return item;
   }
   return nullptr;
 }
 
 // Numbers by their integer value; true/false as 1/0 so "isRaw":true reads
 // naturally. Anything else leaves the field zero. True when a value was read.
-bool ReadNumber(const cJSON *root, std::initializer_list<const char *> keys, uint32_t *field) {
+bool ReadNumber(const Members &root, std::initializer_list<const char *> keys, uint32_t *field) {
   const cJSON *item = First(root, keys);
   if (cJSON_IsNumber(item)) {
     *field = static_cast<uint32_t>(item->valueint);
@@ -38,7 +67,7 @@ bool ReadNumber(const cJSON *root, std::initializer_list<const char *> keys, uin
 }
 
 template <size_t N>
-uint32_t ReadText(const cJSON *root, std::initializer_list<const char *> keys, Text<N> *field,
+uint32_t ReadText(const Members &root, std::initializer_list<const char *> keys, Text<N> *field,
                   uint32_t too_long = ERR_INVALID_PARAMETER) {
   const char *s = cJSON_GetStringValue(First(root, keys));
   if (s == nullptr) return 0;
@@ -62,8 +91,8 @@ uint32_t DecodeBase64Into(const char *text, uint8_t *out, uint32_t cap, uint32_t
 }
 
 template <size_t N>
-uint32_t ReadBlob(const cJSON *root, const char *key, Blob<N> *field) {
-  const char *s = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(root, key));
+uint32_t ReadBlob(const Members &root, const char *key, Blob<N> *field) {
+  const char *s = cJSON_GetStringValue(root.Find(key));
   if (s == nullptr) return 0;
   // A second key may decode into the same field: it holds only the last value.
   OPENSSL_cleanse(field->bytes, N);
@@ -74,7 +103,7 @@ uint32_t ReadBlob(const cJSON *root, const char *key, Blob<N> *field) {
 // Owned text, allocated at its length plus one and zero-filled. Strings are
 // copied; objects (where allowed) are kept as their unformatted JSON text;
 // any other type leaves the field empty.
-uint32_t ReadOwned(const cJSON *root, std::initializer_list<const char *> keys, bool objects, char **field,
+uint32_t ReadOwned(const Members &root, std::initializer_list<const char *> keys, bool objects, char **field,
                    uint32_t *field_len) {
   const cJSON *item = First(root, keys);
   JsonTextPtr printed;
@@ -120,7 +149,7 @@ uint32_t ParseRequest(const char *text, ZEPH_REQ_PARAM *req) {
   if (text == nullptr) return ERR_JSON_INVALID;
   WipedJsonPtr doc(cJSON_Parse(text));
   if (!doc || !cJSON_IsObject(doc.get())) return ERR_JSON_INVALID;
-  const cJSON *root = doc.get();
+  const Members root(doc.get());
 
   ReadNumber(root, {"type"}, &req->command);
   ReadNumber(root, {"devType"}, &req->devType);

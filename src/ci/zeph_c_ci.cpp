@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string_view>
 
 #include "ci/ci_internal.hpp"
@@ -154,6 +155,55 @@ Head HeadOf(const ZEPH_RES_PARAM &res) {
   return h;
 }
 
+// Base64 and most other data texts hold no character that JSON escapes:
+// control characters, '"' and '\\'. Eight bytes at a time, with the word
+// tricks of strlen: x - 0x20 in every byte borrows where a byte is below 0x20,
+// and a byte equal to c is a zero byte of x ^ c.
+bool NeedsNoEscape(std::string_view text) {
+  constexpr uint64_t kOnes = 0x0101010101010101u, kHigh = 0x8080808080808080u;
+  const auto any_below = [](uint64_t x, uint64_t n) { return (x - kOnes * n) & ~x & kHigh; };
+  uint64_t hit = 0;
+  size_t i = 0;
+  for (; i + 8 <= text.size(); i += 8) {
+    uint64_t x;
+    std::memcpy(&x, text.data() + i, 8);
+    hit |= any_below(x, 0x20) | any_below(x ^ (kOnes * '"'), 1) | any_below(x ^ (kOnes * '\\'), 1);
+  }
+  for (; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    hit |= (c < 0x20) | (c == '"') | (c == '\\');
+  }
+  return hit == 0;
+}
+
+// A reply that is its head with the data text spliced in as it is, where
+// that is the text cJSON would print: no per-character copy of replies that
+// are mostly data.
+struct Spliced {
+  Head head;
+  std::string_view data;
+};
+
+// PIN verification reports its retry count on failure too.
+bool HasData(const ZEPH_RES_PARAM &res) { return res.data != nullptr && (res.code == 0 || res.command == 101); }
+
+std::optional<Spliced> Splice(const ZEPH_RES_PARAM &res) {
+  if (!HasData(res) || res.kind == kDataObject) return std::nullopt;
+  const std::string_view text(res.data, res.length);
+  if (res.kind != kDataPlain && !NeedsNoEscape(text)) return std::nullopt;
+  return Spliced{HeadOf(res), text};
+}
+
+size_t SplicedSize(const Spliced &s) { return s.head.len + s.data.size() + 10; }  // ,"data":" and "
+
+// Writes the reply and its terminator: SplicedSize + 1 bytes.
+void WriteSpliced(const Spliced &s, char *out) {
+  static constexpr std::string_view kKey = ",\"data\":\"", kEnd = "\"}";
+  const std::string_view members(s.head.text, s.head.len - 1);  // without '}'
+  for (const std::string_view part : {members, kKey, s.data, kEnd}) out = std::copy(part.begin(), part.end(), out);
+  *out = '\0';
+}
+
 // The last resort when cJSON cannot allocate: the document without data.
 char *PrintBare(const ZEPH_RES_PARAM &res) {
   const Head head = HeadOf(res);
@@ -171,11 +221,15 @@ struct Reply {
   ~Reply() { ReleaseResponse(&res); }
 };
 
-void Run(const char *request, Reply *reply) {
-  Dispatch(request, &reply->res);
+void Print(Reply *reply) {
   reply->text.reset(PrintResponse(reply->res));
   if (!reply->text) reply->text.reset(PrintBare(reply->res));
   if (reply->text) ZEPH_LOG(reply->text.get(), reply->res.code);
+}
+
+void Run(const char *request, Reply *reply) {
+  Dispatch(request, &reply->res);
+  Print(reply);
 }
 
 }  // namespace
@@ -197,9 +251,19 @@ uint32_t SetData(ZEPH_RES_PARAM *res, std::string_view text, uint32_t kind) {
   if (copy == nullptr) return ERR_OUT_OF_MEMORY;
   if (!text.empty()) std::memcpy(copy, text.data(), text.size());
   copy[text.size()] = '\0';
-  ZEPH_C_MALLOC_FREE(res->data);
+  ReleaseResponse(res);
   res->data = copy;
   res->length = static_cast<uint32_t>(text.size());
+  res->kind = kind;
+  return 0;
+}
+
+uint32_t AdoptData(ZEPH_RES_PARAM *res, std::string &&text, uint32_t kind) {
+  if (text.size() >= UINT32_MAX) return ERR_INVALID_PARAMETER;
+  ReleaseResponse(res);
+  res->adopted = std::move(text);
+  res->data = res->adopted.data();
+  res->length = static_cast<uint32_t>(res->adopted.size());
   res->kind = kind;
   return 0;
 }
@@ -231,56 +295,17 @@ void Dispatch(const char *request, ZEPH_RES_PARAM *res) {
   RunHandler(handler, &scope.req, res);
 }
 
-namespace {
-
-// Base64 and most other data texts hold no character that JSON escapes:
-// control characters, '"' and '\\'. Eight bytes at a time, with the word
-// tricks of strlen: x - 0x20 in every byte borrows where a byte is below 0x20,
-// and a byte equal to c is a zero byte of x ^ c.
-bool NeedsNoEscape(std::string_view text) {
-  constexpr uint64_t kOnes = 0x0101010101010101u, kHigh = 0x8080808080808080u;
-  const auto any_below = [](uint64_t x, uint64_t n) { return (x - kOnes * n) & ~x & kHigh; };
-  uint64_t hit = 0;
-  size_t i = 0;
-  for (; i + 8 <= text.size(); i += 8) {
-    uint64_t x;
-    std::memcpy(&x, text.data() + i, 8);
-    hit |= any_below(x, 0x20) | any_below(x ^ (kOnes * '"'), 1) | any_below(x ^ (kOnes * '\\'), 1);
-  }
-  for (; i < text.size(); ++i) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    hit |= (c < 0x20) | (c == '"') | (c == '\\');
-  }
-  return hit == 0;
-}
-
-// {"type":..,"code":..} with the string `data` spliced in as it is, the text
-// cJSON would print for it, without its per-character copy of replies that
-// are mostly data.
-char *SpliceData(const Head &head, std::string_view data) {
-  static constexpr std::string_view kKey = ",\"data\":\"", kEnd = "\"}";
-  const std::string_view members(head.text, head.len - 1);  // without '}'
-  auto *out = static_cast<char *>(cJSON_malloc(members.size() + kKey.size() + data.size() + kEnd.size() + 1));
-  if (out == nullptr) return nullptr;
-  char *at = out;
-  for (const std::string_view part : {members, kKey, data, kEnd}) at = std::copy(part.begin(), part.end(), at);
-  *at = '\0';
-  return out;
-}
-
-}  // namespace
-
 char *PrintResponse(const ZEPH_RES_PARAM &res) {
+  if (const auto spliced = Splice(res)) {
+    auto *out = static_cast<char *>(cJSON_malloc(SplicedSize(*spliced) + 1));
+    if (out != nullptr) WriteSpliced(*spliced, out);
+    return out;
+  }
   JsonPtr doc(cJSON_CreateObject());
   if (!doc) return nullptr;
   if (cJSON_AddNumberToObject(doc.get(), "type", static_cast<int32_t>(res.command)) == nullptr) return nullptr;
   if (cJSON_AddNumberToObject(doc.get(), "code", static_cast<double>(res.code)) == nullptr) return nullptr;
-  // PIN verification reports its retry count on failure too.
-  if (res.data != nullptr && (res.code == 0 || res.command == 101)) {
-    if (const std::string_view text(res.data, res.length);
-        res.kind == kDataPlain || (res.kind != kDataObject && NeedsNoEscape(text))) {
-      return SpliceData(HeadOf(res), text);
-    }
+  if (HasData(res)) {
     cJSON *data = nullptr;
     if (res.kind == kDataObject) data = cJSON_Parse(res.data);
     if (data == nullptr) data = cJSON_CreateString(res.data);
@@ -291,7 +316,8 @@ char *PrintResponse(const ZEPH_RES_PARAM &res) {
 }
 
 void ReleaseResponse(ZEPH_RES_PARAM *res) {
-  ZEPH_C_MALLOC_FREE(res->data);
+  if (res->data != res->adopted.data()) ZEPH_C_MALLOC_FREE(res->data);
+  res->adopted = std::string();
   res->data = nullptr;
   res->length = 0;
 }
@@ -305,7 +331,16 @@ extern "C" {
 ZEPH_API uint32_t ZEPH_C_CI(const char *request, char *out_response) {
   zeph::Guarded([&]() -> uint32_t {
     Reply reply;
-    zeph::ci::Run(request, &reply);
+    zeph::ci::Dispatch(request, &reply.res);
+    // With nobody logging the reply, one that is mostly a data text goes
+    // into the caller's buffer in one copy.
+    if (out_response != nullptr && !zeph::LogEnabled()) {
+      if (const auto spliced = zeph::ci::Splice(reply.res)) {
+        zeph::ci::WriteSpliced(*spliced, out_response);
+        return 0;
+      }
+    }
+    zeph::ci::Print(&reply);
     // Compat: the response is written without a capacity (the host sizes it
     // for the largest reply it asks for) and the call always returns 0: the
     // outcome is the document's "code".
@@ -334,8 +369,7 @@ ZEPH_API uint32_t ZEPH_C_CI_Ex(const char *request, char *out_response, uint32_t
       return 0;
     }
     if (out_response != nullptr && capacity > 0) {
-      zeph::ci::ZEPH_RES_PARAM bare = reply.res;
-      bare.data = nullptr;
+      const zeph::ci::ZEPH_RES_PARAM bare{reply.res.command, reply.res.code, 0, nullptr, reply.res.kind};
       const zeph::JsonTextPtr shorter(zeph::ci::PrintResponse(bare));
       const size_t n = shorter ? std::strlen(shorter.get()) + 1 : 0;
       if (n != 0 && n <= capacity) {

@@ -155,33 +155,45 @@ Head HeadOf(const ZEPH_RES_PARAM &res) {
   return h;
 }
 
-// Base64 and most other data texts hold no character that JSON escapes:
-// control characters, '"' and '\\'. Eight bytes at a time, with the word
-// tricks of strlen: x - 0x20 in every byte borrows where a byte is below 0x20,
-// and a byte equal to c is a zero byte of x ^ c.
-bool NeedsNoEscape(std::string_view text) {
-  constexpr uint64_t kOnes = 0x0101010101010101u, kHigh = 0x8080808080808080u;
-  const auto any_below = [](uint64_t x, uint64_t n) { return (x - kOnes * n) & ~x & kHigh; };
-  uint64_t hit = 0;
-  size_t i = 0;
-  for (; i + 8 <= text.size(); i += 8) {
-    uint64_t x;
-    std::memcpy(&x, text.data() + i, 8);
-    hit |= any_below(x, 0x20) | any_below(x ^ (kOnes * '"'), 1) | any_below(x ^ (kOnes * '\\'), 1);
+// A data text as cJSON writes it inside a JSON string: \\" \\\\ \\b \\f \\n \\r \\t,
+// the other control characters as \\u00xx, every other byte as it is. Runs
+// without any of them (most of a text) are copied whole.
+template <class Put>
+void Escape(std::string_view text, Put put) {
+  static constexpr char kShort[] = "btn\0fr";  // \b \t \n, \f \r (8 to 13 but 11)
+  while (!text.empty()) {
+    const size_t run = PlainJsonRun(text);
+    put(text.substr(0, run));
+    if (run == text.size()) return;
+    const auto c = static_cast<unsigned char>(text[run]);
+    char esc[6] = {'\\', static_cast<char>(c), 0, 0, 0, 0};
+    size_t n = 2;
+    if (c >= 8 && c <= 13 && c != 11) {
+      esc[1] = kShort[c - 8];
+    } else if (c < 0x20) {
+      static constexpr char kHex[] = "0123456789abcdef";
+      esc[1] = 'u', esc[2] = '0', esc[3] = '0', esc[4] = kHex[c >> 4], esc[5] = kHex[c & 15];
+      n = 6;
+    }
+    put(std::string_view(esc, n));
+    text.remove_prefix(run + 1);
   }
-  for (; i < text.size(); ++i) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    hit |= (c < 0x20) | (c == '"') | (c == '\\');
-  }
-  return hit == 0;
 }
 
-// A reply that is its head with the data text spliced in as it is, where
-// that is the text cJSON would print: no per-character copy of replies that
-// are mostly data.
+size_t EscapedSize(std::string_view text) {
+  size_t n = 0;
+  Escape(text, [&n](std::string_view part) { n += part.size(); });
+  return n;
+}
+
+// A reply that is its head with the data string written after it, the text
+// cJSON would print, without its character loop and growing buffer for
+// replies that are mostly data.
 struct Spliced {
   Head head;
   std::string_view data;
+  bool escaped;  // false: nothing in it needs escaping
+  size_t data_size;
 };
 
 // PIN verification reports its retry count on failure too.
@@ -189,18 +201,26 @@ bool HasData(const ZEPH_RES_PARAM &res) { return res.data != nullptr && (res.cod
 
 std::optional<Spliced> Splice(const ZEPH_RES_PARAM &res) {
   if (!HasData(res) || res.kind == kDataObject) return std::nullopt;
-  const std::string_view text(res.data, res.length);
-  if (res.kind != kDataPlain && !NeedsNoEscape(text)) return std::nullopt;
-  return Spliced{HeadOf(res), text};
+  std::string_view text(res.data, res.length);
+  if (res.kind == kDataPlain) return Spliced{HeadOf(res), text, false, text.size()};
+  text = text.substr(0, text.find('\0'));  // a C string to cJSON
+  if (PlainJsonRun(text) == text.size()) return Spliced{HeadOf(res), text, false, text.size()};
+  return Spliced{HeadOf(res), text, true, EscapedSize(text)};
 }
 
-size_t SplicedSize(const Spliced &s) { return s.head.len + s.data.size() + 10; }  // ,"data":" and "
+size_t SplicedSize(const Spliced &s) { return s.head.len + s.data_size + 10; }  // ,"data":" and "
 
 // Writes the reply and its terminator: SplicedSize + 1 bytes.
 void WriteSpliced(const Spliced &s, char *out) {
-  static constexpr std::string_view kKey = ",\"data\":\"", kEnd = "\"}";
-  const std::string_view members(s.head.text, s.head.len - 1);  // without '}'
-  for (const std::string_view part : {members, kKey, s.data, kEnd}) out = std::copy(part.begin(), part.end(), out);
+  const auto put = [&out](std::string_view part) { out = std::copy(part.begin(), part.end(), out); };
+  put(std::string_view(s.head.text, s.head.len - 1));  // without '}'
+  put(",\"data\":\"");
+  if (s.escaped) {
+    Escape(s.data, put);
+  } else {
+    put(s.data);
+  }
+  put("\"}");
   *out = '\0';
 }
 

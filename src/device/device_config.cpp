@@ -53,13 +53,14 @@ uint32_t ReadConfigFile() {
 uint32_t CurrentConfigText(std::string *out) {
   uint32_t rv = 0;
   std::string before;
+  const bool logging = zeph::LogEnabled();  // every device call passes here
   {
     std::lock_guard<std::mutex> lock(f_cfg_mutex);
-    before = f_cfg;
+    if (logging) before = f_cfg;
     if (f_cfg[0] == '\0') rv = ReadConfigFile();
     out->assign(f_cfg);  // up to the first terminator: an old tail may follow
   }
-  ZEPH_LOG(before.c_str(), 0);
+  if (logging) ZEPH_LOG(before.c_str(), 0);
   return rv;
 }
 

@@ -164,17 +164,16 @@ class Flat {
     Key(key);
     s_ += '"';
     // Runs of plain characters go in whole: base64 is one run.
-    size_t run = 0;
-    for (size_t i = 0; i < value.size(); ++i) {
-      const auto u = static_cast<unsigned char>(value[i]);
-      if (u >= 0x20 && u != '"' && u != '\\') continue;
-      s_.append(value.substr(run, i - run));
-      run = i + 1;
+    while (!value.empty()) {
+      const size_t run = PlainJsonRun(value);
+      s_.append(value.substr(0, run));
+      if (run == value.size()) break;
+      const auto u = static_cast<unsigned char>(value[run]);
       char esc[8];
       std::snprintf(esc, sizeof esc, u < 0x20 ? "\\u%04x" : "\\%c", u);
       s_ += esc;
+      value.remove_prefix(run + 1);
     }
-    s_.append(value.substr(run));
     s_ += '"';
     return *this;
   }

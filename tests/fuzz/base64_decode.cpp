@@ -1,15 +1,29 @@
 // Both base64 decoders on arbitrary text: zeph::Base64Decode (with
-// zeph_c_utils_b64tohex2 over it) and the block decoder File_PEMDecode.
+// zeph_c_utils_b64tohex2 over it) and the block decoder File_PEMDecode; and
+// every encoder path this CPU runs on the same bytes, against OpenSSL's.
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include <openssl/evp.h>
 
 #include "foundation/helpers.hpp"
 #include "zeph_c_utils.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string text(reinterpret_cast<const char *>(data), size);  // terminated copy
+
+  // Exactly sized (text and terminator): a write past them is caught.
+  std::vector<unsigned char> want(zeph::Base64Length(size) + 1);
+  const int want_len = EVP_EncodeBlock(want.data(), data, static_cast<int>(size));
+  for (const zeph::Base64Encoder *encoder : zeph::Base64EncodersOnThisCpu()) {
+    std::vector<char> got(want.size());
+    if (encoder->encode(data, size, got.data()) != static_cast<size_t>(want_len) ||
+        std::memcmp(got.data(), want.data(), want.size()) != 0) {
+      std::abort();
+    }
+  }
 
   unsigned char *decoded = nullptr;
   const int n = zeph::Base64Decode(text.c_str(), &decoded);

@@ -1,4 +1,5 @@
-// Type detection, pictures and details on arbitrary bytes, with capacities
+// Type detection (the exported checks and the one for seals read from a
+// key), pictures and details on arbitrary bytes, with capacities
 // the input picks: nothing is written past a stated capacity, and a picture
 // that fits is the one the length query announced.
 #include <cstddef>
@@ -6,6 +7,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "seal/seal_store.hpp"
 #include "zeph_c_seal.h"
 #include "zeph_c_status.h"
 
@@ -37,6 +39,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const int32_t type = chkSealType(data, len);
   const int32_t type_ex = chkSealTypeEx(data, len);
   if ((type == ZEPH_SEAL_TYPE_SES || type == ZEPH_SEAL_TYPE_GB) && type_ex != type) std::abort();
+  // Seals read from a key are typed by the in-place reader first: where the
+  // structures decode the bytes, it must come to their answer.
+  const int32_t stored = zeph::seal::DerSealType({data, size});
+  if ((type_ex == ZEPH_SEAL_TYPE_SES || type_ex == ZEPH_SEAL_TYPE_GB) && stored != type_ex) std::abort();
 
   const uint32_t capacity = size == 0 ? 0 : data[size - 1] * 64u;
   for (const PictureFn picture : kPictures) {

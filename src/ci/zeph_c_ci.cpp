@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
@@ -149,9 +150,16 @@ struct Head {
 };
 Head HeadOf(const ZEPH_RES_PARAM &res) {
   Head h;
-  const int n = std::snprintf(h.text, sizeof h.text, "{\"type\":%" PRId32 ",\"code\":%" PRId64 "}",
-                              static_cast<int32_t>(res.command), res.code);
-  h.len = static_cast<size_t>(n);
+  char *at = h.text;
+  char *const end = h.text + sizeof h.text;
+  const auto put = [&at](std::string_view part) { at = std::copy(part.begin(), part.end(), at); };
+  put("{\"type\":");
+  at = std::to_chars(at, end, static_cast<int32_t>(res.command)).ptr;
+  put(",\"code\":");
+  at = std::to_chars(at, end, res.code).ptr;
+  put("}");
+  *at = '\0';
+  h.len = static_cast<size_t>(at - h.text);
   return h;
 }
 

@@ -68,13 +68,23 @@ size_t EncodePortable(const uint8_t *in, size_t n, char *out) {
 #if ZEPH_GM_X86
 ZEPH_TARGET_BEGIN("avx2")
 
-// 24 input bytes, twelve in each 128-bit lane, to their 32 six-bit values,
-// one per byte in text order.
-inline __m256i SplitSixBits(__m256i in) {
+// Where each lane's twelve bytes stand: from byte 0 of both lanes, or from
+// byte 4 of the low lane (a load from four bytes before them).
+inline __m256i SpreadFrom0() {
+  return _mm256_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10, 1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9,
+                          11, 10);
+}
+inline __m256i SpreadFrom4() {
+  return _mm256_setr_epi8(5, 4, 6, 5, 8, 7, 9, 8, 11, 10, 12, 11, 14, 13, 15, 14, 1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7,
+                          10, 9, 11, 10);
+}
+
+// 24 input bytes, twelve in each 128-bit lane where `spread_mask` finds
+// them, to their 32 six-bit values, one per byte in text order.
+inline __m256i SplitSixBits(__m256i in, __m256i spread_mask) {
   // Each group (a, b, c) becomes the little-endian words b a | c b, so that
   // a's and b's bits stand in the low half and b's and c's in the high half.
-  const __m256i spread = _mm256_shuffle_epi8(in, _mm256_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10, 1,
-                                                                  0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10));
+  const __m256i spread = _mm256_shuffle_epi8(in, spread_mask);
   // First and third values: shifted down to bits 0 and 16 by a high multiply.
   const __m256i first_third =
       _mm256_mulhi_epu16(_mm256_and_si256(spread, _mm256_set1_epi32(0x0FC0FC00)), _mm256_set1_epi32(0x04000040));
@@ -102,12 +112,18 @@ inline __m256i ToAlphabet(__m256i values) {
 size_t EncodeAvx2(const uint8_t *in, size_t n, char *out) {
   size_t done = 0;
   char *to = out;
-  // Each step reads 28 bytes (two 16-byte loads, twelve used from each) and
-  // consumes 24.
+  // The first step reads 28 bytes (two 16-byte loads, twelve used from
+  // each); the others read 32 from four bytes before the next 24, which the
+  // spread finds at 4..15 of the low lane and 0..11 of the high one.
+  if (n >= 28) {
+    const __m256i block =
+        _mm256_loadu2_m128i(reinterpret_cast<const __m128i *>(in + 12), reinterpret_cast<const __m128i *>(in));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(to), ToAlphabet(SplitSixBits(block, SpreadFrom0())));
+    done = 24, to += 32;
+  }
   for (; n - done >= 28; done += 24, to += 32) {
-    const __m256i block = _mm256_loadu2_m128i(reinterpret_cast<const __m128i *>(in + done + 12),
-                                              reinterpret_cast<const __m128i *>(in + done));
-    _mm256_storeu_si256(reinterpret_cast<__m256i *>(to), ToAlphabet(SplitSixBits(block)));
+    const __m256i block = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + done - 4));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(to), ToAlphabet(SplitSixBits(block, SpreadFrom4())));
   }
   return static_cast<size_t>(to - out) + EncodePortable(in + done, n - done, to);
 }

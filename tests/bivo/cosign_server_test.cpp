@@ -1,8 +1,9 @@
 // The reference co-signing service through real HTTP on 127.0.0.1, with the
-// library's client-side mathematics as the client: keys, signatures that
-// OpenSSL verifies, decryption of OpenSSL's ciphertexts, the RSA split, a
-// store that survives kill -9 and bad requests. Its test faults as the client
-// meets them: tests/integration (cosign rows).
+// library's client-side mathematics as the client: concurrent signers whose
+// signatures OpenSSL verifies, a store that survives kill -9, the RSA split
+// and bad requests. Signing, decryption, HTTPS and the test faults through
+// the co-signing client: CosignClient here, and the cosign rows of
+// tests/integration.
 #include "cosign_server.hpp"
 
 #include <string>
@@ -103,51 +104,6 @@ Bytes Sign(const CosignServer &server, const Sm2Key &key, const Bytes &msg, uint
   if (rv != nullptr) *rv = status;
   sig.resize(status == 0 ? sig_len : 0);
   return sig;
-}
-
-// Decrypts in two parties through the service; empty with *rv on failure.
-Bytes Decrypt(const CosignServer &server, const Sm2Key &key, const Bytes &cipher, uint32_t *rv) {
-  Bytes T1(65), C1(65), C2(cipher.size()), C3(32);
-  uint32_t c2_len = Len(C2);
-  EXPECT_EQ(BIVO_Client_CreatePlaintextShare(cipher.data(), Len(cipher), key.d1_inv.data(), T1.data(), C1.data(),
-                                             C2.data(), &c2_len, C3.data()),
-            0u);
-  const Posted posted = Post(server, "BIVODecrypt", R"({"containerID":")" + key.id + R"(","t1":")" + B64(T1) + R"("})");
-  const Bytes T2 = ResultValue(posted, "t2");
-  Bytes plain(c2_len);
-  *rv = T2.size() == 65
-            ? BIVO_Client_CombinePlaintextShares(C1.data(), C2.data(), c2_len, C3.data(), T2.data(), plain.data())
-            : 0xFFFFFFFFu;
-  if (*rv != 0) plain.clear();
-  return plain;
-}
-
-TEST(CosignServer, Sm2KeySignDecryptAgainstOpenSsl) {
-  CosignServer server;
-  EXPECT_EQ(Post(server, "BIVOInit", "{}").body, R"({"status":200})");
-  const Sm2Key key = CreateKey(server);
-  ASSERT_EQ(key.verified, 0u);
-  for (const Bytes &msg : {Bytes{}, RandomBytes(1, 1), RandomBytes(5000, 2)}) {
-    const Bytes sig = Sign(server, key, msg);
-    ASSERT_FALSE(sig.empty());
-    EXPECT_TRUE(OpenSslVerifies(key.P, msg, sig));
-  }
-  EVP_PKEY *pkey = zeph_test::Sm2PointKey(key.P);
-  for (size_t len : {1, 32, 1000}) {
-    const Bytes plain = RandomBytes(len, static_cast<uint32_t>(len));
-    uint32_t rv = 1;
-    EXPECT_EQ(Decrypt(server, key, zeph_test::Encrypt(pkey, plain), &rv), plain);
-    EXPECT_EQ(rv, 0u);
-  }
-  EVP_PKEY_free(pkey);
-}
-
-TEST(CosignServer, ServesHttpsWithCertAndKey) {
-  CosignServer server({}, "/", true);
-  ASSERT_EQ(zeph::http::SetTrustFile(zeph_test::TestPki::Get().ca.c_str()), 0u);
-  const Sm2Key key = CreateKey(server);
-  zeph::http::SetTrustFile(nullptr);
-  EXPECT_EQ(key.verified, 0u);
 }
 
 TEST(CosignServer, ConcurrentClientsShareOneServer) {

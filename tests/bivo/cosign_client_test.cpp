@@ -77,7 +77,7 @@ class CosignClient : public ::testing::Test {
   Bytes Sign(const Bytes &msg, uint32_t *rv) {
     Bytes sig(72, 0xEE);
     uint32_t len = 72;
-    *rv = ZEPH_C_BIVO_DoSignature(ctx.get(), msg.data(), static_cast<uint32_t>(msg.size()), sig.data(), &len);
+    *rv = ZEPH_C_BIVO_DoSignature(ctx.get(), msg.data(), Len(msg), sig.data(), &len);
     sig.resize(*rv == 0 ? len : 72);
     return sig;
   }
@@ -104,9 +104,8 @@ TEST_F(CosignClient, SignsAndDecryptsForOpenSsl) {
     const Bytes plain = zeph_test::RandomBytes(45, 2);
     const Bytes cipher = zeph_test::Encrypt(pub, plain);
     Bytes out(cipher.size());
-    uint32_t len = static_cast<uint32_t>(out.size());
-    ASSERT_EQ(ZEPH_C_BIVO_SM2Decrypt(ctx.get(), cipher.data(), static_cast<uint32_t>(cipher.size()), out.data(), &len),
-              0u);
+    uint32_t len = Len(out);
+    ASSERT_EQ(ZEPH_C_BIVO_SM2Decrypt(ctx.get(), cipher.data(), Len(cipher), out.data(), &len), 0u);
     EXPECT_EQ(Bytes(out.begin(), out.begin() + len), plain);
   }
   EVP_PKEY_free(pub);
@@ -116,8 +115,8 @@ TEST_F(CosignClient, SignsAndDecryptsForOpenSsl) {
 TEST_F(CosignClient, ShareIsTheDocumentedSeal) {
   Bytes pub(65), hash(32), d1(32), d1_inv(32);
   uint32_t pub_len = 65, hash_len = 32, d1_len = 32, inv_len = 32;
-  ASSERT_EQ(l_bivo_ResloveParm(key.share.data(), static_cast<uint32_t>(key.share.size()), pub.data(), &pub_len,
-                               hash.data(), &hash_len, d1.data(), &d1_len, d1_inv.data(), &inv_len),
+  ASSERT_EQ(l_bivo_ResloveParm(key.share.data(), Len(key.share), pub.data(), &pub_len, hash.data(), &hash_len,
+                               d1.data(), &d1_len, d1_inv.data(), &inv_len),
             0);
   EXPECT_EQ(pub, key.pub);
   const Bytes k = zeph_test::Sm3({kPin, Bytes({'D', 'E', 'V', '-', '0', '0', '0', '1'})});
@@ -144,35 +143,30 @@ TEST_F(CosignClient, ShareIsTheDocumentedSeal) {
 
 TEST_F(CosignClient, PinOperations) {
   const Bytes wrong = {'6', '5', '4', '3', '2', '1'};
-  Ctx fresh;
+  Ctx fresh, other_device;
   ASSERT_EQ(Open("", &fresh), 0u);
-  const auto verify = [&](ZEPH_BIVO_CTX *c, const Bytes &pin, const Bytes &share, const char *device = nullptr) {
-    Ctx other;
-    if (device != nullptr) {
-      EXPECT_EQ(Open("", &other, device), 0u);
-      c = other.get();
-    }
-    return ZEPH_C_BIVO_VerifyUserPin(c, pin.data(), static_cast<uint32_t>(pin.size()), share.data(),
-                                     static_cast<uint32_t>(share.size()));
+  ASSERT_EQ(Open("", &other_device, R"({"DeviceNumber":"DEV-0002"})"), 0u);
+  const auto verify = [](const Ctx &c, const Bytes &pin, const Bytes &share) {
+    return ZEPH_C_BIVO_VerifyUserPin(c.get(), pin.data(), Len(pin), share.data(), Len(share));
   };
-  EXPECT_EQ(verify(fresh.get(), wrong, key.share), ERR_PIN_VERIFY_FAILED);
-  EXPECT_EQ(verify(fresh.get(), kPin, key.share, R"({"DeviceNumber":"DEV-0002"})"), ERR_PIN_VERIFY_FAILED);
-  EXPECT_EQ(verify(fresh.get(), kPin, Bytes(key.share.begin(), key.share.end() - 1)), ERR_INVALID_PARAMETER);
+  EXPECT_EQ(verify(fresh, wrong, key.share), ERR_PIN_VERIFY_FAILED);
+  EXPECT_EQ(verify(other_device, kPin, key.share), ERR_PIN_VERIFY_FAILED);
+  EXPECT_EQ(verify(fresh, kPin, Bytes(key.share.begin(), key.share.end() - 1)), ERR_INVALID_PARAMETER);
   // A refused secret leaves the context without a key.
   uint8_t sig[72];
   uint32_t len = sizeof sig;
   EXPECT_EQ(ZEPH_C_BIVO_DoSignature(fresh.get(), sig, 1, sig, &len), ERR_COSIGN_FAILED);
 
   Bytes resealed(key.share.size());
-  uint32_t n = static_cast<uint32_t>(resealed.size());
-  ASSERT_EQ(ZEPH_C_BIVO_ChangeUserPin(fresh.get(), kPin.data(), 6, wrong.data(), 6, key.share.data(),
-                                      static_cast<uint32_t>(key.share.size()), resealed.data(), &n),
+  uint32_t n = Len(resealed);
+  ASSERT_EQ(ZEPH_C_BIVO_ChangeUserPin(fresh.get(), kPin.data(), 6, wrong.data(), 6, key.share.data(), Len(key.share),
+                                      resealed.data(), &n),
             0u);
-  EXPECT_EQ(verify(fresh.get(), kPin, resealed), ERR_PIN_VERIFY_FAILED);
-  EXPECT_EQ(verify(fresh.get(), wrong, resealed), 0u);
+  EXPECT_EQ(verify(fresh, kPin, resealed), ERR_PIN_VERIFY_FAILED);
+  EXPECT_EQ(verify(fresh, wrong, resealed), 0u);
   n = 10;
-  EXPECT_EQ(ZEPH_C_BIVO_ChangeUserPin(fresh.get(), wrong.data(), 6, kPin.data(), 6, resealed.data(),
-                                      static_cast<uint32_t>(resealed.size()), resealed.data(), &n),
+  EXPECT_EQ(ZEPH_C_BIVO_ChangeUserPin(fresh.get(), wrong.data(), 6, kPin.data(), 6, resealed.data(), Len(resealed),
+                                      resealed.data(), &n),
             ERR_BUFFER_TOO_SMALL);
   EXPECT_EQ(n, key.share.size());
 }
@@ -188,7 +182,7 @@ TEST_F(CosignClient, ContextWithoutAKeyOrServiceSendsNothing) {
 
   // Short outputs of a key creation are refused before the service is asked.
   Bytes pub(65), share(key.share.size());
-  uint32_t pub_len = 64, share_len = static_cast<uint32_t>(share.size());
+  uint32_t pub_len = 64, share_len = Len(share);
   char id[65];
   EXPECT_EQ(ZEPH_C_BIVO_CreateKeyPair(fresh.get(), kPin.data(), 6, pub.data(), &pub_len, id, share.data(), &share_len),
             0xFFFFFFFFu);
@@ -300,9 +294,7 @@ TEST_F(CosignClient, RefusesWhatTheServiceSends) {
     } else if (method == "BIVODecrypt") {
       Bytes out(20, 0xEE);
       uint32_t len = 20;
-      EXPECT_EQ(
-          ZEPH_C_BIVO_SM2Decrypt(ctx.get(), cipher.data(), static_cast<uint32_t>(cipher.size()), out.data(), &len),
-          c.status);
+      EXPECT_EQ(ZEPH_C_BIVO_SM2Decrypt(ctx.get(), cipher.data(), Len(cipher), out.data(), &len), c.status);
       EXPECT_EQ(out, Bytes(20, 0xEE));
     } else {
       Key k;
@@ -332,7 +324,7 @@ TEST_F(CosignClient, CertificateRequests) {
   uint32_t len = 0;
   ASSERT_EQ(ZEPH_C_BIVO_GenCSR(ctx.get(), "CN=co-signed,O=zeph", nullptr, &len), 0u);
   EXPECT_GT(len, 200u);
-  len = static_cast<uint32_t>(csr.size());
+  len = Len(csr);
   ASSERT_EQ(ZEPH_C_BIVO_GenCSR(ctx.get(), "/CN=co-signed/O=zeph", csr.data(), &len), 0u);
   const unsigned char *p = csr.data();
   X509_REQ *req = d2i_X509_REQ(nullptr, &p, len);
@@ -341,14 +333,14 @@ TEST_F(CosignClient, CertificateRequests) {
   X509_NAME_oneline(X509_REQ_get_subject_name(req), subject, sizeof subject);
   EXPECT_STREQ(subject, "/CN=co-signed/O=zeph");
   X509_REQ_free(req);
-  len = static_cast<uint32_t>(csr.size());
+  len = Len(csr);
   EXPECT_EQ(ZEPH_C_BIVO_GenCSR(ctx.get(), "CN", csr.data(), &len), ERR_INVALID_PARAMETER);
 }
 
 // A wrong PIN, and a service share that does not complete the signature.
 TEST_F(CosignClient, RsaSplitRefusals) {
   Bytes pub(1024), share(2048);
-  uint32_t pub_len = static_cast<uint32_t>(pub.size()), share_len = static_cast<uint32_t>(share.size());
+  uint32_t pub_len = Len(pub), share_len = Len(share);
   char id[65] = {};
   ASSERT_EQ(
       ZEPH_C_BIVO_RSACreateKeyPair(ctx.get(), kPin.data(), 6, 0, pub.data(), &pub_len, id, share.data(), &share_len),
@@ -358,8 +350,8 @@ TEST_F(CosignClient, RsaSplitRefusals) {
   const auto sign = [&](const Bytes &pin, Bytes *sig) {
     sig->assign(256, 0xEE);
     uint32_t n = 256;
-    return ZEPH_C_BIVO_RSADoSignature(ctx.get(), pin.data(), static_cast<uint32_t>(pin.size()), share.data(), share_len,
-                                      4, msg.data(), static_cast<uint32_t>(msg.size()), sig->data(), &n);
+    return ZEPH_C_BIVO_RSADoSignature(ctx.get(), pin.data(), Len(pin), share.data(), share_len, 4, msg.data(), Len(msg),
+                                      sig->data(), &n);
   };
   Bytes sig;
   ASSERT_EQ(sign(kPin, &sig), 0u);

@@ -11,6 +11,7 @@
 
 #include "bivo/bivo_client.hpp"
 #include "bivo_reference.hpp"
+#include "client_context.hpp"
 #include "cosign_service.hpp"
 #include "oracle.hpp"
 #include "zeph_c_bivo.h"
@@ -22,36 +23,6 @@ using namespace bivo_test;
 namespace {
 
 using zeph_test::CosignService;
-
-constexpr char kDevice[] = R"({"DeviceNumber":"DEV-0001"})";
-const Bytes kPin = {'1', '2', '3', '4', '5', '6'};
-
-struct CtxDeleter {
-  void operator()(ZEPH_BIVO_CTX *c) const { ZEPH_C_BIVO_Finalize(c); }
-};
-using Ctx = std::unique_ptr<ZEPH_BIVO_CTX, CtxDeleter>;
-
-uint32_t Open(const std::string &url, Ctx *ctx, const char *device = kDevice) {
-  ZEPH_BIVO_CTX *raw = nullptr;
-  const uint32_t rv = ZEPH_C_BIVO_Initialize(&raw, device, static_cast<uint32_t>(std::strlen(device)), url.c_str(),
-                                             static_cast<uint32_t>(url.size()));
-  ctx->reset(raw);
-  return rv;
-}
-
-struct Key {
-  Bytes pub = Bytes(65), share;
-  char id[65] = {};
-};
-
-uint32_t Create(ZEPH_BIVO_CTX *ctx, Key *key) {
-  uint32_t pub_len = 65, share_len = 0;
-  EXPECT_EQ(ZEPH_C_BIVO_CreateKeyPair(ctx, kPin.data(), 6, key->pub.data(), &pub_len, key->id, nullptr, &share_len),
-            0u);
-  key->share.assign(share_len, 0xEE);
-  return ZEPH_C_BIVO_CreateKeyPair(ctx, kPin.data(), 6, key->pub.data(), &pub_len, key->id, key->share.data(),
-                                   &share_len);
-}
 
 Bytes Sm4EcbDecrypt(const uint8_t key[16], const uint8_t *in, size_t n) {
   Bytes out(n + 16);
@@ -74,13 +45,7 @@ class CosignClient : public ::testing::Test {
   }
   void TearDown() override { ZEPH_C_HttpSetTimeouts(0, 0); }
 
-  Bytes Sign(const Bytes &msg, uint32_t *rv) {
-    Bytes sig(72, 0xEE);
-    uint32_t len = 72;
-    *rv = ZEPH_C_BIVO_DoSignature(ctx.get(), msg.data(), Len(msg), sig.data(), &len);
-    sig.resize(*rv == 0 ? len : 72);
-    return sig;
-  }
+  Bytes Sign(const Bytes &msg, uint32_t *rv) { return bivo_test::Sign(ctx.get(), msg, rv); }
 
   CosignService service;
   Ctx ctx;

@@ -1,7 +1,6 @@
-// The reference co-signing service through real HTTP on 127.0.0.1, with the
-// library's client-side mathematics as the client: concurrent signers whose
-// signatures OpenSSL verifies, a store that survives kill -9, the RSA split
-// and bad requests. Signing, decryption, HTTPS and the test faults through
+// The reference co-signing service through real HTTP on 127.0.0.1: concurrent
+// co-signing clients whose signatures OpenSSL verifies, a store that survives
+// kill -9, the RSA split and bad requests. Signing, decryption, HTTPS and the test faults through
 // the co-signing client: CosignClient here, and the cosign rows of
 // tests/integration.
 #include "cosign_server.hpp"
@@ -17,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "bivo_reference.hpp"
+#include "client_context.hpp"
 #include "oracle.hpp"
 #include "pki/http_client.hpp"
 #include "pki/transport.hpp"
@@ -63,60 +63,27 @@ Bytes ResultValue(const Posted &posted, const char *key) {
 std::string Hex(const Bytes &b) { return zeph_test::ToHex(b); }
 std::string B64(const Bytes &b) { return zeph_test::Base64(b); }
 
-struct Sm2Key {
-  Bytes d1 = Bytes(32), d1_inv = Bytes(32), P = Bytes(65), credential;
-  std::string id;
-  uint32_t verified = 1;
-};
-
-Sm2Key CreateKey(const CosignServer &server) {
-  Sm2Key key;
-  Bytes P1(65);
-  EXPECT_EQ(BIVO_Client_CreateKeyShare(key.d1.data(), key.d1_inv.data(), P1.data()), 0u);
-  key.id = Hex(zeph_test::Sm3({key.d1}));
-  const Posted posted = Post(server, "BIVOGenKeyPair",
-                             R"({"containerID":")" + key.id + R"(","p1":")" + B64(P1) + R"(","deviceNumber":"dev-1"})");
-  key.P = ResultValue(posted, "pubKey");
-  key.credential = ResultValue(posted, "credential");
-  if (key.P.size() == 65 && key.credential.size() == 65) {
-    key.verified = BIVO_Client_VerifyKeyShares(key.d1.data(), key.P.data(), key.credential.data());
-  }
+// A key the server holds, made through the co-signing client.
+Key CreateKey(const CosignServer &server) {
+  Ctx ctx;
+  Key key;
+  EXPECT_EQ(Open(server.Url(), &ctx), 0u);
+  EXPECT_EQ(Create(ctx.get(), &key), 0u);
   return key;
-}
-
-// The assembled signature (checked under P), or empty with *rv set.
-Bytes Sign(const CosignServer &server, const Sm2Key &key, const Bytes &msg, uint32_t *rv = nullptr) {
-  Bytes k1(32), e(32), Q1(65);
-  EXPECT_EQ(BIVO_Client_CreateSigShareWithPubKey("1234567812345678", key.P.data(), 65, msg.data(), Len(msg), k1.data(),
-                                                 e.data(), Q1.data()),
-            0u);
-  const Posted posted = Post(
-      server, "BIVOSignature",
-      R"({"containerID":")" + key.id + R"(","q1":")" + B64(Q1) + R"(","digest":")" + B64(e) + R"(","signType":2})");
-  const Bytes r = ResultValue(posted, "r"), s2 = ResultValue(posted, "s2"), s3 = ResultValue(posted, "s3");
-  Bytes sig(72);
-  uint32_t sig_len = 0;
-  const uint32_t status =
-      r.size() == 32 && s2.size() == 32 && s3.size() == 32
-          ? BIVO_Client_AssemblySigEncodeWithPubKey(key.d1.data(), k1.data(), r.data(), s2.data(), s3.data(), e.data(),
-                                                    key.P.data(), 65, sig.data(), &sig_len)
-          : 0xFFFFFFFFu;
-  if (rv != nullptr) *rv = status;
-  sig.resize(status == 0 ? sig_len : 0);
-  return sig;
 }
 
 TEST(CosignServer, ConcurrentClientsShareOneServer) {
   CosignServer server;
-  const Sm2Key key = CreateKey(server);
-  ASSERT_EQ(key.verified, 0u);
+  const Key key = CreateKey(server);
   std::vector<int> good(4, 0);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
+      const Ctx ctx = OpenWithKey(server.Url(), key.share);
       for (int i = 0; i < 5; ++i) {
         const Bytes msg = RandomBytes(64, static_cast<uint32_t>(100 * t + i));
-        good[t] += OpenSslVerifies(key.P, msg, Sign(server, key, msg)) ? 1 : 0;
+        uint32_t rv = 0;
+        good[t] += OpenSslVerifies(key.pub, msg, Sign(ctx.get(), msg, &rv)) ? 1 : 0;
       }
     });
   }
@@ -126,12 +93,12 @@ TEST(CosignServer, ConcurrentClientsShareOneServer) {
 
 TEST(CosignServer, StoreSurvivesKillNine) {
   CosignServer server;
-  const Sm2Key key = CreateKey(server);
-  ASSERT_EQ(key.verified, 0u);
+  const Key key = CreateKey(server);
   server.Kill();  // right after the answer: no clean shutdown, no checkpoint
   server.Start();
   const Bytes msg = {'a', 'f', 't', 'e', 'r'};
-  EXPECT_TRUE(OpenSslVerifies(key.P, msg, Sign(server, key, msg)));
+  uint32_t rv = 0;
+  EXPECT_TRUE(OpenSslVerifies(key.pub, msg, Sign(OpenWithKey(server.Url(), key.share).get(), msg, &rv)));
   struct stat st;
   ASSERT_EQ(stat(server.db().c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
@@ -183,14 +150,13 @@ TEST(CosignServer, RsaSplitSignsForThePublicKey) {
 // One row per refusal: what was posted, the status and the exact message.
 TEST(CosignServer, BadRequestsGetStatusAndMessage) {
   CosignServer server({}, "/cosign/v1/");
-  const Sm2Key key = CreateKey(server);
-  ASSERT_EQ(key.verified, 0u);
-  const std::string id = R"("containerID":")" + key.id + R"(")";
+  const Key key = CreateKey(server);
+  const std::string id = std::string(R"("containerID":")") + key.id + R"(")", cut_id = key.id + 1;
   const std::string other_id = R"("containerID":")" + Hex(RandomBytes(32, 9)) + R"(")";
-  const std::string point = B64(key.P), digest = B64(RandomBytes(32, 3));
-  Bytes off_curve = key.P;
+  const std::string point = B64(key.pub), digest = B64(RandomBytes(32, 3));
+  Bytes off_curve = key.pub;
   off_curve[64] ^= 1;
-  Bytes compressed = key.P;
+  Bytes compressed = key.pub;
   compressed[0] = 0x02;
   const std::string sig_tail = R"(,"q1":")" + point + R"(","digest":")" + digest + R"("})";
   struct Row {
@@ -215,9 +181,9 @@ TEST(CosignServer, BadRequestsGetStatusAndMessage) {
      R"(missing or invalid "signType")"},
     {"BIVOSignature", "{" + id + R"(,"q1":")" + point.substr(1) + R"(","digest":")" + digest + R"("})", 400,
      R"(missing or invalid "q1")"},
-    {"BIVOGenKeyPair", R"({"containerID":")" + key.id.substr(1) + R"(","p1":")" + point + R"(","deviceNumber":"d"})",
+    {"BIVOGenKeyPair", R"({"containerID":")" + cut_id + R"(","p1":")" + point + R"(","deviceNumber":"d"})",
      400, R"(missing or invalid "containerID")"},
-    {"BIVOGenKeyPair", R"({"containerID":"G)" + key.id.substr(1) + R"(","p1":")" + point + R"(","deviceNumber":"d"})",
+    {"BIVOGenKeyPair", R"({"containerID":"G)" + cut_id + R"(","p1":")" + point + R"(","deviceNumber":"d"})",
      400, R"(missing or invalid "containerID")"},
     {"BIVOGenKeyPair", "{" + id + R"(,"p1":")" + point + R"(","deviceNumber":"d"})", 409, "container exists"},
     {"BIVOGenKeyPair", "{" + other_id + R"(,"p1":")" + point + R"(","deviceNumber":")" + std::string(130, 'x') +

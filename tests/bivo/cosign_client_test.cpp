@@ -201,12 +201,12 @@ TEST_F(CosignClient, InitializeStatuses) {
 }
 
 // Every value a service sends is checked before it is used; a refused reply
-// writes nothing and leaves the key where it was.
+// writes nothing and leaves the key where it was. The reference service's own
+// faults (r = 0, a foreign credential or plaintext share, a reply that is not
+// JSON): CosignRows.ServiceFaults in tests/integration.
 TEST_F(CosignClient, RefusesWhatTheServiceSends) {
-  const std::string zero = zeph_test::Base64(Bytes(32, 0)), order = zeph_test::Base64(Ref::N()),
-                    off_curve = zeph_test::Base64(Bytes(65, 1)), one = zeph_test::Base64(Bytes(32, 1));
-  // A sound point that is nobody's answer: the base point.
-  const std::string g = zeph_test::Base64(Ref().Point(Ref::One()));
+  const std::string order = zeph_test::Base64(Ref::N()), off_curve = zeph_test::Base64(Bytes(65, 1)),
+                    one = zeph_test::Base64(Bytes(32, 1));
   struct Case {
     const char *what, *method, *field;
     std::string value;  // "-": remove the field
@@ -216,7 +216,6 @@ TEST_F(CosignClient, RefusesWhatTheServiceSends) {
   };
   // clang-format off
   const Case cases[] = {
-      {"r zero", "BIVOSignature", "r", zero, "", 200, ERR_COSIGN_FAILED},
       {"r = n", "BIVOSignature", "r", order, "", 200, ERR_COSIGN_FAILED},
       {"s2 of 33 bytes", "BIVOSignature", "s2", zeph_test::Base64(Bytes(33, 1)), "", 200, ERR_COSIGN_FAILED},
       {"s2 of 31 bytes", "BIVOSignature", "s2", zeph_test::Base64(Bytes(31, 1)), "", 200, ERR_COSIGN_FAILED},
@@ -226,13 +225,10 @@ TEST_F(CosignClient, RefusesWhatTheServiceSends) {
       {"status 500", "BIVOSignature", "", "", R"({"status":500,"message":"x"})", 200, ERR_HTTP_FAILED},
       {"HTTP 404", "BIVOSignature", "", "", R"({"status":404,"message":"x"})", 404, ERR_HTTP_FAILED},
       {"result not JSON", "BIVOSignature", "", "", R"({"status":200,"result":"r=1"})", 200, ERR_JSON_INVALID},
-      {"reply not JSON", "BIVOSignature", "", "", "garbage", 200, ERR_JSON_INVALID},
       {"reply too large", "BIVOSignature", "", "", std::string(2000, ' ') + "{}", 200, ERR_HTTP_FAILED},
       {"t2 off the curve", "BIVODecrypt", "t2", off_curve, "", 200, ERR_COSIGN_FAILED},
-      {"t2 a wrong point", "BIVODecrypt", "t2", g, "", 200, 21},
       {"pubKey of 64 bytes", "BIVOGenKeyPair", "pubKey", zeph_test::Base64(Bytes(64, 4)), "", 200, ERR_COSIGN_FAILED},
       {"credential off the curve", "BIVOGenKeyPair", "credential", off_curve, "", 200, ERR_COSIGN_FAILED},
-      {"credential of another key", "BIVOGenKeyPair", "credential", g, "", 200, 12},
   };
   // clang-format on
   EVP_PKEY *pub = zeph_test::Sm2PointKey(key.pub);

@@ -18,8 +18,7 @@
 #include "bivo_reference.hpp"
 #include "client_context.hpp"
 #include "oracle.hpp"
-#include "pki/http_client.hpp"
-#include "pki/transport.hpp"
+#include "zeph_c_pki.h"
 #include "zeph_c_status.h"
 
 using namespace bivo_test;
@@ -28,24 +27,23 @@ namespace {
 
 using zeph_test::CosignServer;
 
+// The HTTP status (0: none) and body of the server's answer.
 struct Posted {
-  uint32_t rv = 0;
   int status = 0;
   std::string body;
 };
 
-Posted Post(const CosignServer &server, const std::string &method, const std::string &body) {
-  zeph::http::Target target;
-  EXPECT_EQ(zeph::http::ParseUrl(server.Url(method).c_str(), &target), 0u);
-  zeph::http::Reply reply;
+Posted Post(const std::string &url, const std::string &body) {
   Posted out;
-  zeph::http::Request request;
-  request.content_type = "application/json";
-  request.body = {reinterpret_cast<const uint8_t *>(body.data()), body.size()};
-  out.rv = zeph::http::Exchange(target, request, 1 << 16, &reply);
-  out.status = reply.status;
-  out.body.assign(reply.body.begin(), reply.body.end());
+  std::vector<unsigned char> reply(1 << 16);
+  uint32_t len = Len(reply);
+  ZEPH_C_HttpPostEx(url.c_str(), "application/json", reinterpret_cast<const unsigned char *>(body.data()),
+                    static_cast<uint32_t>(body.size()), reply.data(), &len, &out.status);
+  out.body.assign(reply.begin(), reply.begin() + len);
   return out;
+}
+Posted Post(const CosignServer &server, const std::string &method, const std::string &body) {
+  return Post(server.Url(method), body);
 }
 
 // The base64 value of `key` in the "result" text of a 200 answer.
@@ -205,14 +203,7 @@ TEST(CosignServer, BadRequestsGetStatusAndMessage) {
     cJSON_Delete(root);
   }
   // Outside the base path nothing is served.
-  zeph::http::Target target;
-  ASSERT_EQ(zeph::http::ParseUrl(("http://127.0.0.1:" + std::to_string(server.port()) + "/BIVOInit").c_str(), &target),
-            0u);
-  zeph::http::Reply reply;
-  zeph::http::Request request;
-  request.body = {reinterpret_cast<const uint8_t *>("{}"), 2};
-  zeph::http::Exchange(target, request, 1024, &reply);
-  EXPECT_EQ(reply.status, 404);
+  EXPECT_EQ(Post("http://127.0.0.1:" + std::to_string(server.port()) + "/BIVOInit", "{}").status, 404);
 }
 
 }  // namespace

@@ -20,7 +20,6 @@ namespace reader = zeph::seal::reader;
 
 namespace {
 
-const char *const kSm2Sm3 = "1.2.156.10197.1.501";
 const std::string kSm2Opts = " -rawin -digest sm3 -pkeyopt distid:1234567812345678";
 
 class SealInterop : public ::testing::Test {
@@ -37,18 +36,9 @@ class SealInterop : public ::testing::Test {
   }
 
   static std::string Path(const std::string &name) { return dir_->file(name); }
-  static int Shell(const std::string &script) {
-    return std::system(("cd '" + dir_->path().string() + "' && ( " + script + " ) >/dev/null 2>&1").c_str());
-  }
-  static std::string Capture(const std::string &command) {
-    std::string out;
-    zeph_test::Shell("( cd '" + dir_->path().string() + "' && " + command + " 2>/dev/null )", &out);
-    return out;
-  }
-  // `len` by reference: it is read after the call that fills it.
-  static Bytes Built(uint32_t status, const Bytes &buffer, const uint32_t &len) {
-    EXPECT_EQ(status, 0u);
-    return Bytes(buffer.begin(), buffer.begin() + (status == 0 ? len : 0));
+  // Runs script in the folder: its exit code, its standard output into *out when given.
+  static int Shell(const std::string &script, std::string *out = nullptr) {
+    return zeph_test::Shell("cd '" + dir_->path().string() + "' && ( " + script + " ) 2>/dev/null", out);
   }
 
   static zeph_test::TempDir *dir_;
@@ -67,32 +57,18 @@ size_t Offset(const Bytes &in, reader::Bytes part) { return static_cast<size_t>(
 
 TEST_F(SealInterop, SignaturesMadeByOpenSslVerifyHere) {
   const Bytes gb = Sample("gb-v4-user.esl");
-  const Bytes ses = SesSeal();
   const Bytes cert = zeph_test::ReadBytes(Path("cert.der"));
   const Bytes doc = Text("document");
   const Bytes hash = zeph_test::Sm3({doc});
-  Bytes buf(40000);
-  auto len = static_cast<uint32_t>(buf.size());
-  const Bytes gb_tbs = Built(
-      ZEPH_C_GetGBTBSSignData(1, gb.data(), gb.size(), "20210601000000Z", 0, hash.data(), 32, "p", 1, buf.data(), &len),
-      buf, len);
-  len = static_cast<uint32_t>(buf.size());
-  const Bytes when = Text("20210601000000Z");
-  const Bytes ses_tbs = Built(ZEPH_C_GetTBSSignData(1, ses.data(), ses.size(), when.data(), when.size(), hash.data(),
-                                                    32, "p", 1, cert.data(), cert.size(), kSm2Sm3, buf.data(), &len),
-                              buf, len);
+  const Bytes gb_tbs = GbTbs(1, gb, "20210601000000Z", hash, "p");
+  const Bytes ses_tbs = SesTbs(SesSeal(), Text("20210601000000Z"), hash, cert);
   zeph_test::WriteBytes(Path("gb.tbs"), gb_tbs);
   zeph_test::WriteBytes(Path("ses.tbs"), ses_tbs);
   ASSERT_EQ(Shell("for f in gb ses; do openssl pkeyutl -sign -inkey key.pem" + kSm2Opts +
                   " -in $f.tbs -out $f.sig || exit 1; done"),
             0);
-  const Bytes gb_value = zeph_test::ReadBytes(Path("gb.sig"));
-  const Bytes ses_value = zeph_test::ReadBytes(Path("ses.sig"));
 
-  len = static_cast<uint32_t>(buf.size());
-  const Bytes gb_sig = Built(ZEPH_C_GetGBSESSignature(gb_tbs.data(), gb_tbs.size(), gb_value.data(), gb_value.size(),
-                                                      cert.data(), cert.size(), kSm2Sm3, buf.data(), &len),
-                             buf, len);
+  const Bytes gb_sig = GbSig(gb_tbs, zeph_test::ReadBytes(Path("gb.sig")), cert);
   const Bytes any = {1};
   EXPECT_EQ(ZEPH_C_VerifyGBSESSignature(gb.data(), gb.size(), any.data(), 1, any.data(), 1, any.data(), 1, any.data(),
                                         1, gb_sig.data(), gb_sig.size(), 0),
@@ -101,12 +77,8 @@ TEST_F(SealInterop, SignaturesMadeByOpenSslVerifyHere) {
   EXPECT_EQ(Report(gb_sig, doc),
             R"({"makerSignature":true,"signature":true,"sealValidAtSigning":true,"signerInCertList":false,)"
             R"("documentHash":true,"timeStamp":false,"valid":false})");
-
-  len = static_cast<uint32_t>(buf.size());
-  const Bytes ses_sig = Built(
-      ZEPH_C_GetSESSignature(ses_tbs.data(), ses_tbs.size(), ses_value.data(), ses_value.size(), buf.data(), &len), buf,
-      len);
   // The rebuilt SES seal no longer carries a valid maker signature.
+  const Bytes ses_sig = SesSig(ses_tbs, zeph_test::ReadBytes(Path("ses.sig")));
   EXPECT_EQ(Report(ses_sig, doc).substr(0, 41), R"({"makerSignature":false,"signature":true,)");
 }
 
@@ -137,20 +109,14 @@ std::map<size_t, Line> Asn1parse(const std::string &listing) {
 
 TEST_F(SealInterop, BuildersOutputParsesWithFieldsWhereTheReaderFindsThem) {
   const Bytes gb = Sample("gb-v4-user.esl");
-  const Bytes hash(32, 0x42);
-  Bytes buf(40000);
-  auto len = static_cast<uint32_t>(buf.size());
-  const Bytes tbs = Built(ZEPH_C_GetGBTBSSignData(2, gb.data(), gb.size(), "20210601000000Z", 0, hash.data(), 32,
-                                                  "/Doc_0/Signature.xml", 20, buf.data(), &len),
-                          buf, len);
+  const Bytes tbs = GbTbs(2, gb, "20210601000000Z", Bytes(32, 0x42), "/Doc_0/Signature.xml");
   const Signer signer;
   const Bytes value = signer.Sign(tbs);
-  len = static_cast<uint32_t>(buf.size());
-  const Bytes sig = Built(ZEPH_C_GetGBSESSignature(tbs.data(), tbs.size(), value.data(), value.size(),
-                                                   signer.cert.data(), signer.cert.size(), kSm2Sm3, buf.data(), &len),
-                          buf, len);
+  const Bytes sig = GbSig(tbs, value, signer.cert);
   zeph_test::WriteBytes(Path("built.der"), sig);
-  const auto lines = Asn1parse(Capture("openssl asn1parse -inform DER -in built.der"));
+  std::string listing;
+  Shell("openssl asn1parse -inform DER -in built.der", &listing);
+  const auto lines = Asn1parse(listing);
   ASSERT_FALSE(lines.empty());
   const auto view = reader::ReadSignature(sig);
   ASSERT_TRUE(view);

@@ -11,6 +11,8 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
+#include <gtest/gtest.h>
+
 #include "foundation/owned.hpp"
 #include "test_support.hpp"
 #include "zeph_c_seal.h"
@@ -50,6 +52,18 @@ Bytes TlvAt(const Bytes &b, size_t offset);
 std::vector<Bytes> Children(const Bytes &tlv);
 
 inline Bytes Text(const std::string &s) { return Bytes(s.begin(), s.end()); }
+inline constexpr char kSm2Sm3[] = "1.2.156.10197.1.501";
+
+// fn(out, &len) on a 40,000-byte buffer: the bytes written, after a zero status.
+template <typename F>
+Bytes Out(F fn) {
+  Bytes out(40000);
+  auto len = static_cast<uint32_t>(out.size());
+  const uint32_t status = fn(out.data(), &len);
+  EXPECT_EQ(status, 0u);
+  out.resize(status == 0 ? len : 0);
+  return out;
+}
 inline Bytes Bits(const Bytes &octets) { return Tlv(0x03, {{0x00}, octets}); }
 
 // An SES seal that decodes as SESeal: the SES sample with its certificates
@@ -69,8 +83,14 @@ struct Signer {
   Bytes cert;
 };
 
-// The GB signature of `seal` (GB DER) by `signer` over `hash`, built with
-// the library's builders.
+// The library's builders, SM2-with-SM3: data to sign (SES with property "p")
+// and the signature around a value.
+Bytes GbTbs(uint32_t version, const Bytes &seal, const char *time, const Bytes &hash, const std::string &property);
+Bytes GbSig(const Bytes &tbs, const Bytes &value, const Bytes &cert);
+Bytes SesTbs(const Bytes &seal, const Bytes &time, const Bytes &hash, const Bytes &cert);
+Bytes SesSig(const Bytes &tbs, const Bytes &value);
+
+// The GB signature of `seal` (GB DER) by `signer` over `hash`.
 Bytes GbSignature(const Signer &signer, const Bytes &seal, const Bytes &hash, const char *time = "20210101000000Z");
 
 }  // namespace seal_test

@@ -53,9 +53,11 @@ TEST(SealAsn1, EveryTypeRoundTripsOnRealBytes) {
   const Bytes tbs = SesTbs(ses, Bytes(8, 0x11), hash, signer.cert);
   const Bytes ses_sig = SesSig(tbs, hash);
 
+  const Bytes real_sig = Sample("gb-v4-signature.dat");
   const struct {
     const char *type;
     Bytes der;
+    bool decodes = true;
   } cases[] = {
       {"GBSESeal", gb},
       {"GBSESeal", gif},  // extensions, two of them with an explicit FALSE
@@ -79,37 +81,27 @@ TEST(SealAsn1, EveryTypeRoundTripsOnRealBytes) {
       {"VORLI_ExtData_structure", TlvAt(gif, 7495)},
       {"TBS_Sign", tbs},
       {"SES_Signature", ses_sig},
+      // The families keep apart; real SES seals wrap their certificates,
+      // which the declared list refuses.
+      {"SESeal", gb, false},
+      {"GBSESeal", ses, false},
+      {"SESeal", v1, false},
+      {"GBSESeal", v1, false},
+      {"SESeal", real_sig, false},
+      {"GBSESeal", real_sig, false},
+      {"GBSES_Signature", real_sig, false},  // its timeInfo is a GeneralizedTime
   };
   std::set<std::string> covered;
   for (const auto &c : cases) {
     Bytes again;
     ASSERT_NE(Of(c.type), nullptr) << c.type;
-    EXPECT_TRUE(Of(c.type)(c.der, &again)) << c.type;
-    EXPECT_EQ(again, c.der) << c.type;
+    EXPECT_EQ(Of(c.type)(c.der, &again), c.decodes) << c.type;
+    if (c.decodes) {
+      EXPECT_EQ(again, c.der) << c.type;
+    }
     covered.insert(c.type);
   }
   EXPECT_EQ(covered.size(), std::size(kTypes));
-}
-
-TEST(SealAsn1, FamiliesDoNotDecodeAsEachOther) {
-  const struct {
-    const char *what;
-    Bytes der;
-    bool ses, gb;
-  } cases[] = {
-      {"GB seal", Sample("gb-v4-user.esl"), false, true},
-      {"SES seal", SesSeal(), true, false},
-      // Real SES seals wrap their certificates: the specified list refuses them.
-      {"SES sample", Sample("ses-v1-user.esl"), false, false},
-      {"GB signature", Sample("gb-v4-signature.dat"), false, false},
-  };
-  for (const auto &c : cases) {
-    Bytes again;
-    EXPECT_EQ(Of("SESeal")(c.der, &again), c.ses) << c.what;
-    EXPECT_EQ(Of("GBSESeal")(c.der, &again), c.gb) << c.what;
-  }
-  Bytes again;
-  EXPECT_FALSE(Of("GBSES_Signature")(Sample("gb-v4-signature.dat"), &again)) << "timeInfo is GeneralizedTime there";
 }
 
 TEST(SealAsn1, CertificateListChoiceKeepsItsAlternativesApart) {

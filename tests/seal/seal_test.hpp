@@ -1,5 +1,5 @@
 // Shared pieces of the seal tests: the sample files, DER built by hand, an
-// SES seal the specified templates accept, and an SM2 signer made with
+// SES seal the declared templates accept, and an SM2 signer made with
 // OpenSSL.
 #pragma once
 

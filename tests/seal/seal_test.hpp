@@ -52,6 +52,8 @@ Bytes TlvAt(const Bytes &b, size_t offset);
 std::vector<Bytes> Children(const Bytes &tlv);
 
 inline Bytes Text(const std::string &s) { return Bytes(s.begin(), s.end()); }
+inline Bytes Bits(const Bytes &octets) { return Tlv(0x03, {{0x00}, octets}); }
+
 inline constexpr char kSm2Sm3[] = "1.2.156.10197.1.501";
 
 // fn(out, &len) on a 40,000-byte buffer: the bytes written, after a zero status.
@@ -64,7 +66,6 @@ Bytes Out(F fn) {
   out.resize(status == 0 ? len : 0);
   return out;
 }
-inline Bytes Bits(const Bytes &octets) { return Tlv(0x03, {{0x00}, octets}); }
 
 // An SES seal that decodes as SESeal: the SES sample with its certificates
 // inline rather than wrapped (so its maker signature no longer holds).

@@ -24,22 +24,12 @@ struct Bn {
 }  // namespace
 
 TEST(BivoHandle, LifecycleAndBytesFromTheGenerator) {
-  const Bytes entropy = RandomBytes(300, 1);
-  const struct {
-    const unsigned char *entropy;
-    uint32_t len, status;
-  } cases[] = {{entropy.data(), 255, BIVO_ERR_SHORT_ENTROPY},
-               {entropy.data(), 0, BIVO_ERR_ZERO},
-               {nullptr, 256, BIVO_ERR_NULL_POINTER},
-               {entropy.data(), 256, 0},
-               {entropy.data(), 300, 0}};
-  for (const auto &c : cases) {
-    BIVO_HANDLE_CELL stale{};
-    BIVO_HANDLE h = &stale;  // must be overwritten
-    EXPECT_EQ(InitializeBivoHandle(&h, c.entropy, c.len), c.status) << c.len;
-    EXPECT_EQ(h == nullptr, c.status != 0);
-    EXPECT_EQ(c.status == 0 ? UninitializeBivoHandle(h) : 0u, 0u);
-  }
+  // The generator's entropy statuses pass through (Drbg.EntropyLimits has them all).
+  const Bytes entropy = RandomBytes(256, 1);
+  BIVO_HANDLE_CELL stale{};
+  BIVO_HANDLE h = &stale;  // must be overwritten
+  EXPECT_EQ(InitializeBivoHandle(&h, entropy.data(), 255), BIVO_ERR_SHORT_ENTROPY);
+  EXPECT_EQ(h, nullptr);
   EXPECT_EQ(InitializeBivoHandle(nullptr, entropy.data(), 256), BIVO_ERR_NULL_POINTER);
   EXPECT_EQ(UninitializeBivoHandle(nullptr), BIVO_ERR_NULL_POINTER);
 

@@ -137,6 +137,20 @@ class SoftkeyTest : public zeph_test::SoftkeyFixture {
   int seq_ = 0;
 };
 
+inline uint32_t Len(const Bytes &b) { return static_cast<uint32_t>(b.size()); }
+
+// A call of the output protocol made as hosts make it: null asks for the
+// length, then the buffer is filled. Its status; the bytes in *out.
+template <class Fn, class... Args>
+uint32_t Out(Bytes *out, Fn fn, Args... args) {
+  uint32_t len = 0;
+  uint32_t rv = fn(args..., nullptr, &len);
+  out->assign(len, 0);
+  if (rv == 0) rv = fn(args..., out->data(), &len);
+  out->resize(rv == 0 ? len : 0);
+  return rv;
+}
+
 // An API handle that is finalised and released however the test ends.
 struct Handle {
   explicit Handle(const std::string &key_sn, uint32_t *status = nullptr) {

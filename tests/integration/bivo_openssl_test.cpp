@@ -27,14 +27,6 @@ const std::string kId = "ALICE123@YAHOO.COM";
 using zeph_it::Len;
 using zeph_it::Name;
 
-// The joint key as a DER SubjectPublicKeyInfo (id-ecPublicKey, the SM2 curve);
-// openssl turns it into PEM.
-Bytes Spki(const uint8_t *point) {
-  Bytes der = zeph_test::FromHex("3059301306072A8648CE3D020106082A811CCF5501822D034200");
-  der.insert(der.end(), point, point + 65);
-  return der;
-}
-
 class BivoOpenSsl : public testing::Test {
  protected:
   // One two-party key; a certificate for it; openssl's ciphertexts to it.
@@ -45,7 +37,7 @@ class BivoOpenSsl : public testing::Test {
              BIVO_Server_CreateKeyShare(P1, d2_, d2_inv_, P_) == 0 &&
              BIVO_Server_CreateKeyShareCredential(d2_inv_, credential) == 0 &&
              BIVO_Client_VerifyKeyShares(d1_, P_, credential) == 0;
-    WriteBytes(File("joint.der"), Spki(P_));
+    WriteBytes(File("joint.der"), zeph_it::Sm2Spki({P_, P_ + 65}));  // openssl turns it into PEM
     std::string script =
         "openssl pkey -pubin -inform DER -in joint.der -out joint.pem && "
         "openssl ecparam -name SM2 -genkey -noout -out ca.key && "

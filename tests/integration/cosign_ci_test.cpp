@@ -25,17 +25,6 @@ using ci_test::Signed;
 
 using ci_test::Member;
 
-// A 65-byte SM2 point as DER SubjectPublicKeyInfo.
-zeph_test::Bytes Spki(const zeph_test::Bytes &point) {
-  EVP_PKEY *key = zeph_test::Sm2PointKey(point);
-  unsigned char *der = nullptr;
-  const int n = i2d_PUBKEY(key, &der);
-  zeph_test::Bytes out(der, der + (n > 0 ? n : 0));
-  OPENSSL_free(der);
-  EVP_PKEY_free(key);
-  return out;
-}
-
 class CosignRows : public ci_test::SoftKeyCi {
  protected:
   void SetUp() override {
@@ -75,7 +64,7 @@ TEST_F(CosignRows, Sm2RowsAgainstOpenSsl) {
   ASSERT_EQ(created.code, 0) << created.text;
   const std::string id = Member(created.data, "containerID");
   EXPECT_EQ(id.size(), 64u);
-  zeph_test::WriteBytes(dir.file("pub.der"), Spki(ci_test::FromBase64(Member(created.data, "pubKey"))));
+  zeph_test::WriteBytes(dir.file("pub.der"), zeph_it::Sm2Spki(ci_test::FromBase64(Member(created.data, "pubKey"))));
   EXPECT_FALSE(Share().empty());
 
   const zeph_test::Bytes msg = zeph_test::RandomBytes(333, 4);
@@ -177,7 +166,7 @@ TEST_F(CosignRows, ServiceFaults) {
     if (std::string(c.fault).rfind("BIVOGenKeyPair", 0) != 0) {
       const Reply made = Row(R"("type":600)");
       ASSERT_EQ(made.code, 0) << made.text;
-      zeph_test::WriteBytes(dir.file("pub.der"), Spki(ci_test::FromBase64(Member(made.data, "pubKey"))));
+      zeph_test::WriteBytes(dir.file("pub.der"), zeph_it::Sm2Spki(ci_test::FromBase64(Member(made.data, "pubKey"))));
       Openssl("pkeyutl -encrypt -pubin -keyform DER -inkey pub.der -in pub.der -out cipher");
       if (c.row == nullptr)
         row = R"("type":604,"raw":")" + ci_test::Base64(zeph_test::ReadBytes(dir.file("cipher"))) + "\"";

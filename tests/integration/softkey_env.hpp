@@ -150,6 +150,7 @@ uint32_t Out(Bytes *out, Fn fn, Args... args) {
   out->resize(rv == 0 ? len : 0);
   return rv;
 }
+
 // The same for a text output that must succeed and counts its terminator: the text.
 template <class Fn, class... Args>
 std::string OutText(Fn fn, Args... args) {

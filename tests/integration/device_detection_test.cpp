@@ -12,14 +12,7 @@ namespace {
 
 using DetectionTest = SoftkeyTest;
 
-std::string ListText() {
-  uint32_t len = 0;
-  EXPECT_EQ(ZEPH_C_ListPluginDevice(nullptr, &len), 0u);
-  std::string text(len, '\0');
-  EXPECT_EQ(ZEPH_C_ListPluginDevice(text.data(), &len), 0u);
-  text.resize(len - 1);
-  return text;
-}
+std::string ListText() { return OutText(ZEPH_C_ListPluginDevice); }
 
 // The entries, each as printed with its members in order, sorted.
 std::vector<std::string> Entries(const std::string &text) {

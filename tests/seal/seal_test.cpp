@@ -93,20 +93,6 @@ Bytes Signer::Raw(const Bytes &data) const {
   return raw;
 }
 
-Bytes GbTbs(uint32_t version, const Bytes &seal, const char *time, const Bytes &hash, const std::string &property) {
-  return Out([&](uint8_t *out, uint32_t *len) {
-    return getGBTBSSignData(version, seal.data(), seal.size(), time, 0, hash.data(), hash.size(), property.c_str(),
-                            property.size(), out, len);
-  });
-}
-
-Bytes GbSig(const Bytes &tbs, const Bytes &value, const Bytes &cert) {
-  return Out([&](uint8_t *out, uint32_t *len) {
-    return getGBSESSignature(tbs.data(), tbs.size(), value.data(), value.size(), cert.data(), cert.size(), kSm2Sm3, out,
-                             len);
-  });
-}
-
 Bytes SesTbs(const Bytes &seal, const Bytes &time, const Bytes &hash, const Bytes &cert) {
   return Out([&](uint8_t *out, uint32_t *len) {
     return getTBSSignData(1, seal.data(), seal.size(), time.data(), time.size(), hash.data(), hash.size(), "p", 1,
@@ -120,9 +106,16 @@ Bytes SesSig(const Bytes &tbs, const Bytes &value) {
   });
 }
 
-Bytes GbSignature(const Signer &signer, const Bytes &seal, const Bytes &hash, const char *time) {
-  const Bytes tbs = GbTbs(4, seal, time, hash, "/Doc_0/Signature.xml");
-  return GbSig(tbs, signer.Sign(tbs), signer.cert);
+Bytes GbSignature(const Signer &signer, const Bytes &seal, const Bytes &hash) {
+  const Bytes tbs = Out([&](uint8_t *out, uint32_t *len) {
+    return getGBTBSSignData(4, seal.data(), seal.size(), "20210101000000Z", 0, hash.data(), hash.size(),
+                            "/Doc_0/Signature.xml", 20, out, len);
+  });
+  const Bytes value = signer.Sign(tbs);
+  return Out([&](uint8_t *out, uint32_t *len) {
+    return getGBSESSignature(tbs.data(), tbs.size(), value.data(), value.size(), signer.cert.data(), signer.cert.size(),
+                             kSm2Sm3, out, len);
+  });
 }
 
 }  // namespace seal_test

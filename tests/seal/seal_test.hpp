@@ -84,14 +84,13 @@ struct Signer {
   Bytes cert;
 };
 
-// The library's builders, SM2-with-SM3: data to sign (SES with property "p")
-// and the signature around a value.
-Bytes GbTbs(uint32_t version, const Bytes &seal, const char *time, const Bytes &hash, const std::string &property);
-Bytes GbSig(const Bytes &tbs, const Bytes &value, const Bytes &cert);
+// The library's SES builders, SM2-with-SM3: data to sign (property "p") and
+// the signature around a value.
 Bytes SesTbs(const Bytes &seal, const Bytes &time, const Bytes &hash, const Bytes &cert);
 Bytes SesSig(const Bytes &tbs, const Bytes &value);
 
-// The GB signature of `seal` (GB DER) by `signer` over `hash`.
-Bytes GbSignature(const Signer &signer, const Bytes &seal, const Bytes &hash, const char *time = "20210101000000Z");
+// The GB signature of `seal` (GB DER) by `signer` over `hash`, made by the
+// library's builders.
+Bytes GbSignature(const Signer &signer, const Bytes &seal, const Bytes &hash);
 
 }  // namespace seal_test

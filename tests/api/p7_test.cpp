@@ -128,12 +128,15 @@ TEST(P7, Sm2SignBytesBundleOrderAndVerification) {
   EXPECT_EQ(ASN1_INTEGER_get(info->version), 1);
   EXPECT_EQ(Oid(info->contents->ID), ZEPH_OID_SM2_DATA);
   EXPECT_EQ(info->crl, nullptr);
+  // Every truncation fails to decode, and both verifiers refuse it.
+  Bytes content;
   for (size_t n = 0; n < der.size(); n += 7) {
     p = der.data();
     EXPECT_EQ(zeph::Sm2SignPtr(d2i_SM2_Sign(nullptr, &p, static_cast<long>(n))), nullptr) << "cut at " << n;
+    EXPECT_EQ(zeph::p7::VerifySm2Sign({der.data(), n}, {}, &content), ERR_SIGNATURE_INVALID) << n;
+    EXPECT_EQ(zeph::p7::VerifyPkcs7Signed({der.data(), n}, {}, &content), ERR_SIGNATURE_INVALID) << n;
   }
 
-  Bytes content;
   EXPECT_EQ(zeph::p7::VerifySm2Sign(der, {}, &content), 0u);
   EXPECT_EQ(std::string(content.begin(), content.end()), text);
   // Another detached content than the attached one, and every flipped byte
@@ -238,8 +241,12 @@ TEST(P7, EnvelopesOpenWithTheRecipientsKeyOnly) {
   ASSERT_EQ(zeph::p7::Open(env, KeyKind::kSm2, Signer().cert.get(), unwrap, &plain), 0u);
   EXPECT_EQ(std::string(plain.data(), plain.data() + plain.size()), text);
   EXPECT_EQ(zeph::p7::Open(env, KeyKind::kRsa, nullptr, unwrap, &plain), ERR_ENVELOPE_FAILED);
-  // A truncated envelope and one with a flipped content byte do not open.
-  EXPECT_EQ(zeph::p7::Open({env.data(), env.size() - 1}, KeyKind::kSm2, nullptr, unwrap, &plain), ERR_ENVELOPE_FAILED);
+  // No truncation and no envelope with a flipped content byte opens.
+  for (size_t cut = 1; cut <= env.size(); cut += 11) {
+    EXPECT_EQ(zeph::p7::Open({env.data(), env.size() - cut}, KeyKind::kSm2, nullptr, unwrap, &plain),
+              ERR_ENVELOPE_FAILED)
+        << cut;
+  }
   Bytes bad = env;
   bad[bad.size() - 1] ^= 0x80;
   EXPECT_EQ(zeph::p7::Open(bad, KeyKind::kSm2, nullptr, unwrap, &plain), ERR_ENVELOPE_FAILED);

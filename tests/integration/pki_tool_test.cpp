@@ -26,9 +26,6 @@ TEST(PkiTool, StampShowEmbedPostAndHttp) {
   ASSERT_EQ(Shell(zeph + "tsa show " + f("stamped"), &out), 0) << out;
   EXPECT_NE(out.find("status: embedded token\ntime: "), std::string::npos) << out;
   EXPECT_NE(out.find("\npolicy: 1.2.3.4.1\nimprint: sm3 "), std::string::npos) << out;
-  EXPECT_EQ(Shell("openssl cms -verify -binary -inform DER -in " + f("stamped") + " -content " + f("data") +
-                  " -CAfile " + pki.ca + " -purpose any -out /dev/null"),
-            0);
 
   // The same in steps: a reply, shown, then embedded; an OpenSSL query posted.
   ASSERT_EQ(Shell(zeph + "tsa query " + url + "/tsa/tsa_ok/b " + f("sig") + " --alg sha384 --out " + f("reply")), 0);

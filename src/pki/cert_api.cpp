@@ -38,6 +38,19 @@ uint32_t PutString(const std::string &text, char *out, uint32_t *in_out_len) {
   return zeph::PutText(text.c_str(), text.size(), out, in_out_len);
 }
 
+// One text read off a certificate by describe(x509, &text), handed out as text.
+template <class Describe>
+uint32_t PutCertText(const unsigned char *cert, uint32_t cert_len, char *out, uint32_t *in_out_len, Describe describe) {
+  if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
+  return zeph::Guarded([&]() -> uint32_t {
+    zeph::X509Ptr x509;
+    ZEPH_TRY(ReadCertForFields(cert, cert_len, &x509));
+    std::string text;
+    ZEPH_TRY(describe(x509.get(), &text));
+    return PutString(text, out, in_out_len);
+  });
+}
+
 // A copy the caller releases with ZEPH_C_MALLOC_FREE.
 uint32_t HandOut(std::span<const uint8_t> bytes, unsigned char **out, uint32_t *out_len) {
   auto *copy = static_cast<unsigned char *>(std::malloc(bytes.size()));
@@ -92,26 +105,14 @@ ZEPH_API uint32_t ZEPH_C_VerifyCertWithCRL(const unsigned char *cert, uint32_t c
 
 ZEPH_API uint32_t ZEPH_C_GetCertInfo(const unsigned char *cert, uint32_t cert_len, uint32_t item, char *out,
                                      uint32_t *in_out_len) {
-  if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
-  return zeph::Guarded([&]() -> uint32_t {
-    zeph::X509Ptr x509;
-    ZEPH_TRY(ReadCertForFields(cert, cert_len, &x509));
-    std::string text;
-    ZEPH_TRY(zeph::pki::CertItemText(x509.get(), item, &text));
-    return PutString(text, out, in_out_len);
-  });
+  return PutCertText(cert, cert_len, out, in_out_len,
+                     [item](X509 *x509, std::string *text) { return zeph::pki::CertItemText(x509, item, text); });
 }
 
 ZEPH_API uint32_t ZEPH_C_GetCertExtension(const unsigned char *cert, uint32_t cert_len, const char *oid, char *out,
                                           uint32_t *in_out_len) {
-  if (in_out_len == nullptr) return ERR_INVALID_PARAMETER;
-  return zeph::Guarded([&]() -> uint32_t {
-    zeph::X509Ptr x509;
-    ZEPH_TRY(ReadCertForFields(cert, cert_len, &x509));
-    std::string text;
-    ZEPH_TRY(zeph::pki::CertOidText(x509.get(), oid, &text));
-    return PutString(text, out, in_out_len);
-  });
+  return PutCertText(cert, cert_len, out, in_out_len,
+                     [oid](X509 *x509, std::string *text) { return zeph::pki::CertOidText(x509, oid, text); });
 }
 
 ZEPH_API uint32_t ZEPH_C_SplitCertChain(const unsigned char *chain, uint32_t chain_len, char *out_json,

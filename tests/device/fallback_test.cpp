@@ -10,12 +10,10 @@
 
 #include "device/detection.hpp"
 #include "device/vendor_quirks.hpp"
-#include "test_support.hpp"
+#include "softkey_fixture.hpp"
 #include "zeph_c_status.h"
 
 namespace {
-
-#if defined(ZEPH_SOFTKEY_LIB) && defined(ZEPH_SOFTKEY_TOOL)
 
 // "status type library device", "-" for an output left alone.
 std::string Fallback(const char *library) {
@@ -25,13 +23,9 @@ std::string Fallback(const char *library) {
   return std::to_string(rv) + " " + std::to_string(type) + " " + lib + " " + dev;
 }
 
-TEST(FallbackVendor, FirstPresentKeyOrWhyThereIsNone) {
-  zeph_test::TempDir root;
-  setenv("ZEPH_SOFTKEY_ROOT", root.path().c_str(), 1);
-  const auto tool = [&](const std::string &args) {
-    const std::string cmd = std::string("'") + ZEPH_SOFTKEY_TOOL + "' --root '" + root.path().native() + "' " + args;
-    ASSERT_EQ(std::system((cmd + " >/dev/null 2>&1").c_str()), 0) << cmd;
-  };
+using FallbackVendor = zeph_test::SoftkeyFixture;
+
+TEST_F(FallbackVendor, FirstPresentKeyOrWhyThereIsNone) {
   const std::string lib = ZEPH_SOFTKEY_LIB;
   // The fallback unloads its library again; held here, the software key's
   // process-wide state stays reachable as it does under the library table.
@@ -40,20 +34,12 @@ TEST(FallbackVendor, FirstPresentKeyOrWhyThereIsNone) {
 
   EXPECT_EQ(Fallback("/nonexistent/libskf-missing.so"), std::to_string(ERR_NO_DEVICE_LIBRARY) + " 0 - -");
   EXPECT_EQ(Fallback(lib.c_str()), std::to_string(ERR_NO_KEY_FOUND) + " 0 - -");
-  tool("create-device --serial K1");
-  tool("create-device --serial K2");
-  tool("unplug --serial K1");  // listed only among all keys, not the present ones
+  MustTool("create-device --serial K1");
+  MustTool("create-device --serial K2");
+  MustTool("unplug --serial K1");  // listed only among all keys, not the present ones
   EXPECT_EQ(Fallback(lib.c_str()), "0 " + std::to_string(zeph::device::kTypeFallbackVendor) + " " + lib + " K2");
   setenv("ZEPH_SOFTKEY_FAULT", "SKF_EnumDev:*:0x0A000005", 1);
   EXPECT_EQ(Fallback(lib.c_str()), std::to_string(0x0A000005u) + " 0 - -");  // the vendor's status
-  unsetenv("ZEPH_SOFTKEY_FAULT");
-  unsetenv("ZEPH_SOFTKEY_ROOT");
 }
-
-#else
-
-TEST(FallbackVendor, FirstPresentKeyOrWhyThereIsNone) { GTEST_SKIP() << "built without the software key"; }
-
-#endif
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -66,53 +67,62 @@ class Monitor : public zeph_it::SoftkeyTest {
     std::lock_guard<std::mutex> lock(g_seen.m);
     return g_seen.lists.size();
   }
+  // The report after a change, counted in *n: a poll that straddles the
+  // change may see it under some vendors only and report that list first.
+  static std::string Settled(size_t *n, const std::function<bool(const std::string &)> &done) {
+    std::string list = Report(++*n);
+    for (int more = 0; more < 2 && !done(list); ++more) list = Report(++*n);
+    return list;
+  }
   // A few polls go by.
   static void Quiet() { std::this_thread::sleep_for(150ms); }
 };
 
-bool Lists(const std::string &list, const std::string &serial) { return list.find("_" + serial + "\"") != list.npos; }
+// How many vendors list the key: three (ZA, ZT, ZN) once a change settled.
+size_t Listed(const std::string &list, const std::string &serial) {
+  size_t count = 0;
+  for (size_t at = list.find("_" + serial + "\""); at != list.npos; at = list.find("_" + serial + "\"", at + 1))
+    ++count;
+  return count;
+}
+bool Lists(const std::string &list, const std::string &serial) { return Listed(list, serial) != 0; }
 
-TEST_F(Monitor, ReportsEveryChangeOnceUpToTheEmptyList) {
+TEST_F(Monitor, ReportsEveryChangeOnceAcrossARestart) {
   CreateDevice("MONA");
   ASSERT_EQ(startCryptoDeviceMonitor(Record), 0u);
   EXPECT_EQ(startCryptoDeviceMonitor(Record), 1u) << "a second start starts nothing";
   EXPECT_TRUE(Lists(Report(1), "MONA"));
 
-  // Each step changes the list once: one report each, with the list after it.
+  // Each step changes the list: reported, then not again without a change.
   const struct {
     const char *tool;
-    bool a, b;
+    size_t a, b;  // vendors listing MONA, MONB after it
   } steps[] = {
-      {"create-device --serial MONB", true, true},
-      {"unplug --serial MONA", false, true},
-      {"plug --serial MONA", true, true},
-      {"delete-device --serial MONA", false, true},
-      {"delete-device --serial MONB", false, false},
+      {"create-device --serial MONB", 3, 3}, {"unplug --serial MONA", 0, 3},        {"plug --serial MONA", 3, 3},
+      {"delete-device --serial MONA", 0, 3}, {"delete-device --serial MONB", 0, 0},
   };
   size_t n = 1;
   for (const auto &step : steps) {
     SCOPED_TRACE(step.tool);
     Tool(step.tool);
-    const std::string list = Report(++n);
-    EXPECT_EQ(Lists(list, "MONA"), step.a) << list;
-    EXPECT_EQ(Lists(list, "MONB"), step.b) << list;
+    const auto shows = [&](const std::string &l) { return Listed(l, "MONA") == step.a && Listed(l, "MONB") == step.b; };
+    const std::string list = Settled(&n, shows);
+    EXPECT_TRUE(shows(list)) << list;
     Quiet();
     EXPECT_EQ(Reports(), n) << "reported again without a change";
   }
   EXPECT_EQ(Report(n), "[]") << "the last key pulled";
-}
 
-TEST_F(Monitor, TheDigestOutlivesARestart) {
+  // The digest outlives a restart: the same list is not reported again.
   CreateDevice("MONC");
-  ASSERT_EQ(startCryptoDeviceMonitor(Record), 0u);
-  ASSERT_TRUE(Lists(Report(1), "MONC"));
+  ASSERT_EQ(Listed(Settled(&n, [](const std::string &l) { return Listed(l, "MONC") == 3; }), "MONC"), 3u);
   stopCryptoDeviceMonitor();
   WaitEnded();
   ASSERT_EQ(startCryptoDeviceMonitor(Record), 0u);
   Quiet();
-  EXPECT_EQ(Reports(), 1u) << "the same list again after a restart";
+  EXPECT_EQ(Reports(), n);
   CreateDevice("MOND");
-  EXPECT_TRUE(Lists(Report(2), "MOND"));
+  EXPECT_TRUE(Lists(Report(n + 1), "MOND"));
 }
 
 TEST_F(Monitor, StopThenStartAtOnceLeavesTwoThreads) {

@@ -1,30 +1,25 @@
-// Byte helpers for the GM tests and their independent references.
+// Byte helpers, OpenSSL's SM2 keys and the per-path fixture of the GM tests;
+// oracle.hpp is their independent reference.
 #pragma once
 
 #include <cstdint>
 #include <cstdlib>
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "foundation/owned.hpp"
 #include "gm/cpu_path.hpp"
 #include "oracle.hpp"
 #include "test_support.hpp"
 #include "zeph_c_gm.h"
+#include "zeph_c_sm2.h"
 #include "zeph_c_status.h"
 
 namespace gm_test {
 
 using namespace zeph_test;
-
-// The oracle's SM3 and SM4 (tests/support/oracle.hpp) under the names these tests use.
-inline Bytes EvpSm3(const std::vector<Bytes> &parts) { return Sm3(parts); }
-// SM4-ECB or SM4-CBC (iv empty for ECB), with or without PKCS#7 padding, the library's padding rule.
-inline Bytes EvpSm4(const Bytes &in, const Bytes &key, const Bytes &iv, bool pad = false) {
-  return Sm4Encrypt(iv.empty() ? Sm4Mode::kEcb : Sm4Mode::kCbc, pad, key.data(), iv, in);
-}
 
 inline Bytes Text(const std::string &s) { return Bytes(s.begin(), s.end()); }
 inline uint32_t Len(const Bytes &b) { return static_cast<uint32_t>(b.size()); }
@@ -37,6 +32,29 @@ inline Bytes Xor(Bytes a, const Bytes &b) {
   for (size_t i = 0; i < a.size() && i < b.size(); ++i) a[i] ^= b[i];
   return a;
 }
+
+inline zeph::EvpPkeyPtr NewSm2Key() { return zeph::EvpPkeyPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2")); }
+
+// The GM/T 0003 example key, and its identity.
+inline const Bytes kExampleKey = FromHex(
+    "04 09F9DF311E5421A150DD7D161E4BC5C672179FAD1833FC076BB08FF356F35020"
+    "CCEA490CE26775A52DC6EA718CC1AA600AED05FBF35E084A6632F6072DA9AD13");
+inline constexpr char kDefaultId[] = "1234567812345678";
+
+// A module handle seeded from a fixed entropy; equal seeds give equal streams.
+struct Handle {
+  BIVO_HANDLE h = nullptr;
+  explicit Handle(uint32_t seed) {
+    const Bytes entropy = RandomBytes(256, seed);
+    EXPECT_EQ(InitializeBivoHandle(&h, entropy.data(), Len(entropy)), 0u);
+  }
+  ~Handle() { EXPECT_EQ(UninitializeBivoHandle(h), 0u); }
+  Bytes Draw(uint32_t n) {
+    Bytes out(n);
+    EXPECT_EQ(BIVO_generate_random_bytes(h, n, out.data()), 0u);
+    return out;
+  }
+};
 
 // Sanitizer builds run fewer random trials.
 #if defined(__SANITIZE_ADDRESS__)
@@ -64,11 +82,7 @@ class OnEveryPath : public ::testing::TestWithParam<zeph::gm::CpuPath> {
     }
   }
   void TearDown() override {
-    if (saved_.empty()) {
-      unsetenv("ZEPH_CPU");
-    } else {
-      setenv("ZEPH_CPU", saved_.c_str(), 1);
-    }
+    saved_.empty() ? unsetenv("ZEPH_CPU") : setenv("ZEPH_CPU", saved_.c_str(), 1);
     zeph::gm::ReselectGmForTesting();
   }
 
@@ -76,22 +90,10 @@ class OnEveryPath : public ::testing::TestWithParam<zeph::gm::CpuPath> {
   std::string saved_;
 };
 
-}  // namespace gm_test
-
-namespace zeph::gm {
-inline void PrintTo(CpuPath path, std::ostream *os) { *os << CpuPathName(path); }
-}  // namespace zeph::gm
-
-namespace gm_test {
-
-inline std::string PathName(const ::testing::TestParamInfo<zeph::gm::CpuPath> &info) {
-  return zeph::gm::CpuPathName(info.param);
-}
-
 #define GM_ON_EVERY_PATH(Suite)                                                                       \
   INSTANTIATE_TEST_SUITE_P(Paths, Suite,                                                              \
                            ::testing::Values(zeph::gm::CpuPath::kPortable, zeph::gm::CpuPath::kAesni, \
                                              zeph::gm::CpuPath::kAvx2, zeph::gm::CpuPath::kAvx512),   \
-                           gm_test::PathName)
+                           [](const auto &path) { return std::string(zeph::gm::CpuPathName(path.param)); })
 
 }  // namespace gm_test

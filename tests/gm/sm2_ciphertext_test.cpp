@@ -4,11 +4,10 @@
 #include "gm/sm2_ciphertext.hpp"
 
 #include <cstring>
-#include <functional>
 
 #include <gtest/gtest.h>
 
-#include "sm2_test_util.hpp"
+#include "gm_test_util.hpp"
 #include "zeph_c_api.h"
 
 using namespace gm_test;
@@ -39,11 +38,11 @@ Bytes FromRecord(const Bytes &record) {
 }  // namespace
 
 TEST(Sm2Ciphertext, OpenSslCiphertextsSurviveEveryForm) {
-  const Key key = NewSm2Key();
+  const zeph::EvpPkeyPtr key = NewSm2Key();
   for (uint32_t len : {1u, 100u, 5000u}) {
     SCOPED_TRACE(len);
     const Bytes msg = RandomBytes(len, len);
-    const Bytes der = EvpEncrypt(key.get(), msg);
+    const Bytes der = Encrypt(key.get(), msg);
     ASSERT_FALSE(der.empty());
     sm2::Ciphertext c;
     ASSERT_TRUE(sm2::FromDer(der, &c));
@@ -76,7 +75,7 @@ TEST(Sm2Ciphertext, OpenSslCiphertextsSurviveEveryForm) {
   }
 }
 
-TEST(Sm2Ciphertext, ShortCoordinatesKeepTheirLeadingZeros) {
+TEST(Sm2Ciphertext, ShortCoordinatesKeepTheirLeadingZerosAndLengthRules) {
   sm2::Ciphertext c;
   c.x[2] = 0x7F;  // x = 00 00 7F 00 ..., a 30-byte INTEGER
   c.x[31] = 1;
@@ -89,11 +88,15 @@ TEST(Sm2Ciphertext, ShortCoordinatesKeepTheirLeadingZeros) {
   ASSERT_EQ(record.size(), 103u);
   EXPECT_EQ(ToHex(record.data(), 4), "00007F00");
   EXPECT_EQ(FromRecord(record), der);
+  EXPECT_EQ(BIVO_ComputeSm2CiphertextEncodeLength(100), 212u);
+  EXPECT_EQ(BIVO_ComputeSm2PlaintextLength(106), 0u);
+  EXPECT_EQ(BIVO_ComputeSm2PlaintextLength(107), 1u);
+  EXPECT_EQ(BIVO_ComputeSm2PlaintextLength(0), 0u);
 }
 
 TEST(Sm2Ciphertext, MalformedInputIsRefused) {
-  const Key key = NewSm2Key();
-  const Bytes der = EvpEncrypt(key.get(), RandomBytes(20, 1));
+  const zeph::EvpPkeyPtr key = NewSm2Key();
+  const Bytes der = Encrypt(key.get(), RandomBytes(20, 1));
   uint32_t raw_len = 200;
   Bytes raw(raw_len);
   ASSERT_EQ(BIVO_Sm2CiphertextDerToRaw(der.data(), Len(der), 0, raw.data(), &raw_len), 0u);
@@ -102,7 +105,7 @@ TEST(Sm2Ciphertext, MalformedInputIsRefused) {
 
   sm2::Ciphertext c;
   ASSERT_TRUE(sm2::FromDer(der, &c));
-  auto reencoded = [&](const std::function<void(SM2_Ciphertext_Structure *)> &edit) {
+  auto reencoded = [&](auto edit) {
     zeph::Sm2CiphertextPtr s = sm2::ToStructure(c);
     edit(s.get());
     unsigned char *p = nullptr;
@@ -124,47 +127,32 @@ TEST(Sm2Ciphertext, MalformedInputIsRefused) {
 
   uint8_t out[400];
   uint32_t n = sizeof out;
-  unsigned char *block = nullptr;
-  const uint32_t kFormat = ERR_SM2_CIPHER_FORMAT;
   const struct {
     const char *what;
-    std::function<uint32_t()> call;
+    Bytes der;
+    int order;
     uint32_t status;
-  } cases[] = {
-      {"truncated DER", [&] { return BIVO_Sm2CiphertextDerToRaw(der.data(), Len(der) - 1, 0, out, &n); }, kFormat},
-      {"trailing byte",
-       [&] {
-         Bytes d = Cat({der, {0}});
-         return BIVO_Sm2CiphertextDerToRaw(d.data(), Len(d), 0, out, &n);
-       },
-       kFormat},
-      {"C3 of 3 bytes", [&] { return BIVO_Sm2CiphertextDerToRaw(short_c3.data(), Len(short_c3), 1, out, &n); },
-       kFormat},
-      {"negative x", [&] { return BIVO_Sm2CiphertextDerToRaw(negative_x.data(), Len(negative_x), 0, out, &n); },
-       kFormat},
-      {"x of 33 bytes", [&] { return BIVO_Sm2CiphertextDerToRaw(long_x.data(), Len(long_x), 0, out, &n); }, kFormat},
-      {"unknown order", [&] { return BIVO_Sm2CiphertextDerToRaw(der.data(), Len(der), 2, out, &n); },
-       ERR_INVALID_PARAMETER},
-      {"raw without 04", [&] { return BIVO_Sm2CiphertextRawToDer(no_prefix.data(), Len(no_prefix), 0, out, &n); },
-       kFormat},
-      {"raw of 96 bytes", [&] { return BIVO_Sm2CiphertextRawToDer(raw.data(), 96, 0, out, &n); }, kFormat},
-      {"record of 99 bytes", [&] { return a2d_SM2Cipher(record.data(), 99, &block, &n); }, kFormat},
-      {"CipherLen disagrees", [&] { return a2d_SM2Cipher(bad_record.data(), Len(bad_record), &block, &n); }, kFormat},
-      {"null structure", [&] { return i2a_SM2Cipher2ECCEncryptData(nullptr, &block, &n); }, kFormat},
+  } to_raw[] = {
+      {"truncated DER", Bytes(der.begin(), der.end() - 1), 0, ERR_SM2_CIPHER_FORMAT},
+      {"trailing byte", Cat({der, {0}}), 0, ERR_SM2_CIPHER_FORMAT},
+      {"C3 of 3 bytes", short_c3, 1, ERR_SM2_CIPHER_FORMAT},
+      {"negative x", negative_x, 0, ERR_SM2_CIPHER_FORMAT},
+      {"x of 33 bytes", long_x, 0, ERR_SM2_CIPHER_FORMAT},
+      {"unknown order", der, 2, ERR_INVALID_PARAMETER},
   };
-  for (const auto &row : cases) {
+  for (const auto &row : to_raw) {
     n = sizeof out;
-    EXPECT_EQ(row.call(), row.status) << row.what;
+    EXPECT_EQ(BIVO_Sm2CiphertextDerToRaw(row.der.data(), Len(row.der), row.order, out, &n), row.status) << row.what;
   }
+  n = sizeof out;
+  EXPECT_EQ(BIVO_Sm2CiphertextRawToDer(no_prefix.data(), Len(no_prefix), 0, out, &n), ERR_SM2_CIPHER_FORMAT);
+  EXPECT_EQ(BIVO_Sm2CiphertextRawToDer(raw.data(), 96, 0, out, &n), ERR_SM2_CIPHER_FORMAT);
+  unsigned char *block = nullptr;
+  EXPECT_EQ(a2d_SM2Cipher(record.data(), 99, &block, &n), ERR_SM2_CIPHER_FORMAT);
+  EXPECT_EQ(a2d_SM2Cipher(bad_record.data(), Len(bad_record), &block, &n), ERR_SM2_CIPHER_FORMAT);
+  EXPECT_EQ(i2a_SM2Cipher2ECCEncryptData(nullptr, &block, &n), ERR_SM2_CIPHER_FORMAT);
   const unsigned char *p = short_c3.data();
   zeph::Sm2CiphertextPtr s(d2i_SM2_Ciphertext_Structure(nullptr, &p, Len(short_c3)));
-  EXPECT_EQ(i2a_SM2Cipher2ECCEncryptData(s.get(), &block, &n), kFormat);
+  EXPECT_EQ(i2a_SM2Cipher2ECCEncryptData(s.get(), &block, &n), ERR_SM2_CIPHER_FORMAT);
   EXPECT_EQ(block, nullptr);
-}
-
-TEST(Sm2Ciphertext, LengthRules) {
-  EXPECT_EQ(BIVO_ComputeSm2CiphertextEncodeLength(100), 212u);
-  EXPECT_EQ(BIVO_ComputeSm2PlaintextLength(106), 0u);
-  EXPECT_EQ(BIVO_ComputeSm2PlaintextLength(107), 1u);
-  EXPECT_EQ(BIVO_ComputeSm2PlaintextLength(0), 0u);
 }

@@ -4,75 +4,40 @@
 // against the openssl command line: tests/integration/sm2_openssl_test.cpp.
 #include "gm/sm2_encrypt.hpp"
 
-#include <functional>
-
 #include <openssl/kdf.h>
 
 #include <gtest/gtest.h>
 
 #include "gm/sm2_curve.hpp"
-#include "sm2_test_util.hpp"
+#include "gm_test_util.hpp"
 
 using namespace gm_test;
 namespace sm2 = zeph::gm::sm2;
 
-namespace {
-
-const Bytes kExampleKey = FromHex(
-    "04 09F9DF311E5421A150DD7D161E4BC5C672179FAD1833FC076BB08FF356F35020"
-    "CCEA490CE26775A52DC6EA718CC1AA600AED05FBF35E084A6632F6072DA9AD13");
-const std::string kExampleK = "59276E27D506861A16680F3AD9C02DCCEF3CC1FA3CDBE4CE6D54B80DEAC1BC21";
-const Bytes kExampleCipher = FromHex(
-    "307C 0220 04EBFC718E8D1798620432268E77FEB6415E2EDE0E073C0F4F640ECD2E149A73"
-    "0221 00E858F9D81E5430A57B36DAAB8F950A3C64E6EE6A63094D99283AFF767E124DF0"
-    "0420 59983C18F809E262923C53AEC295D30383B54E39D609D160AFCB1908D0BD8766"
-    "0413 21886CA989CA9C7D58087307CA93092D651EFA");
-const Bytes kExampleMessage = Text("encryption standard");
-
-struct Handle {
-  BIVO_HANDLE h = nullptr;
-  explicit Handle(uint32_t seed) {
-    const Bytes entropy = RandomBytes(256, seed);
-    InitializeBivoHandle(&h, entropy.data(), Len(entropy));
-  }
-  ~Handle() { UninitializeBivoHandle(h); }
-};
-
-// Encrypts into a buffer sized by the length rule; the status and the DER.
-using Encryptor = std::function<uint32_t(const Bytes &msg, uint8_t *out, uint32_t *out_len)>;
-std::pair<uint32_t, Bytes> EncryptSized(const Encryptor &encrypt, const Bytes &msg) {
-  uint32_t n = BIVO_ComputeSm2CiphertextEncodeLength(Len(msg));
-  Bytes out(n);
-  const uint32_t rv = encrypt(msg, out.data(), &n);
-  out.resize(rv == 0 ? n : 0);
-  return {rv, out};
-}
-
-}  // namespace
-
 TEST(Sm2Encrypt, StandardExampleFromFixedAndMixedSources) {
-  const Encryptor plain = [](const Bytes &m, uint8_t *out, uint32_t *n) {
-    return BIVO_Sm2EncryptWithPubKey(m.data(), Len(m), kExampleKey.data(), 65, out, n);
-  };
-  ASSERT_EQ(start_fake_rand(kExampleK.c_str()), 1);
-  const auto fixed = EncryptSized(plain, kExampleMessage);
+  const std::string k = "59276E27D506861A16680F3AD9C02DCCEF3CC1FA3CDBE4CE6D54B80DEAC1BC21";
+  const Bytes cipher = FromHex(
+      "307C 0220 04EBFC718E8D1798620432268E77FEB6415E2EDE0E073C0F4F640ECD2E149A73"
+      "0221 00E858F9D81E5430A57B36DAAB8F950A3C64E6EE6A63094D99283AFF767E124DF0"
+      "0420 59983C18F809E262923C53AEC295D30383B54E39D609D160AFCB1908D0BD8766"
+      "0413 21886CA989CA9C7D58087307CA93092D651EFA");
+  const Bytes msg = Text("encryption standard");
+  const uint32_t capacity = BIVO_ComputeSm2CiphertextEncodeLength(Len(msg));  // the length rule is enough
+  Bytes out(capacity);
+  uint32_t n = capacity;
+  ASSERT_EQ(start_fake_rand(k.c_str()), 1);
+  const uint32_t rv = BIVO_Sm2EncryptWithPubKey(msg.data(), Len(msg), kExampleKey.data(), 65, out.data(), &n);
   ASSERT_EQ(restore_rand(), 1);
-  EXPECT_EQ(fixed.first, 0u);
-  EXPECT_EQ(ToHex(fixed.second), ToHex(kExampleCipher));
-
+  ASSERT_EQ(rv, 0u);
+  EXPECT_EQ(ToHex(out.data(), n), ToHex(cipher));
   // The generator's next 32 bytes XOR the external bytes give k itself.
   Handle probe(7), handle(7);
-  Bytes drawn(32);
-  ASSERT_EQ(BIVO_generate_random_bytes(probe.h, 32, drawn.data()), 0u);
-  const Bytes external = Xor(drawn, FromHex(kExampleK));
-  const auto mixed = EncryptSized(
-      [&](const Bytes &m, uint8_t *out, uint32_t *n) {
-        return BIVO_Sm2EncryptWithPubKeyAndMixedSource(handle.h, external.data(), m.data(), Len(m), kExampleKey.data(),
-                                                       65, out, n);
-      },
-      kExampleMessage);
-  EXPECT_EQ(mixed.first, 0u);
-  EXPECT_EQ(ToHex(mixed.second), ToHex(kExampleCipher));
+  const Bytes external = Xor(probe.Draw(32), FromHex(k));
+  n = capacity;
+  ASSERT_EQ(BIVO_Sm2EncryptWithPubKeyAndMixedSource(handle.h, external.data(), msg.data(), Len(msg), kExampleKey.data(),
+                                                    65, out.data(), &n),
+            0u);
+  EXPECT_EQ(ToHex(out.data(), n), ToHex(cipher));
 }
 
 TEST(Sm2Encrypt, AllZeroKeyStreamDrawsAnotherNonce) {
@@ -85,28 +50,22 @@ TEST(Sm2Encrypt, AllZeroKeyStreamDrawsAnotherNonce) {
     std::copy(candidate.begin(), candidate.end(), k1.b);
     uint8_t t = 1;
     if (!sm2::InRange(k1) || !sm2::Mul(k1, key, &shared)) continue;
-    Bytes z(shared.x, shared.x + 32);
-    z.insert(z.end(), shared.y, shared.y + 32);
-    sm2::Kdf(z, {}, &t, 1);
+    sm2::Kdf(Cat({Bytes(shared.x, shared.x + 32), Bytes(shared.y, shared.y + 32)}), {}, &t, 1);
     if (t == 0) break;
   }
   // Mixed source: each draw is the generator's next 32 bytes XOR the same
   // external bytes, so the first draw can be made k1 and the second foreseen.
   Handle probe(13), handle(13);
-  Bytes d1(32), d2(32);
-  ASSERT_EQ(BIVO_generate_random_bytes(probe.h, 32, d1.data()), 0u);
-  ASSERT_EQ(BIVO_generate_random_bytes(probe.h, 32, d2.data()), 0u);
+  const Bytes d1 = probe.Draw(32), d2 = probe.Draw(32);
   const Bytes external = Xor(d1, Bytes(k1.b, k1.b + 32)), second = Xor(d2, external);
   sm2::Reduce(second.data(), &k2);
   ASSERT_TRUE(sm2::MulBase(k2, &expected_c1));
   const Bytes msg = {0x5A};
-  uint32_t n = 200;
-  Bytes out(n);
+  uint32_t n = 200, raw_len = 200;
+  Bytes out(n), raw(raw_len);
   ASSERT_EQ(BIVO_Sm2EncryptWithPubKeyAndMixedSource(handle.h, external.data(), msg.data(), 1, kExampleKey.data(), 65,
                                                     out.data(), &n),
             0u);
-  uint32_t raw_len = 200;
-  Bytes raw(raw_len);
   ASSERT_EQ(BIVO_Sm2CiphertextDerToRaw(out.data(), n, 0, raw.data(), &raw_len), 0u);
   EXPECT_EQ(ToHex(raw.data() + 1, 32), ToHex(expected_c1.x, 32));
   EXPECT_NE(raw[raw_len - 1], msg[0]);
@@ -121,35 +80,29 @@ TEST(Sm2Encrypt, StatusesAndCapacity) {
   uint32_t n = sizeof out;
   const struct {
     const char *what;
-    std::function<uint32_t()> call;
+    const uint8_t *msg;
+    uint32_t len;
+    const Bytes &key;
+    uint32_t key_len;
+    uint8_t *out;
     uint32_t status;
   } cases[] = {
-      {"null message", [&] { return BIVO_Sm2EncryptWithPubKey(nullptr, 4, kExampleKey.data(), 65, out, &n); }, 1},
-      {"null output", [&] { return BIVO_Sm2EncryptWithPubKey(msg.data(), 40, kExampleKey.data(), 65, nullptr, &n); },
-       1},
-      {"empty message", [&] { return BIVO_Sm2EncryptWithPubKey(msg.data(), 0, kExampleKey.data(), 65, out, &n); }, 9},
-      {"over 2^30 bytes",
-       [&] { return BIVO_Sm2EncryptWithPubKey(msg.data(), (1u << 30) + 1, kExampleKey.data(), 65, out, &n); }, 9},
-      {"key off the curve", [&] { return BIVO_Sm2EncryptWithPubKey(msg.data(), 40, off_curve.data(), 65, out, &n); },
-       9},
-      {"short key", [&] { return BIVO_Sm2EncryptWithPubKey(msg.data(), 40, kExampleKey.data(), 64, out, &n); }, 9},
-      {"no certificate", [&] { return BIVO_Sm2Encrypt(msg.data(), 40, cert.data(), Len(cert), out, &n); }, 5},
-      {"no file", [&] { return BIVO_Sm2EncryptWithCertFile(msg.data(), 40, "/nonexistent/c.der", out, &n); },
-       0xFFFFFFFFu},
-      {"no handle",
-       [&] { return BIVO_Sm2EncryptWithPubKeyAndDrbg(nullptr, msg.data(), 40, kExampleKey.data(), 65, out, &n); }, 1},
-      {"no external bytes",
-       [&] {
-         return BIVO_Sm2EncryptWithPubKeyAndMixedSource(handle.h, nullptr, msg.data(), 40, kExampleKey.data(), 65, out,
-                                                        &n);
-       },
-       1},
+      {"null message", nullptr, 4, kExampleKey, 65, out, 1},
+      {"null output", msg.data(), 40, kExampleKey, 65, nullptr, 1},
+      {"empty message", msg.data(), 0, kExampleKey, 65, out, 9},
+      {"over 2^30 bytes", msg.data(), (1u << 30) + 1, kExampleKey, 65, out, 9},
+      {"key off the curve", msg.data(), 40, off_curve, 65, out, 9},
+      {"short key", msg.data(), 40, kExampleKey, 64, out, 9},
   };
   for (const auto &c : cases) {
     n = sizeof out;
-    EXPECT_EQ(c.call(), c.status) << c.what;
+    EXPECT_EQ(BIVO_Sm2EncryptWithPubKey(c.msg, c.len, c.key.data(), c.key_len, c.out, &n), c.status) << c.what;
   }
-
+  EXPECT_EQ(BIVO_Sm2Encrypt(msg.data(), 40, cert.data(), Len(cert), out, &n), 5u);
+  EXPECT_EQ(BIVO_Sm2EncryptWithCertFile(msg.data(), 40, "/nonexistent/c.der", out, &n), 0xFFFFFFFFu);
+  EXPECT_EQ(BIVO_Sm2EncryptWithPubKeyAndDrbg(nullptr, msg.data(), 40, kExampleKey.data(), 65, out, &n), 1u);
+  EXPECT_EQ(BIVO_Sm2EncryptWithPubKeyAndMixedSource(handle.h, nullptr, msg.data(), 40, kExampleKey.data(), 65, out, &n),
+            1u);
   // Short capacity: 9, the required length, zeros up to the capacity and
   // nothing beyond it.
   std::fill(std::begin(out), std::end(out), 0xEE);
@@ -183,7 +136,6 @@ TEST(Sm2Encrypt, KdfMatchesOpenSslX963) {
     }
   }
   EVP_KDF_free(kdf);
-
   // Bounds come before any write.
   uint8_t out[4] = {0xEE, 0xEE, 0xEE, 0xEE}, z[4] = {};
   const size_t over = (size_t{1} << 30) + 1;

@@ -94,13 +94,11 @@ TEST(Numerics, LogGammaWithoutTheSignGlobal) {
   EXPECT_EQ(wrong.load(), 0);
 }
 
-TEST(Numerics, NormalErfAndPolynomials) {
+TEST(Numerics, NormalAndPolynomials) {
   EXPECT_EQ(cephes_normal(0), 0.5);
   EXPECT_NEAR(cephes_normal(1.959963984540054), 0.975, 1e-15);
   EXPECT_NEAR(cephes_normal(-8), 6.22096057427178e-16, 1e-28);  // no cancellation in the tail
-  EXPECT_EQ(cephes_erfc(0.3), std::erfc(0.3));
-  EXPECT_EQ(cephes_erf(0.3), std::erf(0.3));
-  const double c[] = {2, -3, 5};  // 2x^2 - 3x + 5
+  const double c[] = {2, -3, 5};                                // 2x^2 - 3x + 5
   EXPECT_EQ(cephes_polevl(2, c, 2), 7);
   EXPECT_EQ(cephes_p1evl(2, c, 3), 8 + 2 * 4 - 3 * 2 + 5);  // x^3 + 2x^2 - 3x + 5
   EXPECT_TRUE(std::isnan(cephes_polevl(2, nullptr, 2)));

@@ -33,6 +33,15 @@ RoundTripFn Of(const std::string &type) {
   return nullptr;
 }
 
+template <typename T>
+Bytes Encode(int (*i2d)(const T *, unsigned char **), const T *value) {
+  unsigned char *der = nullptr;
+  const int n = i2d(value, &der);
+  Bytes out(der, der + std::max(n, 0));
+  OPENSSL_free(der);
+  return out;
+}
+
 TEST(SealAsn1, EveryTypeRoundTripsOnRealBytes) {
   const Bytes gb = Sample("gb-v4-user.esl");
   const Bytes gif = Sample("gb-v4-seal-gif.der");
@@ -40,21 +49,15 @@ TEST(SealAsn1, EveryTypeRoundTripsOnRealBytes) {
   const Bytes ses = SesSeal();
   const Signer signer;
   const Bytes gb_sig = GbSignature(signer, gb, Bytes(32, 0x5A));
-  Bytes tbs(ses.size() + 2048);
-  auto len = static_cast<uint32_t>(tbs.size());
   const Bytes hash(32, 0x11);
-  ASSERT_EQ(getTBSSignData(1, ses.data(), ses.size(), hash.data(), 8, hash.data(), 32, "p", 1, signer.cert.data(),
-                           signer.cert.size(), "1.2.156.10197.1.501", tbs.data(), &len),
-            0u);
-  tbs.resize(len);
-  Bytes ses_sig(tbs.size() + 256);
-  len = static_cast<uint32_t>(ses_sig.size());
-  ASSERT_EQ(getSESSignature(tbs.data(), tbs.size(), hash.data(), 32, ses_sig.data(), &len), 0u);
-  ses_sig.resize(len);
+  const Bytes tbs = SesTbs(ses, Bytes(8, 0x11), hash, signer.cert);
+  const Bytes ses_sig = SesSig(tbs, hash);
 
+  const Bytes real_sig = Sample("gb-v4-signature.dat");
   const struct {
     const char *type;
     Bytes der;
+    bool decodes = true;
   } cases[] = {
       {"GBSESeal", gb},
       {"GBSESeal", gif},  // extensions, two of them with an explicit FALSE
@@ -78,37 +81,27 @@ TEST(SealAsn1, EveryTypeRoundTripsOnRealBytes) {
       {"VORLI_ExtData_structure", TlvAt(gif, 7495)},
       {"TBS_Sign", tbs},
       {"SES_Signature", ses_sig},
+      // The families keep apart; real SES seals wrap their certificates,
+      // which the declared list refuses.
+      {"SESeal", gb, false},
+      {"GBSESeal", ses, false},
+      {"SESeal", v1, false},
+      {"GBSESeal", v1, false},
+      {"SESeal", real_sig, false},
+      {"GBSESeal", real_sig, false},
+      {"GBSES_Signature", real_sig, false},  // its timeInfo is a GeneralizedTime
   };
   std::set<std::string> covered;
   for (const auto &c : cases) {
     Bytes again;
     ASSERT_NE(Of(c.type), nullptr) << c.type;
-    EXPECT_TRUE(Of(c.type)(c.der, &again)) << c.type;
-    EXPECT_EQ(again, c.der) << c.type;
+    EXPECT_EQ(Of(c.type)(c.der, &again), c.decodes) << c.type;
+    if (c.decodes) {
+      EXPECT_EQ(again, c.der) << c.type;
+    }
     covered.insert(c.type);
   }
   EXPECT_EQ(covered.size(), std::size(kTypes));
-}
-
-TEST(SealAsn1, FamiliesDoNotDecodeAsEachOther) {
-  const struct {
-    const char *what;
-    Bytes der;
-    bool ses, gb;
-  } cases[] = {
-      {"GB seal", Sample("gb-v4-user.esl"), false, true},
-      {"SES seal", SesSeal(), true, false},
-      // Real SES seals wrap their certificates: the specified list refuses them.
-      {"SES sample", Sample("ses-v1-user.esl"), false, false},
-      {"GB signature", Sample("gb-v4-signature.dat"), false, false},
-  };
-  for (const auto &c : cases) {
-    Bytes again;
-    EXPECT_EQ(Of("SESeal")(c.der, &again), c.ses) << c.what;
-    EXPECT_EQ(Of("GBSESeal")(c.der, &again), c.gb) << c.what;
-  }
-  Bytes again;
-  EXPECT_FALSE(Of("GBSES_Signature")(Sample("gb-v4-signature.dat"), &again)) << "timeInfo is GeneralizedTime there";
 }
 
 TEST(SealAsn1, CertificateListChoiceKeepsItsAlternativesApart) {
@@ -132,10 +125,7 @@ TEST(SealAsn1, CertificateListChoiceKeepsItsAlternativesApart) {
   digests->type = GBSES_CERLIST_CERTDIGESTLIST;
   digests->certDigestList = sk_GB_CertDigestList_structure_new_null();
   sk_GB_CertDigestList_structure_push(digests->certDigestList, entry);
-  unsigned char *der = nullptr;
-  const int n = i2d_GBSES_CerList_structure(digests.get(), &der);
-  const Bytes encoded(der, der + std::max(n, 0));
-  OPENSSL_free(der);
+  const Bytes encoded = Encode(i2d_GBSES_CerList_structure, digests.get());
   EXPECT_EQ(encoded, Tlv(0x30, {Tlv(0x30, {Tlv(0x13, {Text("SM3")}), Tlv(0x04, {Text("0123456789abcdef")})})}));
   Bytes again;
   EXPECT_FALSE(Of("GBSES_CerList_structure")(encoded, &again));
@@ -149,13 +139,7 @@ TEST(SealAsn1, CriticalIsLeftOutUntilSet) {
   EXPECT_EQ(ext->_critical, -1);
   ext->extnID = OBJ_txt2obj("1.2.156.112600.7.1", 1);
   ASN1_OCTET_STRING_set(ext->extnValue, reinterpret_cast<const unsigned char *>("v"), 1);
-  const auto encode = [&] {
-    unsigned char *der = nullptr;
-    const int n = i2d_VORLI_ExtData_structure(ext.get(), &der);
-    Bytes out(der, der + std::max(n, 0));
-    OPENSSL_free(der);
-    return out;
-  };
+  const auto encode = [&] { return Encode(i2d_VORLI_ExtData_structure, ext.get()); };
   const Bytes oid = {0x06, 0x08, 0x2A, 0x81, 0x1C, 0x86, 0xEF, 0x58, 0x07, 0x01};
   const Bytes unset = Tlv(0x30, {oid, {0x04, 0x01, 'v'}});
   EXPECT_EQ(encode(), unset);

@@ -15,7 +15,6 @@ namespace {
 
 constexpr uint32_t kBad = ERR_INVALID_PARAMETER;
 constexpr uint32_t kShort = ERR_BUFFER_TOO_SMALL;
-const char *const kSm2Sm3 = "1.2.156.10197.1.501";
 
 // The subject Name of a DER certificate, found by walking it.
 Bytes SubjectOf(const Bytes &cert) {
@@ -177,12 +176,10 @@ TEST(SealOperations, BuildersWriteExactBytes) {
   const Bytes ses = SesSeal();
   const Bytes hash = {0x12, 0x80, 0x00};  // the trailing zero octet goes, 7 unused bits
   const Bytes prop = Tlv(0x16, {Text("p")});
-  Bytes out(40000);
   const auto gb_tbs = [&](uint32_t version, const char *time) {
-    auto len = static_cast<uint32_t>(out.size());
-    EXPECT_EQ(ZEPH_C_GetGBTBSSignData(version, gb.data(), gb.size(), time, 0, hash.data(), 3, "p", 1, out.data(), &len),
-              0u);
-    return Bytes(out.begin(), out.begin() + len);
+    return Out([&](uint8_t *out, uint32_t *len) {
+      return ZEPH_C_GetGBTBSSignData(version, gb.data(), gb.size(), time, 0, hash.data(), 3, "p", 1, out, len);
+    });
   };
   const Bytes hash_bits = {0x03, 0x03, 0x07, 0x12, 0x80};
   EXPECT_EQ(gb_tbs(4, "20240102030405Z"),
@@ -193,27 +190,27 @@ TEST(SealOperations, BuildersWriteExactBytes) {
   const Signer signer;
   const Bytes tbs = gb_tbs(4, "20240102030405Z");
   const Bytes sig = {0x30, 0x02, 0x05, 0x00};
-  auto len = static_cast<uint32_t>(out.size());
-  ASSERT_EQ(ZEPH_C_GetGBSESSignature(tbs.data(), tbs.size(), sig.data(), 4, nullptr, 99, kSm2Sm3, out.data(), &len),
-            0u);
   const Bytes oid = {0x06, 0x08, 0x2A, 0x81, 0x1C, 0xCF, 0x55, 0x01, 0x83, 0x75};
-  EXPECT_EQ(Bytes(out.begin(), out.begin() + len),
+  EXPECT_EQ(Out([&](uint8_t *out, uint32_t *len) {
+              return ZEPH_C_GetGBSESSignature(tbs.data(), tbs.size(), sig.data(), 4, nullptr, 99, kSm2Sm3, out, len);
+            }),
             Tlv(0x30, {tbs, {0x04, 0x00}, oid, {0x03, 0x04, 0x00, 0x30, 0x02, 0x05}}));
-
-  len = static_cast<uint32_t>(out.size());
-  ASSERT_EQ(ZEPH_C_GetTBSSignData(7, ses.data(), ses.size(), hash.data(), 2, hash.data(), 3, "p", 1, signer.cert.data(),
-                                  signer.cert.size(), kSm2Sm3, out.data(), &len),
-            0u);
-  const Bytes ses_tbs(out.begin(), out.begin() + len);
+  const Bytes ses_tbs = Out([&](uint8_t *out, uint32_t *len) {
+    return ZEPH_C_GetTBSSignData(7, ses.data(), ses.size(), hash.data(), 2, hash.data(), 3, "p", 1, signer.cert.data(),
+                                 signer.cert.size(), kSm2Sm3, out, len);
+  });
   EXPECT_EQ(
       ses_tbs,
       Tlv(0x30,
           {{0x02, 0x01, 0x07}, ses, {0x03, 0x03, 0x07, 0x12, 0x80}, hash_bits, prop, Tlv(0x04, {signer.cert}), oid}));
-  len = static_cast<uint32_t>(out.size());
-  ASSERT_EQ(ZEPH_C_GetSESSignature(ses_tbs.data(), ses_tbs.size(), hash.data(), 1, out.data(), &len), 0u);
-  EXPECT_EQ(Bytes(out.begin(), out.begin() + len), Tlv(0x30, {ses_tbs, {0x03, 0x02, 0x01, 0x12}}));
+  EXPECT_EQ(Out([&](uint8_t *out, uint32_t *len) {
+              return ZEPH_C_GetSESSignature(ses_tbs.data(), ses_tbs.size(), hash.data(), 1, out, len);
+            }),
+            Tlv(0x30, {ses_tbs, {0x03, 0x02, 0x01, 0x12}}));
 
   // Refusals, and the short buffer that does not learn the length.
+  Bytes out(40000);
+  uint32_t len = 0;
   const auto ses_tbs_status = [&](const char *oid_text, const unsigned char *cert, uint32_t capacity) {
     len = capacity;
     return getTBSSignData(1, ses.data(), ses.size(), hash.data(), 3, hash.data(), 3, "p", 1, cert, 1, oid_text,
@@ -268,20 +265,13 @@ TEST(SealOperations, VerifyKeepsItsStatuses) {
 
   // SES: a well-formed signature stops at its algorithm's rendering.
   const Bytes ses = SesSeal();
-  Bytes out(40000);
-  auto len = static_cast<uint32_t>(out.size());
-  ASSERT_EQ(getTBSSignData(1, ses.data(), ses.size(), any.data(), 1, any.data(), 1, "p", 1, signer.cert.data(),
-                           signer.cert.size(), kSm2Sm3, out.data(), &len),
-            0u);
-  const Bytes tbs(out.begin(), out.begin() + len);
-  const Bytes value = signer.Sign(tbs);
-  len = static_cast<uint32_t>(out.size());
-  ASSERT_EQ(getSESSignature(tbs.data(), tbs.size(), value.data(), value.size(), out.data(), &len), 0u);
+  const Bytes tbs = SesTbs(ses, any, any, signer.cert);
+  const Bytes sig = SesSig(tbs, signer.Sign(tbs));
   EXPECT_EQ(ZEPH_C_VerifySESSignature(ses.data(), ses.size(), any.data(), 1, any.data(), 1, any.data(), 1, any.data(),
-                                      1, out.data(), len, 0),
+                                      1, sig.data(), sig.size(), 0),
             kBad);
   EXPECT_EQ(verifySESSignature(ses.data(), ses.size(), any.data(), 1, nullptr, 1, any.data(), 1, any.data(), 1,
-                               out.data(), len, 0),
+                               sig.data(), sig.size(), 0),
             kBad);
 }
 

@@ -1,5 +1,5 @@
 // Shared pieces of the seal tests: the sample files, DER built by hand, an
-// SES seal the specified templates accept, and an SM2 signer made with
+// SES seal the declared templates accept, and an SM2 signer made with
 // OpenSSL.
 #pragma once
 
@@ -10,6 +10,8 @@
 
 #include <openssl/evp.h>
 #include <openssl/x509.h>
+
+#include <gtest/gtest.h>
 
 #include "foundation/owned.hpp"
 #include "test_support.hpp"
@@ -52,6 +54,19 @@ std::vector<Bytes> Children(const Bytes &tlv);
 inline Bytes Text(const std::string &s) { return Bytes(s.begin(), s.end()); }
 inline Bytes Bits(const Bytes &octets) { return Tlv(0x03, {{0x00}, octets}); }
 
+inline constexpr char kSm2Sm3[] = "1.2.156.10197.1.501";
+
+// fn(out, &len) on a 40,000-byte buffer: the bytes written, after a zero status.
+template <typename F>
+Bytes Out(F fn) {
+  Bytes out(40000);
+  auto len = static_cast<uint32_t>(out.size());
+  const uint32_t status = fn(out.data(), &len);
+  EXPECT_EQ(status, 0u);
+  out.resize(status == 0 ? len : 0);
+  return out;
+}
+
 // An SES seal that decodes as SESeal: the SES sample with its certificates
 // inline rather than wrapped (so its maker signature no longer holds).
 Bytes SesSeal();
@@ -69,8 +84,14 @@ struct Signer {
   Bytes cert;
 };
 
-// The GB signature of `seal` (GB DER) by `signer` over `hash`, built with
-// the library's builders.
+// The library's builders, SM2-with-SM3: data to sign (SES with property "p")
+// and the signature around a value.
+Bytes GbTbs(uint32_t version, const Bytes &seal, const char *time, const Bytes &hash, const std::string &property);
+Bytes GbSig(const Bytes &tbs, const Bytes &value, const Bytes &cert);
+Bytes SesTbs(const Bytes &seal, const Bytes &time, const Bytes &hash, const Bytes &cert);
+Bytes SesSig(const Bytes &tbs, const Bytes &value);
+
+// The GB signature of `seal` (GB DER) by `signer` over `hash`.
 Bytes GbSignature(const Signer &signer, const Bytes &seal, const Bytes &hash, const char *time = "20210101000000Z");
 
 }  // namespace seal_test

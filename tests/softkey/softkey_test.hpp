@@ -108,6 +108,30 @@ class SoftkeyTest : public zeph_test::SoftkeyFixture {
     return h;
   }
 
+  // Through a new connection to VorliEcc: a PIN check, the PIN's remaining
+  // tries, and a signature with container ECC after the user PIN.
+  ULONG Verify(ULONG type, const char *pin) {
+    HAPPLICATION app = OpenApp(Connect(), "VorliEcc");
+    ULONG retry = 0;
+    return skf.SKF_VerifyPIN(app, type, S(pin), &retry);
+  }
+  ULONG Remain(ULONG type) {
+    ULONG max = 0, rem = 99;
+    BOOL is_default = FALSE;
+    EXPECT_EQ(skf.SKF_GetPINInfo(OpenApp(Connect(), "VorliEcc"), type, &max, &rem, &is_default), SAR_OK);
+    return rem;
+  }
+  ULONG Sign(const char *user_pin, const char *serial = kSerial) {
+    HAPPLICATION app = nullptr;
+    ULONG retry = 0;
+    if (const ULONG rv = skf.SKF_OpenApplication(Connect(serial), S("VorliEcc"), &app); rv != SAR_OK) return rv;
+    if (const ULONG rv = skf.SKF_VerifyPIN(app, USER_TYPE, S(user_pin), &retry); rv != SAR_OK) return rv;
+    HCONTAINER con = nullptr;
+    if (const ULONG rv = skf.SKF_OpenContainer(app, S("ECC"), &con); rv != SAR_OK) return rv;
+    uint8_t digest[32] = {7};
+    ECCSIGNATUREBLOB sig;
+    return skf.SKF_ECCSignData(con, digest, 32, &sig);
+  }
   // Device authentication: the challenge SM4-ECB-encrypted under the key.
   ULONG DevAuth(DEVHANDLE dev, const char *key = kAuthKey) {
     Bytes block(16);

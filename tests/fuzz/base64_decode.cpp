@@ -5,29 +5,28 @@
 #include "foundation/helpers.hpp"
 #include "zeph_c_utils.h"
 
-using fuzz::Check;
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string text = fuzz::Text(data, size);
   unsigned char *decoded = nullptr;
   const int n = zeph::Base64Decode(text.c_str(), &decoded);
-  Check(n >= -1 && (n > 0) == (decoded != nullptr));
+  fuzz::Check(n >= -1 && (n > 0) == (decoded != nullptr));
 
   uint32_t len = 0;
   const uint32_t rv = zeph_c_utils_b64tohex2(text.c_str(), nullptr, &len);
-  Check((rv == 0) == (n > 0) && (rv != 0 || len == static_cast<uint32_t>(n)));
+  fuzz::Check((rv == 0) == (n > 0) && (rv != 0 || len == static_cast<uint32_t>(n)));
   if (n > 0) {
     // Exactly sized, so a write past the reported length is caught.
     const std::unique_ptr<unsigned char[]> out(new unsigned char[n]);
-    Check(zeph_c_utils_b64tohex2(text.c_str(), out.get(), &len) == 0 && std::memcmp(out.get(), decoded, len) == 0);
+    fuzz::Check(zeph_c_utils_b64tohex2(text.c_str(), out.get(), &len) == 0 &&
+                std::memcmp(out.get(), decoded, len) == 0);
     len = static_cast<uint32_t>(n - 1);
-    Check(n == 1 || zeph_c_utils_b64tohex2(text.c_str(), out.get(), &len) == ERR_BUFFER_TOO_SMALL);
+    fuzz::Check(n == 1 || zeph_c_utils_b64tohex2(text.c_str(), out.get(), &len) == ERR_BUFFER_TOO_SMALL);
 
     // What decodes, encodes back to text that decodes to the same bytes.
     char *again = nullptr;
-    Check(zeph_c_utils_hex2b64(decoded, static_cast<uint32_t>(n), &again) == 0);
+    fuzz::Check(zeph_c_utils_hex2b64(decoded, static_cast<uint32_t>(n), &again) == 0);
     unsigned char *twice = nullptr;
-    Check(zeph::Base64Decode(again, &twice) == n && std::memcmp(twice, decoded, static_cast<size_t>(n)) == 0);
+    fuzz::Check(zeph::Base64Decode(again, &twice) == n && std::memcmp(twice, decoded, static_cast<size_t>(n)) == 0);
     std::free(again);
     std::free(twice);
   }
@@ -39,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   uint32_t pem_len = 0;
   if (File_PEMDecode(pem, static_cast<uint32_t>(size), nullptr, &pem_len) == 0) {
     std::vector<unsigned char> out(pem_len);
-    Check(File_PEMDecode(pem, static_cast<uint32_t>(size), out.data(), &pem_len) == 0);
+    fuzz::Check(File_PEMDecode(pem, static_cast<uint32_t>(size), out.data(), &pem_len) == 0);
   }
   return 0;
 }

@@ -14,7 +14,6 @@ namespace {
 
 namespace bivo = zeph::bivo;
 namespace sm2 = zeph::gm::sm2;
-using fuzz::Check;
 
 struct Key {
   sm2::Scalar d1, d2;
@@ -29,10 +28,10 @@ struct Key {
     sm2::ModInv(ab, &inv);
     sm2::ModSub(inv, one, &ab);  // d = (d1·d2)^-1 - 1
     sm2::Point p;
-    Check(sm2::MulBase(ab, &p));
+    fuzz::Check(sm2::MulBase(ab, &p));
     sm2::PointTo65(p, P);
     pkey = fuzz::Sm2PublicKey(P);
-    Check(pkey != nullptr);
+    fuzz::Check(pkey != nullptr);
   }
 };
 
@@ -72,15 +71,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const uint32_t plain = BIVO_Client_AssemblySigEncode(v[0], v[1], v[2], v[3], v[4], sig, &len);
   const uint32_t checked =
       BIVO_Client_AssemblySigEncodeWithPubKey(v[0], v[1], v[2], v[3], v[4], e, key.P, 65, checked_sig, &checked_len);
-  Check(fuzz::OneOf(plain, {0, BIVO_ERR_ASSEMBLY, BIVO_ERR_ZERO_S}));
-  Check(checked == plain || (plain == 0 && checked == BIVO_ERR_VERIFY));
-  if (honest) Check(checked == 0);
+  fuzz::Check(fuzz::OneOf(plain, {0, BIVO_ERR_ASSEMBLY, BIVO_ERR_ZERO_S}));
+  fuzz::Check(checked == plain || (plain == 0 && checked == BIVO_ERR_VERIFY));
+  if (honest) fuzz::Check(checked == 0);
   if (checked == 0) {
-    Check(checked_len == len && std::memcmp(sig, checked_sig, len) == 0);
-    Check(BIVO_VerifySm2SignatureOnDigestWithPubKey(e, key.P, 65, sig, len) == 0);
-    Check(fuzz::OpenSslVerifies(key.pkey.get(), e, sig, len));
+    fuzz::Check(checked_len == len && std::memcmp(sig, checked_sig, len) == 0);
+    fuzz::Check(BIVO_VerifySm2SignatureOnDigestWithPubKey(e, key.P, 65, sig, len) == 0);
+    fuzz::Check(fuzz::OpenSslVerifies(key.pkey.get(), e, sig, len));
   } else if (plain == 0) {
-    Check(BIVO_VerifySm2SignatureOnDigestWithPubKey(e, key.P, 65, sig, len) != 0);
+    fuzz::Check(BIVO_VerifySm2SignatureOnDigestWithPubKey(e, key.P, 65, sig, len) != 0);
   }
   return 0;
 }

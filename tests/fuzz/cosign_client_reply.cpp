@@ -5,21 +5,19 @@
 #include "check.hpp"
 #include "gm/sm2_curve.hpp"
 
-using fuzz::OneOf;
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string result;
   const uint32_t rv = zeph::bivo::ReadReply({reinterpret_cast<const char *>(data), size}, &result);
-  fuzz::Check(OneOf(rv, {0, ERR_JSON_INVALID, ERR_HTTP_FAILED}));
+  fuzz::Check(fuzz::OneOf(rv, {0, ERR_JSON_INVALID, ERR_HTTP_FAILED}));
   if (rv != 0) return 0;
   for (const char *key : {"pubKey", "credential", "t2"}) {
     zeph::bivo::Point p;
-    fuzz::Check(OneOf(zeph::bivo::ResultPoint(result, key, &p), {0, ERR_COSIGN_FAILED, ERR_JSON_INVALID}));
+    fuzz::Check(fuzz::OneOf(zeph::bivo::ResultPoint(result, key, &p), {0, ERR_COSIGN_FAILED, ERR_JSON_INVALID}));
   }
   for (const char *key : {"r", "s2", "s3"}) {
     zeph::bivo::Scalar k;
     const uint32_t got = zeph::bivo::ResultScalar(result, key, &k);
-    fuzz::Check(OneOf(got, {0, ERR_COSIGN_FAILED, ERR_JSON_INVALID}) && (got != 0 || zeph::gm::sm2::InRange(k)));
+    fuzz::Check(fuzz::OneOf(got, {0, ERR_COSIGN_FAILED, ERR_JSON_INVALID}) && (got != 0 || zeph::gm::sm2::InRange(k)));
   }
   std::vector<uint8_t> n;
   fuzz::Check(zeph::bivo::ResultBytes(result, "n", 512, &n) != 0 || n.size() <= 512);

@@ -13,13 +13,12 @@
 namespace {
 
 namespace cosign = zeph::cosign;
-using fuzz::Check;
 
 // One RSA key made at start and handed out for every creation: key
 // generation would otherwise be the whole run.
 zeph::EvpPkeyPtr SharedRsaKey(int) {
   static EVP_PKEY *const key = EVP_RSA_gen(2048);
-  Check(key != nullptr && EVP_PKEY_up_ref(key) == 1);
+  fuzz::Check(key != nullptr && EVP_PKEY_up_ref(key) == 1);
   return zeph::EvpPkeyPtr(key);
 }
 
@@ -27,15 +26,16 @@ cosign::Service &TheService() {
   static std::string why;
   static const std::unique_ptr<cosign::ShareStore> store = cosign::ShareStore::Open(":memory:", &why);
   static cosign::Service service = [] {
-    Check(store != nullptr);
+    fuzz::Check(store != nullptr);
     cosign::Service made(store.get(), SharedRsaKey);
     // P1 = G.
     const std::string g = "BDLEriwfGYEZX5kERmo5yZSP4wu/8mYL4XFaRYkzTHTHvDc2ovT2d5xZvc7ja2khU9Cph3zGKkdAAt8y5SE58KA=";
-    Check(made.Handle("BIVOGenKeyPair", "{\"containerID\":\"" + std::string(64, 'A') + "\",\"p1\":\"" + g +
-                                            "\",\"deviceNumber\":\"fuzz\"}")
-              .status == 200);
-    Check(made.Handle("BIVORSAGenKeyPair", "{\"containerID\":\"" + std::string(64, 'B') + "\",\"deviceNumber\":\"f\"}")
-              .status == 200);
+    fuzz::Check(made.Handle("BIVOGenKeyPair", "{\"containerID\":\"" + std::string(64, 'A') + "\",\"p1\":\"" + g +
+                                                  "\",\"deviceNumber\":\"fuzz\"}")
+                    .status == 200);
+    fuzz::Check(
+        made.Handle("BIVORSAGenKeyPair", "{\"containerID\":\"" + std::string(64, 'B') + "\",\"deviceNumber\":\"f\"}")
+            .status == 200);
     return made;
   }();
   return service;
@@ -51,15 +51,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const char *method = kMethods[data[0] % std::size(kMethods)];
   const cosign::Answer answer =
       TheService().Handle(method, std::string_view(reinterpret_cast<const char *>(data + 1), size - 1));
-  Check(!answer.drop && answer.delay_ms == 0 && fuzz::OneOf(answer.status, {200, 400, 404, 409, 413}));
+  fuzz::Check(!answer.drop && answer.delay_ms == 0 && fuzz::OneOf(answer.status, {200, 400, 404, 409, 413}));
   const zeph::JsonPtr root = fuzz::MustBeJsonObject(answer.body);
   const cJSON *status = cJSON_GetObjectItemCaseSensitive(root.get(), "status");
-  Check(cJSON_IsNumber(status) && status->valueint == answer.status);
+  fuzz::Check(cJSON_IsNumber(status) && status->valueint == answer.status);
   if (answer.status != 200) {
-    Check(cJSON_IsString(cJSON_GetObjectItemCaseSensitive(root.get(), "message")));
+    fuzz::Check(cJSON_IsString(cJSON_GetObjectItemCaseSensitive(root.get(), "message")));
   } else if (std::strcmp(method, "BIVOInit") != 0) {
     const cJSON *text = cJSON_GetObjectItemCaseSensitive(root.get(), "result");
-    Check(cJSON_IsString(text));
+    fuzz::Check(cJSON_IsString(text));
     fuzz::MustBeJsonObject(text->valuestring);
   }
   return 0;

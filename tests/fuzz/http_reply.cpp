@@ -7,7 +7,6 @@
 
 namespace {
 
-using fuzz::Check;
 using zeph::http::ReplyParser;
 
 bool Inside(const void *p, size_t n, const void *base, size_t size) {
@@ -33,7 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   std::string_view text;
   if (zeph::http::TextReplyBody(reply, &text) == 0) {
-    Check(Inside(text.data(), text.size(), reply.data(), reply.size()) && !std::memchr(text.data(), 0, text.size()));
+    fuzz::Check(Inside(text.data(), text.size(), reply.data(), reply.size()) &&
+                !std::memchr(text.data(), 0, text.size()));
   }
 
   std::vector<uint8_t> buffer(capacity + 512, 0);
@@ -42,13 +42,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const uint64_t received = reply.size() + (data[1] >= 128 ? data[0] * 11u : 0);
   std::span<const uint8_t> body;
   if (zeph::http::TimestampReplyBody(buffer, chunk, received, capacity, &body) == 0) {
-    Check(!body.empty() && body.size() < capacity && Inside(body.data(), body.size(), buffer.data(), buffer.size()));
+    fuzz::Check(!body.empty() && body.size() < capacity &&
+                Inside(body.data(), body.size(), buffer.data(), buffer.size()));
   }
 
   ReplyParser whole(capacity), cut(capacity);
   const ReplyParser::State a = Run(whole, reply, reply.size() + 1);
-  Check(a == Run(cut, reply, piece) && whole.status() == cut.status() && whole.body() == cut.body());
-  Check(a != ReplyParser::State::kDone || whole.body().size() <= capacity);
-  Check(a != ReplyParser::State::kTooLarge || whole.needed() > capacity);
+  fuzz::Check(a == Run(cut, reply, piece) && whole.status() == cut.status() && whole.body() == cut.body());
+  fuzz::Check(a != ReplyParser::State::kDone || whole.body().size() <= capacity);
+  fuzz::Check(a != ReplyParser::State::kTooLarge || whole.needed() > capacity);
   return 0;
 }

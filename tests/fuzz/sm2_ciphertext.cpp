@@ -13,7 +13,6 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using fuzz::Check;
 
 // DER -> raw -> DER or raw -> DER -> raw; nullopt when the first step refuses.
 std::optional<Bytes> Through(bool from_der, const uint8_t *in, uint32_t len, int order) {
@@ -21,14 +20,14 @@ std::optional<Bytes> Through(bool from_der, const uint8_t *in, uint32_t len, int
   auto undo = from_der ? BIVO_Sm2CiphertextRawToDer : BIVO_Sm2CiphertextDerToRaw;
   uint32_t n = 0;
   const uint32_t rv = step(in, len, order, nullptr, &n);
-  Check(fuzz::OneOf(rv, {0, ERR_SM2_CIPHER_FORMAT}));
+  fuzz::Check(fuzz::OneOf(rv, {0, ERR_SM2_CIPHER_FORMAT}));
   if (rv != 0) return std::nullopt;
   Bytes mid(n);
-  Check(step(in, len, order, mid.data(), &n) == 0 && n == mid.size());
+  fuzz::Check(step(in, len, order, mid.data(), &n) == 0 && n == mid.size());
   uint32_t m = 0;
-  Check(undo(mid.data(), n, order, nullptr, &m) == 0);
+  fuzz::Check(undo(mid.data(), n, order, nullptr, &m) == 0);
   Bytes back(m);
-  Check(undo(mid.data(), n, order, back.data(), &m) == 0);
+  fuzz::Check(undo(mid.data(), n, order, back.data(), &m) == 0);
   return back;
 }
 
@@ -37,7 +36,7 @@ std::optional<Bytes> Record(const SM2_Ciphertext_Structure *ct) {
   unsigned char *record = nullptr;
   uint32_t n = 0;
   const uint32_t rv = i2a_SM2Cipher2ECCEncryptData(ct, &record, &n);
-  Check(fuzz::OneOf(rv, {0, ERR_SM2_CIPHER_FORMAT}));
+  fuzz::Check(fuzz::OneOf(rv, {0, ERR_SM2_CIPHER_FORMAT}));
   std::optional<Bytes> out;
   if (rv == 0) out.emplace(record, record + n);
   ZEPH_C_MALLOC_FREE(record);
@@ -67,18 +66,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const bool canonical = p == data + size && fuzz::Der(ct.get(), i2d_SM2_Ciphertext_Structure) == input;
     const std::optional<Bytes> record = Record(ct.get());
     if (canonical && record) {
-      Check(RecordToDer(record->data(), static_cast<uint32_t>(record->size())) == input);
-      for (int order : {0, 1}) Check(Through(true, data, len, order) == input);
+      fuzz::Check(RecordToDer(record->data(), static_cast<uint32_t>(record->size())) == input);
+      for (int order : {0, 1}) fuzz::Check(Through(true, data, len, order) == input);
     }
   }
   for (int order : {0, 1}) {
     const std::optional<Bytes> again = Through(false, data, len, order);
-    Check(!again || *again == input);
+    fuzz::Check(!again || *again == input);
   }
   if (const std::optional<Bytes> der = RecordToDer(data, len)) {
     const unsigned char *q = der->data();
     const zeph::Sm2CiphertextPtr back(d2i_SM2_Ciphertext_Structure(nullptr, &q, static_cast<long>(der->size())));
-    Check(back != nullptr && Record(back.get()) == input);
+    fuzz::Check(back != nullptr && Record(back.get()) == input);
   }
   return 0;
 }

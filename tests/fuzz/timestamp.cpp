@@ -17,8 +17,6 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using fuzz::Check;
-using fuzz::OneOf;
 
 struct Fixed {
   Bytes p7, reply;
@@ -34,14 +32,15 @@ Fixed Make() {
   const zeph::Pkcs7Ptr p7(PKCS7_sign(cert.get(), key.get(), nullptr, content.get(), PKCS7_BINARY | PKCS7_DETACHED));
   f.p7 = fuzz::Der(p7.get(), i2d_PKCS7);
   Bytes value, query_der;
-  Check(zeph::tsa::SignatureValue(false, f.p7, &value) == 0 &&
-        zeph::tsa::BuildQuery(0x10004, value, &f.query, &query_der) == 0);
+  fuzz::Check(zeph::tsa::SignatureValue(false, f.p7, &value) == 0 &&
+              zeph::tsa::BuildQuery(0x10004, value, &f.query, &query_der) == 0);
 
   const std::unique_ptr<TS_RESP_CTX, zeph::Free<TS_RESP_CTX_free>> ctx(TS_RESP_CTX_new());
   const zeph::Asn1ObjectPtr policy(OBJ_txt2obj("1.2.3.4.1", 1));
-  Check(TS_RESP_CTX_set_signer_cert(ctx.get(), cert.get()) == 1 &&
-        TS_RESP_CTX_set_signer_key(ctx.get(), key.get()) == 1 &&
-        TS_RESP_CTX_set_def_policy(ctx.get(), policy.get()) == 1 && TS_RESP_CTX_add_md(ctx.get(), EVP_sha256()) == 1);
+  fuzz::Check(TS_RESP_CTX_set_signer_cert(ctx.get(), cert.get()) == 1 &&
+              TS_RESP_CTX_set_signer_key(ctx.get(), key.get()) == 1 &&
+              TS_RESP_CTX_set_def_policy(ctx.get(), policy.get()) == 1 &&
+              TS_RESP_CTX_add_md(ctx.get(), EVP_sha256()) == 1);
   const zeph::BioPtr query_bio(BIO_new_mem_buf(query_der.data(), static_cast<int>(query_der.size())));
   const zeph::TsRespPtr resp(TS_RESP_create_response(ctx.get(), query_bio.get()));
   f.reply = fuzz::Der(resp.get(), i2d_TS_RESP);
@@ -49,7 +48,7 @@ Fixed Make() {
   // The fixed reply passes every check: mutations start from a good one.
   const unsigned char *p = f.reply.data();
   const zeph::TsRespPtr good(d2i_TS_RESP(nullptr, &p, static_cast<long>(f.reply.size())));
-  Check(good != nullptr && zeph::tsa::CheckReply(f.query.get(), good.get(), f.trust.get()) == 0);
+  fuzz::Check(good != nullptr && zeph::tsa::CheckReply(f.query.get(), good.get(), f.trust.get()) == 0);
   return f;
 }
 
@@ -66,9 +65,9 @@ void Embed(const Bytes &reply, const Bytes &p7) {
                                                static_cast<uint32_t>(p7.size()), out.data(), &len);
   const unsigned char *p = out.data();
   // What is embedded reads back as PKCS#7; a refusal is one of the documented ones.
-  Check(rv == 0 ? zeph::Pkcs7Ptr(d2i_PKCS7(nullptr, &p, len)) != nullptr
-                : OneOf(rv, {0xFFFFFFFFu, ERR_BUFFER_TOO_SMALL}) ||
-                      (rv == ERR_INVALID_PARAMETER && (reply.empty() || p7.empty())));
+  fuzz::Check(rv == 0 ? zeph::Pkcs7Ptr(d2i_PKCS7(nullptr, &p, len)) != nullptr
+                      : fuzz::OneOf(rv, {0xFFFFFFFFu, ERR_BUFFER_TOO_SMALL}) ||
+                            (rv == ERR_INVALID_PARAMETER && (reply.empty() || p7.empty())));
 }
 
 }  // namespace
@@ -94,16 +93,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       const unsigned char *p = input.data();
       const zeph::TsRespPtr resp(d2i_TS_RESP(nullptr, &p, static_cast<long>(input.size())));
       if (resp != nullptr) {
-        Check(OneOf(zeph::tsa::CheckReply(f.query.get(), resp.get(), f.trust.get()),
-                    {0, 0xFFFFFFFFu, ERR_SIGNATURE_INVALID, ERR_CERT_UNTRUSTED}));
+        fuzz::Check(fuzz::OneOf(zeph::tsa::CheckReply(f.query.get(), resp.get(), f.trust.get()),
+                                {0, 0xFFFFFFFFu, ERR_SIGNATURE_INVALID, ERR_CERT_UNTRUSTED}));
       }
       break;
     }
     case 3:
-      Check(OneOf(zeph::tsa::SignatureValue(false, input, &value), {0, 0xFFFFFFFFu}));
+      fuzz::Check(fuzz::OneOf(zeph::tsa::SignatureValue(false, input, &value), {0, 0xFFFFFFFFu}));
       break;
     default:
-      Check(OneOf(zeph::tsa::SignatureValue(true, input, &value), {0, ERR_INVALID_PARAMETER}));
+      fuzz::Check(fuzz::OneOf(zeph::tsa::SignatureValue(true, input, &value), {0, ERR_INVALID_PARAMETER}));
       break;
   }
   return 0;

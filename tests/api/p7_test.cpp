@@ -1,6 +1,8 @@
 // Signed messages and envelopes without a device: the builders signed by
-// OpenSSL keys, the verifier against tampering, the envelope builder's
-// sizing and statuses, and envelopes opened with OpenSSL unwrapping.
+// OpenSSL keys, the exact bytes and round trips of the SM2 types, the
+// verifier against tampering and broken DER, the envelope builder's sizing
+// and statuses, and envelopes opened with OpenSSL unwrapping. Messages built
+// outside zeph and checked by the openssl tool: tests/integration.
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 
@@ -8,6 +10,7 @@
 
 #include "api/p7_internal.hpp"
 #include "loopback.hpp"
+#include "oracle.hpp"
 #include "zeph_c_status.h"
 
 namespace {
@@ -20,6 +23,21 @@ zeph::X509Ptr LoadCert(const std::string &path) {
   X509 *x = f != nullptr ? PEM_read_X509(f, nullptr, nullptr, nullptr) : nullptr;
   if (f != nullptr) std::fclose(f);
   return zeph::X509Ptr(x);
+}
+
+template <class T>
+Bytes Der(const T *obj, int (*i2d)(const T *, unsigned char **)) {
+  unsigned char *p = nullptr;
+  const int n = i2d(obj, &p);
+  Bytes out(p, p + std::max(n, 0));
+  OPENSSL_free(p);
+  return out;
+}
+
+std::string Oid(const ASN1_OBJECT *o) {
+  char text[80];
+  OBJ_obj2txt(text, sizeof text, o, 1);
+  return text;
 }
 
 // An SM2 key and a self-signed certificate, made once for the suite.
@@ -42,18 +60,8 @@ struct Sm2Signer {
   // SM2 with the default identity over tbs, as the key signs.
   zeph::p7::Signer Sign() const {
     return [this](zeph::p7::Span tbs, Bytes *sig) -> uint32_t {
-      zeph::EvpMdCtxPtr md(EVP_MD_CTX_new());
-      zeph::EvpPkeyCtxPtr pctx(EVP_PKEY_CTX_new(key.get(), nullptr));
-      EVP_PKEY_CTX_set1_id(pctx.get(), "1234567812345678", 16);
-      EVP_MD_CTX_set_pkey_ctx(md.get(), pctx.get());
-      size_t n = 80;
-      sig->resize(n);
-      if (EVP_DigestSignInit(md.get(), nullptr, EVP_sm3(), nullptr, key.get()) != 1 ||
-          EVP_DigestSign(md.get(), sig->data(), &n, tbs.data(), tbs.size()) != 1) {
-        return ERR_SIGN_FAILED;
-      }
-      sig->resize(n);
-      return 0;
+      *sig = zeph_test::Sm2Sign(key.get(), Bytes(tbs.begin(), tbs.end()));
+      return sig->empty() ? ERR_SIGN_FAILED : 0;
     };
   }
 };
@@ -85,7 +93,7 @@ TEST(P7, DigestIdentifierTable) {
   }
 }
 
-TEST(P7, Sm2SignKeepsBundleOrderAndVerifies) {
+TEST(P7, Sm2SignBytesBundleOrderAndVerification) {
   const auto &pki = zeph_test::TestPki::Get();
   std::vector<zeph::X509Ptr> chain;
   chain.push_back(LoadCert(pki.other_cert));  // "B"
@@ -102,7 +110,15 @@ TEST(P7, Sm2SignKeepsBundleOrderAndVerifies) {
   const unsigned char *p = der.data();
   zeph::Sm2SignPtr msg(d2i_SM2_Sign(nullptr, &p, static_cast<long>(der.size())));
   ASSERT_TRUE(msg);
+  EXPECT_EQ(Der(msg.get(), i2d_SM2_Sign), der);
+  // SEQUENCE { OID 1.2.156.10197.6.1.4.2.2, [0] constructed { SM2_SIGN_INFO } }:
+  // a PKCS#7-style explicit wrapper around the one element.
   const SM2_SIGN_INFO *info = sk_SM2_SIGN_INFO_value(msg->SM2_Sign_Infos, 0);
+  const Bytes oid = zeph_test::FromHex("060A2A811CCF550601040202"), body = Der(info, i2d_SM2_SIGN_INFO);
+  const size_t wrap = der[1] == 0x82 ? 4 : 2;
+  EXPECT_EQ(Bytes(der.begin() + wrap, der.begin() + wrap + oid.size()), oid);
+  EXPECT_EQ(der[wrap + oid.size()], 0xA0);
+  EXPECT_EQ(Bytes(der.end() - body.size(), der.end()), body);
   ASSERT_EQ(sk_X509_num(info->cert), 3);
   EXPECT_EQ(X509_cmp(sk_X509_value(info->cert, 0), chain[0].get()), 0);
   EXPECT_EQ(X509_cmp(sk_X509_value(info->cert, 1), chain[1].get()), 0);
@@ -110,6 +126,12 @@ TEST(P7, Sm2SignKeepsBundleOrderAndVerifies) {
   const X509_ALGOR *md = sk_X509_ALGOR_value(info->md_algs, 0);
   EXPECT_EQ(ASN1_TYPE_get(md->parameter), V_ASN1_NULL);
   EXPECT_EQ(ASN1_INTEGER_get(info->version), 1);
+  EXPECT_EQ(Oid(info->contents->ID), ZEPH_OID_SM2_DATA);
+  EXPECT_EQ(info->crl, nullptr);
+  for (size_t n = 0; n < der.size(); n += 7) {
+    p = der.data();
+    EXPECT_EQ(zeph::Sm2SignPtr(d2i_SM2_Sign(nullptr, &p, static_cast<long>(n))), nullptr) << "cut at " << n;
+  }
 
   Bytes content;
   EXPECT_EQ(zeph::p7::VerifySm2Sign(der, {}, &content), 0u);
@@ -127,6 +149,17 @@ TEST(P7, Sm2SignKeepsBundleOrderAndVerifies) {
 
   req.hash_id = 64;
   EXPECT_EQ(zeph::p7::BuildSm2Sign(req, Signer().Sign(), &der), ERR_ALG_UNSUPPORTED);
+}
+
+TEST(P7, HandBuiltVectorDecodes) {
+  // The outer wrapper alone, with an empty [0]: a message without a body.
+  const Bytes empty = zeph_test::FromHex("300E 060A2A811CCF550601040202 A000");
+  const unsigned char *p = empty.data();
+  zeph::Sm2SignPtr msg(d2i_SM2_Sign(nullptr, &p, static_cast<long>(empty.size())));
+  ASSERT_TRUE(msg);
+  EXPECT_EQ(Oid(msg->ID), ZEPH_OID_SM2_SIGNED_DATA);
+  EXPECT_EQ(sk_SM2_SIGN_INFO_num(msg->SM2_Sign_Infos), 0);
+  EXPECT_EQ(Der(msg.get(), i2d_SM2_Sign), empty);
 }
 
 TEST(P7, Pkcs7SignedVerifiesAttachedAndDetached) {
@@ -165,18 +198,20 @@ TEST(P7, EnvelopeBuilderSizingAndRecipientTypes) {
   cap = static_cast<uint32_t>(out.size());
   EXPECT_EQ(zeph::p7::BuildSm2Envelope(cert.get(), 3, key, content, out.data(), &cap), ERR_UNSUPPORTED_VALUE);
 
-  // Type 1 puts the RSA identifiers inside the GM wrapper.
+  // Type 1 puts the RSA identifiers inside the GM wrapper, mixed by design.
   cap = static_cast<uint32_t>(out.size());
   ASSERT_EQ(zeph::p7::BuildSm2Envelope(cert.get(), 1, key, content, out.data(), &cap), 0u);
   const unsigned char *p = out.data();
   zeph::Sm2EnvelopePtr env(d2i_SM2_Envelope(nullptr, &p, cap));
   ASSERT_TRUE(env);
+  EXPECT_EQ(Der(env.get(), i2d_SM2_Envelope), Bytes(out.begin(), out.begin() + cap));
+  EXPECT_EQ(Oid(env->ID), ZEPH_OID_SM2_ENVELOPED_DATA);
   const SM2_Envelope_Item *item = sk_SM2_Envelope_Item_value(env->SM2_Envelope_Items, 0);
-  char oid[64];
-  OBJ_obj2txt(oid, sizeof oid, sk_PKCS7_RECIP_INFO_value(item->recipientinfo, 0)->key_enc_algor->algorithm, 1);
-  EXPECT_STREQ(oid, ZEPH_OID_RSA_ENCRYPTION);
-  OBJ_obj2txt(oid, sizeof oid, item->enc_data->content_type, 1);
-  EXPECT_STREQ(oid, ZEPH_OID_PKCS7_DATA);
+  EXPECT_EQ(ASN1_INTEGER_get(item->version), 0);
+  EXPECT_EQ(Oid(sk_PKCS7_RECIP_INFO_value(item->recipientinfo, 0)->key_enc_algor->algorithm), ZEPH_OID_RSA_ENCRYPTION);
+  EXPECT_EQ(Oid(item->enc_data->content_type), ZEPH_OID_PKCS7_DATA);
+  EXPECT_EQ(Oid(item->enc_data->algorithm->algorithm), ZEPH_OID_SM4);
+  EXPECT_EQ(ASN1_TYPE_get(item->enc_data->algorithm->parameter), V_ASN1_NULL);
 }
 
 TEST(P7, EnvelopesOpenWithTheRecipientsKeyOnly) {

@@ -1,5 +1,6 @@
 // The independent party of the two-party tests: scalars and points computed
-// with OpenSSL's BN and EC, and the standard one-party SM2 signature.
+// with OpenSSL's BN and EC, the standard one-party SM2 signature, and
+// OpenSSL's verdict on a signature under a joint key.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +11,10 @@
 
 #include <openssl/bn.h>
 #include <openssl/ec.h>
+#include <openssl/evp.h>
 #include <openssl/obj_mac.h>
 
+#include "cosign_service.hpp"
 #include "test_support.hpp"
 #include "zeph_c_bivo_math.h"
 #include "zeph_c_sm2.h"
@@ -130,5 +133,19 @@ struct Twins {
     return ext;
   }
 };
+
+// True when OpenSSL verifies sig (DER) over msg under the 65-byte point,
+// with the default identity.
+inline bool OpenSslVerifies(const Bytes &point, const Bytes &msg, const Bytes &sig) {
+  EVP_PKEY *key = zeph_test::Sm2PointKey(point);
+  EVP_MD_CTX *md = EVP_MD_CTX_new();
+  EVP_PKEY_CTX *pctx = nullptr;
+  const bool ok = EVP_DigestVerifyInit(md, &pctx, EVP_sm3(), nullptr, key) == 1 &&
+                  EVP_PKEY_CTX_set1_id(pctx, "1234567812345678", 16) == 1 &&
+                  EVP_DigestVerify(md, sig.data(), sig.size(), msg.data(), msg.size()) == 1;
+  EVP_MD_CTX_free(md);
+  EVP_PKEY_free(key);
+  return ok;
+}
 
 }  // namespace bivo_test

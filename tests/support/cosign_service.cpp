@@ -1,33 +1,20 @@
-// The in-process co-signing service of the client tests.
+// The in-process co-signing service of the client tests, in front of the
+// reference service.
 #include "cosign_service.hpp"
 
-#include <cstring>
-#include <vector>
+#include <cstdlib>
 
 #include <arpa/inet.h>
 #include <cjson/cJSON.h>
 #include <netinet/in.h>
-#include <openssl/bn.h>
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
-#include <openssl/rsa.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "oracle.hpp"
-#include "zeph_c_bivo_math.h"
-
 namespace zeph_test {
 namespace {
-
-std::string Str(const Bytes &b) { return {b.begin(), b.end()}; }
-Bytes Raw(const std::string &s) { return {s.begin(), s.end()}; }
-
-std::string Field(cJSON *req, const char *key) {
-  const cJSON *item = cJSON_GetObjectItemCaseSensitive(req, key);
-  return cJSON_IsString(item) ? item->valuestring : "";
-}
 
 // Reads one request: the path's last segment and the body.
 bool ReadRequest(int fd, std::string *method, std::string *body) {
@@ -64,14 +51,29 @@ void WriteAll(int fd, const std::string &s) {
   }
 }
 
-using BnPtr = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
-BnPtr Bn(const std::string &s) {
-  return {BN_bin2bn(reinterpret_cast<const uint8_t *>(s.data()), static_cast<int>(s.size()), nullptr), BN_free};
-}
-std::string Bin(const BIGNUM *b, int len) {
-  std::string s(static_cast<size_t>(len), '\0');
-  BN_bn2binpad(b, reinterpret_cast<uint8_t *>(s.data()), len);
-  return s;
+// Posts the request to the reference service on port and reads its reply
+// to the end: the body, with the HTTP status in *http_status (0: no reply).
+std::string Forward(int port, const std::string &method, const std::string &body, int *http_status) {
+  *http_status = 0;
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  std::string reply;
+  if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) {
+    WriteAll(fd, "POST /" + method +
+                     " HTTP/1.0\r\nConnection: close\r\nContent-Type: application/json\r\n"
+                     "Content-Length: " +
+                     std::to_string(body.size()) + "\r\n\r\n" + body);
+    char buf[4096];
+    for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) reply.append(buf, static_cast<size_t>(n));
+  }
+  close(fd);
+  const size_t head_end = reply.find("\r\n\r\n");
+  if (reply.compare(0, 7, "HTTP/1.") != 0 || head_end == std::string::npos) return "";
+  *http_status = std::atoi(reply.c_str() + 9);
+  return reply.substr(head_end + 4);
 }
 
 }  // namespace
@@ -133,7 +135,7 @@ std::string CosignService::LastRequest(const std::string &method) const {
 
 size_t CosignService::Containers() const {
   std::lock_guard<std::mutex> lock(mu_);
-  return sm2_.size() + rsa_.size();
+  return containers_.size();
 }
 
 void CosignService::Serve() {
@@ -164,100 +166,46 @@ std::string CosignService::Answer(const std::string &method, const std::string &
   std::lock_guard<std::mutex> lock(mu_);
   ++counts_[method];
   last_[method] = body;
+  const std::string reply = Forward(server_.port(), method, body, http_status);
+  // The members of "result", a text holding a JSON object.
   std::map<std::string, std::string> result;
-  cJSON *req = cJSON_Parse(body.c_str());
-  const std::string id = Field(req, "containerID");
-  bool ok = req != nullptr;
-  if (method == "BIVOInit") {
-  } else if (method == "BIVOGenKeyPair") {
-    const Bytes p1 = FromBase64(Field(req, "p1"));
-    uint8_t d2[32], d2_inv[32], p[65], cred[65];
-    ok = ok && p1.size() == 65 && BIVO_Server_CreateKeyShare(p1.data(), d2, d2_inv, p) == 0 &&
-         BIVO_Server_CreateKeyShareCredential(d2_inv, cred) == 0;
-    if (ok) {
-      sm2_[id] = Str(Bytes(d2, d2 + 32)) + Str(Bytes(d2_inv, d2_inv + 32));
-      result = {{"pubKey", Base64({p, p + 65})}, {"credential", Base64({cred, cred + 65})}};
-    }
-  } else if (method == "BIVOSignature") {
-    const Bytes q1 = FromBase64(Field(req, "q1")), e = FromBase64(Field(req, "digest"));
-    uint8_t r[32], s2[32], s3[32];
-    ok = ok && sm2_.count(id) != 0 && q1.size() == 65 && e.size() == 32 &&
-         BIVO_Server_CreateSigShare(e.data(), q1.data(), reinterpret_cast<const uint8_t *>(sm2_[id].data()), r, s2,
-                                    s3) == 0;
-    if (ok) result = {{"r", Base64({r, r + 32})}, {"s2", Base64({s2, s2 + 32})}, {"s3", Base64({s3, s3 + 32})}};
-  } else if (method == "BIVODecrypt") {
-    const Bytes t1 = FromBase64(Field(req, "t1"));
-    uint8_t t2[65];
-    ok = ok && sm2_.count(id) != 0 && t1.size() == 65 &&
-         BIVO_Server_CreatePlaintextShare(t1.data(), reinterpret_cast<const uint8_t *>(sm2_[id].data()) + 32, t2) == 0;
-    if (ok) result = {{"t2", Base64({t2, t2 + 65})}};
-  } else if (method == "BIVORSAGenKeyPair") {
-    const cJSON *bits = cJSON_GetObjectItemCaseSensitive(req, "bits");
-    EVP_PKEY *key = EVP_RSA_gen(cJSON_IsNumber(bits) ? static_cast<unsigned>(bits->valueint) : 2048);
-    BIGNUM *n = nullptr, *e = nullptr, *d = nullptr, *p = nullptr, *q = nullptr;
-    ok = ok && key != nullptr && EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_N, &n) == 1 &&
-         EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_E, &e) == 1 &&
-         EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_D, &d) == 1 &&
-         EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_FACTOR1, &p) == 1 &&
-         EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_FACTOR2, &q) == 1;
-    if (ok) {
-      // lambda(n) = lcm(p-1, q-1); d1 uniform below it, d2 = d - d1 mod lambda.
-      BN_CTX *ctx = BN_CTX_new();
-      BnPtr p1(BN_dup(p), BN_free), q1(BN_dup(q), BN_free), g(BN_new(), BN_free), lambda(BN_new(), BN_free),
-          d1(BN_new(), BN_free), d2(BN_new(), BN_free);
-      BN_sub_word(p1.get(), 1);
-      BN_sub_word(q1.get(), 1);
-      BN_gcd(g.get(), p1.get(), q1.get(), ctx);
-      BN_mul(lambda.get(), p1.get(), q1.get(), ctx);
-      BN_div(lambda.get(), nullptr, lambda.get(), g.get(), ctx);
-      BN_rand_range(d1.get(), lambda.get());
-      BN_mod_sub(d2.get(), d, d1.get(), lambda.get(), ctx);
-      const int k = BN_num_bytes(n);
-      rsa_[id] = {Bin(n, k), Bin(d2.get(), k)};
-      result = {{"n", Base64(Raw(Bin(n, k)))},
-                {"e", Base64(Raw(Bin(e, BN_num_bytes(e))))},
-                {"d1", Base64(Raw(Bin(d1.get(), k)))}};
-      BN_CTX_free(ctx);
-    }
-    for (BIGNUM *b : {n, e, d, p, q}) BN_clear_free(b);
-    EVP_PKEY_free(key);
-  } else if (method == "BIVORSASignature") {
-    const Bytes m = FromBase64(Field(req, "m"));
-    ok = ok && rsa_.count(id) != 0 && m.size() == rsa_[id].n.size();
-    if (ok) {
-      BN_CTX *ctx = BN_CTX_new();
-      BnPtr bm = Bn(Str(m)), n = Bn(rsa_[id].n), d2 = Bn(rsa_[id].d2), s2(BN_new(), BN_free);
-      BN_mod_exp(s2.get(), bm.get(), d2.get(), n.get(), ctx);
-      result = {{"s2", Base64(Raw(Bin(s2.get(), static_cast<int>(m.size()))))}};
-      BN_CTX_free(ctx);
-    }
-  } else {
-    ok = false;
+  cJSON *doc = cJSON_Parse(reply.c_str());
+  const cJSON *text = cJSON_GetObjectItemCaseSensitive(doc, "result");
+  cJSON *res = cJSON_IsString(text) ? cJSON_Parse(text->valuestring) : nullptr;
+  for (const cJSON *m = res != nullptr ? res->child : nullptr; m != nullptr; m = m->next) {
+    if (cJSON_IsString(m)) result[m->string] = m->valuestring;
   }
-  cJSON_Delete(req);
+  const bool answered = res != nullptr;
+  cJSON_Delete(res);
+  cJSON_Delete(doc);
+  if (answered && method.find("GenKeyPair") != std::string::npos) {
+    cJSON *req = cJSON_Parse(body.c_str());
+    const cJSON *id = cJSON_GetObjectItemCaseSensitive(req, "containerID");
+    if (cJSON_IsString(id)) containers_.insert(id->valuestring);
+    cJSON_Delete(req);
+  }
   std::string raw;
-  *http_status = 200;
   if (tamper_) tamper_(method, &result, &raw, http_status);
   if (!raw.empty()) return raw;
-  if (!ok) return R"({"status":400,"message":"bad request"})";
-  if (method == "BIVOInit") return R"({"status":200})";
-  cJSON *res = cJSON_CreateObject();
-  for (const auto &[k, v] : result) cJSON_AddStringToObject(res, k.c_str(), v.c_str());
-  cJSON *doc = cJSON_CreateObject();
+  // Refusals and the greeting go out as the service sent them.
+  if (!answered) return reply;
+  cJSON *out = cJSON_CreateObject();
+  for (const auto &[k, v] : result) cJSON_AddStringToObject(out, k.c_str(), v.c_str());
+  doc = cJSON_CreateObject();
   cJSON_AddNumberToObject(doc, "status", 200);
   if (result_object_) {
-    cJSON_AddItemToObject(doc, "result", res);
+    cJSON_AddItemToObject(doc, "result", out);
   } else {
-    char *text = cJSON_PrintUnformatted(res);
-    cJSON_AddStringToObject(doc, "result", text);
-    cJSON_free(text);
-    cJSON_Delete(res);
+    char *printed = cJSON_PrintUnformatted(out);
+    cJSON_AddStringToObject(doc, "result", printed);
+    cJSON_free(printed);
+    cJSON_Delete(out);
   }
-  char *out = cJSON_PrintUnformatted(doc);
-  std::string reply(out);
-  cJSON_free(out);
+  char *printed = cJSON_PrintUnformatted(doc);
+  std::string answer(printed);
+  cJSON_free(printed);
   cJSON_Delete(doc);
-  return reply;
+  return answer;
 }
 
 }  // namespace zeph_test

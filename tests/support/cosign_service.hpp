@@ -1,18 +1,20 @@
 // An in-process co-signing service on 127.0.0.1 for the client's tests: it
-// speaks the service JSON with the library's BIVO_Server_* steps (and an
-// additive RSA split), one connection at a time on its own thread, and lets
-// a test spoil any answer before it goes out.
+// passes each request to its own reference service (tools/zeph-cosign-server),
+// one connection at a time on its own thread, and lets a test spoil any
+// answer before it goes out.
 #pragma once
 
 #include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 
 #include <openssl/evp.h>
 
+#include "cosign_server.hpp"
 #include "test_support.hpp"
 
 namespace zeph_test {
@@ -61,11 +63,8 @@ class CosignService {
   std::atomic<bool> result_object_{false}, silent_{false};
   std::map<std::string, int> counts_;
   std::map<std::string, std::string> last_;
-  std::map<std::string, std::string> sm2_;  // containerID -> d2 || d2^-1
-  struct RsaKey {
-    std::string n, d2;  // big-endian
-  };
-  std::map<std::string, RsaKey> rsa_;
+  std::set<std::string> containers_;
+  CosignServer server_;
 };
 
 }  // namespace zeph_test

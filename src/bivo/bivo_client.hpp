@@ -90,8 +90,6 @@ uint32_t ResultBytes(const std::string &result, const char *key, size_t max, std
 uint32_t ResultPoint(const std::string &result, const char *key, Point *out);
 uint32_t ResultScalar(const std::string &result, const char *key, Scalar *out);
 
-std::string Base64(std::span<const uint8_t> bytes);
-
 // The DER of an ASN.1 object into der: 0 or ERR_ENCODE_FAILED.
 template <class T>
 uint32_t ToDer(int (*i2d)(const T *, unsigned char **), const T *obj, std::vector<uint8_t> *der) {

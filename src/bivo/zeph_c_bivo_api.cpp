@@ -9,6 +9,7 @@
 
 #include "bivo/bivo_client.hpp"
 #include "bivo/bivo_math.hpp"
+#include "foundation/helpers.hpp"
 #include "foundation/log.hpp"
 #include "foundation/output.hpp"
 #include "gm/gm_internal.hpp"
@@ -60,14 +61,6 @@ uint32_t Greet(const ZEPH_BIVO_CTX &ctx) {
 }
 
 }  // namespace
-
-std::string Base64(std::span<const uint8_t> bytes) {
-  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  const int n =
-      EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), bytes.data(), static_cast<int>(bytes.size()));
-  out.resize(n < 0 ? 0 : static_cast<size_t>(n));
-  return out;
-}
 
 std::string HexUpper(std::span<const uint8_t> bytes) {
   std::string out(2 * bytes.size() + 1, '\0');
@@ -253,7 +246,7 @@ ZEPH_API uint32_t ZEPH_C_BIVO_CreateKeyPair(ZEPH_BIVO_CTX *ctx, const unsigned c
     sm2::PointTo65(share.p1, p1);
     char request[kKeyPairRequest];
     const int n = std::snprintf(request, sizeof request, R"({"containerID":"%s", "p1":"%s", "deviceNumber":"%s"})",
-                                container_id, Base64(p1).c_str(), ctx->device_number);
+                                container_id, zeph::Base64Text(p1).c_str(), ctx->device_number);
     ZEPH_ENSURE(n > 0 && static_cast<size_t>(n) < sizeof request, ERR_INVALID_PARAMETER);
     std::string result;
     ZEPH_TRY(CallService(*ctx, "BIVOGenKeyPair", request, &result));
@@ -301,7 +294,7 @@ ZEPH_API uint32_t ZEPH_C_BIVO_DoSignature(ZEPH_BIVO_CTX *ctx, const unsigned cha
     char request[kShareRequest];
     const int n =
         std::snprintf(request, sizeof request, R"({"containerID":"%s", "q1":"%s", "digest":"%s", "signType":%d})",
-                      ctx->container_id, Base64(q1_raw).c_str(), Base64(e).c_str(), kSignType);
+                      ctx->container_id, zeph::Base64Text(q1_raw).c_str(), zeph::Base64Text(e).c_str(), kSignType);
     ZEPH_ENSURE(n > 0 && static_cast<size_t>(n) < sizeof request, ERR_INVALID_PARAMETER);
     std::string result;
     ZEPH_TRY(CallService(*ctx, "BIVOSignature", request, &result));
@@ -341,7 +334,7 @@ ZEPH_API uint32_t ZEPH_C_BIVO_SM2Decrypt(ZEPH_BIVO_CTX *ctx, const unsigned char
     sm2::PointTo65(t1, t1_raw);
     char request[kShareRequest];
     const int n = std::snprintf(request, sizeof request, R"({"containerID":"%s", "t1":"%s"})", ctx->container_id,
-                                Base64(t1_raw).c_str());
+                                zeph::Base64Text(t1_raw).c_str());
     ZEPH_ENSURE(n > 0 && static_cast<size_t>(n) < sizeof request, ERR_INVALID_PARAMETER);
     std::string result;
     ZEPH_TRY(CallService(*ctx, "BIVODecrypt", request, &result));

@@ -163,7 +163,7 @@ uint32_t CoSign(const ZEPH_BIVO_CTX &ctx, const RsaKey &key, const std::vector<u
   const size_t k = key.k();
   char request[kRsaRequest];
   const int len = std::snprintf(request, sizeof request, R"({"containerID":"%s","m":"%s"})", key.container_id.c_str(),
-                                Base64(em).c_str());
+                                zeph::Base64Text(em).c_str());
   ZEPH_ENSURE(len > 0 && static_cast<size_t>(len) < sizeof request, ERR_INVALID_PARAMETER);
   std::string result;
   ZEPH_TRY(CallService(ctx, "BIVORSASignature", request, &result, kRsaReply));

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "foundation/status_flow.hpp"
@@ -67,13 +68,19 @@ struct ZEPH_REQ_PARAM {
 
 // Data kind that embeds the data text as a JSON object.
 inline constexpr uint32_t kDataObject = 64;
+// Data kind of a JSON string whose text holds nothing JSON escapes (base64
+// the library wrote): printed as it is, unscanned.
+inline constexpr uint32_t kDataPlain = 1;
 
 struct ZEPH_RES_PARAM {
   uint32_t command;
   int64_t code;     // dispatcher failures zero-extended, handler statuses sign-extended
   uint32_t length;  // of data
-  char *data;       // malloc'd by the handler, or null
+  char *data;       // malloc'd by the handler, the text of `adopted`, or null
   uint32_t kind;    // kDataObject, or anything else for a JSON string
+  // A data text handed over whole (AdoptData); the record is not copied
+  // while data points into it.
+  std::string adopted = {};
 };
 
 using Handler = uint32_t (*)(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res);
@@ -117,6 +124,8 @@ inline uint32_t Answer(ZEPH_RES_PARAM *res, uint32_t status) {
 inline uint32_t NotOffered(ZEPH_RES_PARAM *res) { return Answer(res, 0x8208005Au); }
 // Copies text into a fresh data buffer of the response.
 uint32_t SetData(ZEPH_RES_PARAM *res, std::string_view text, uint32_t kind = 0);
+// Takes the text over without a copy: a seal's base64 is most of its reply.
+uint32_t AdoptData(ZEPH_RES_PARAM *res, std::string &&text, uint32_t kind = 0);
 
 // ---- The handlers, by group ------------------------------------------------
 #define ZEPH_CI_HANDLER(name) uint32_t name(ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res)

@@ -1,8 +1,11 @@
 // Request text -> ZEPH_REQ_PARAM. One fixed record; the only allocations are
 // the two owned texts (value and certificate).
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <string_view>
+#include <vector>
 
 #include "ci/ci_internal.hpp"
 #include "foundation/json_owned.hpp"
@@ -15,17 +18,62 @@ namespace {
 
 constexpr uint32_t kKeySnTooLong = 0xFFFFFFFFu;
 
+// The request's members in document order, looked up by name as cJSON does
+// (the first member of that name). Some fifty names are asked for and a
+// request holds a handful of members: a name whose length and first
+// character no member shares is answered at once.
+class Members {
+ public:
+  explicit Members(const cJSON *object) {
+    const cJSON *item = nullptr;
+    cJSON_ArrayForEach(item, object) {
+      if (item->string == nullptr) break;  // where cJSON's lookup stops too
+      const std::string_view name(item->string);
+      seen_ |= Bit(name);
+      if (count_ < kInline) {
+        inline_[count_] = {name, item};
+      } else {
+        more_.push_back({name, item});
+      }
+      ++count_;
+    }
+  }
+  const cJSON *Find(std::string_view key) const {
+    if ((seen_ & Bit(key)) == 0) return nullptr;
+    for (size_t i = 0; i < count_; ++i) {
+      const Member &m = i < kInline ? inline_[i] : more_[i - kInline];
+      if (m.name == key) return m.item;
+    }
+    return nullptr;
+  }
+
+ private:
+  struct Member {
+    std::string_view name;
+    const cJSON *item;
+  };
+  static constexpr size_t kInline = 16;
+  static uint64_t Bit(std::string_view name) {
+    const unsigned first = name.empty() ? 0 : static_cast<unsigned char>(name[0]);
+    return uint64_t{1} << ((name.size() * 7 + first) % 64);
+  }
+  uint64_t seen_ = 0;
+  size_t count_ = 0;
+  Member inline_[kInline];
+  std::vector<Member> more_;
+};
+
 // Several names for one field: the first key present wins, whatever its type.
-const cJSON *First(const cJSON *root, std::initializer_list<const char *> keys) {
-  for (const char *key : keys) {
-    if (const cJSON *item = cJSON_GetObjectItemCaseSensitive(root, key); item != nullptr) return item;
+const cJSON *First(const Members &root, std::initializer_list<std::string_view> keys) {
+  for (const std::string_view key : keys) {
+    if (const cJSON *item = root.Find(key); item != nullptr) return item;
   }
   return nullptr;
 }
 
 // Numbers by their integer value; true/false as 1/0 so "isRaw":true reads
 // naturally. Anything else leaves the field zero. True when a value was read.
-bool ReadNumber(const cJSON *root, std::initializer_list<const char *> keys, uint32_t *field) {
+bool ReadNumber(const Members &root, std::initializer_list<std::string_view> keys, uint32_t *field) {
   const cJSON *item = First(root, keys);
   if (cJSON_IsNumber(item)) {
     *field = static_cast<uint32_t>(item->valueint);
@@ -38,7 +86,7 @@ bool ReadNumber(const cJSON *root, std::initializer_list<const char *> keys, uin
 }
 
 template <size_t N>
-uint32_t ReadText(const cJSON *root, std::initializer_list<const char *> keys, Text<N> *field,
+uint32_t ReadText(const Members &root, std::initializer_list<std::string_view> keys, Text<N> *field,
                   uint32_t too_long = ERR_INVALID_PARAMETER) {
   const char *s = cJSON_GetStringValue(First(root, keys));
   if (s == nullptr) return 0;
@@ -62,8 +110,8 @@ uint32_t DecodeBase64Into(const char *text, uint8_t *out, uint32_t cap, uint32_t
 }
 
 template <size_t N>
-uint32_t ReadBlob(const cJSON *root, const char *key, Blob<N> *field) {
-  const char *s = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(root, key));
+uint32_t ReadBlob(const Members &root, std::string_view key, Blob<N> *field) {
+  const char *s = cJSON_GetStringValue(root.Find(key));
   if (s == nullptr) return 0;
   // A second key may decode into the same field: it holds only the last value.
   OPENSSL_cleanse(field->bytes, N);
@@ -74,7 +122,7 @@ uint32_t ReadBlob(const cJSON *root, const char *key, Blob<N> *field) {
 // Owned text, allocated at its length plus one and zero-filled. Strings are
 // copied; objects (where allowed) are kept as their unformatted JSON text;
 // any other type leaves the field empty.
-uint32_t ReadOwned(const cJSON *root, std::initializer_list<const char *> keys, bool objects, char **field,
+uint32_t ReadOwned(const Members &root, std::initializer_list<std::string_view> keys, bool objects, char **field,
                    uint32_t *field_len) {
   const cJSON *item = First(root, keys);
   JsonTextPtr printed;
@@ -120,7 +168,7 @@ uint32_t ParseRequest(const char *text, ZEPH_REQ_PARAM *req) {
   if (text == nullptr) return ERR_JSON_INVALID;
   WipedJsonPtr doc(cJSON_Parse(text));
   if (!doc || !cJSON_IsObject(doc.get())) return ERR_JSON_INVALID;
-  const cJSON *root = doc.get();
+  const Members root(doc.get());
 
   ReadNumber(root, {"type"}, &req->command);
   ReadNumber(root, {"devType"}, &req->devType);

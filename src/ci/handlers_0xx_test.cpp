@@ -4,6 +4,7 @@
 
 #include "ci/ci_device.hpp"
 #include "ci/ci_internal.hpp"
+#include "foundation/helpers.hpp"
 #include "foundation/owned.hpp"
 #include "pki/cert_input.hpp"
 #include "zeph_c_cert.h"
@@ -25,7 +26,8 @@ uint32_t TestP8(ZEPH_RES_PARAM *res) {
 uint32_t TestKeyPair(ZEPH_RES_PARAM *res) {
   uint8_t d[32], point[65];
   ZEPH_TRY(ZEPH_C_TestGetECCKeyPair(d, point));
-  const std::string text = "{\"prikey\":\"" + pki::Base64Text(d) + "\",\"pubkey\":\"" + pki::Base64Text(point) + "\"}";
+  const std::string text =
+      "{\"prikey\":\"" + zeph::Base64Text(d) + "\",\"pubkey\":\"" + zeph::Base64Text(point) + "\"}";
   return SetData(res, text);
 }
 

@@ -2,6 +2,7 @@
 #include <string>
 
 #include "ci/ci_device.hpp"
+#include "foundation/helpers.hpp"
 #include "foundation/owned.hpp"
 #include "pki/cert_input.hpp"
 #include "seal/seal_store.hpp"
@@ -53,8 +54,8 @@ uint32_t KeyPair(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   const uint32_t made = ZEPH_C_FKeyGenKeyPair(req.algID, req.pin.s, &p8_out, &p8_len, &spki_out, &spki_len);
   const MallocPtr<unsigned char> p8(p8_out), spki(spki_out);
   ZEPH_TRY(made);
-  std::string text = "{\"prikey\":\"" + pki::Base64Text({p8.get(), p8_len}) + "\",\"pubkey\":\"" +
-                     pki::Base64Text({spki.get(), spki_len}) + "\"}";
+  std::string text = "{\"prikey\":\"" + zeph::Base64Text({p8.get(), p8_len}) + "\",\"pubkey\":\"" +
+                     zeph::Base64Text({spki.get(), spki_len}) + "\"}";
   OPENSSL_cleanse(p8.get(), p8_len);
   const uint32_t rv = SetData(res, text);
   OPENSSL_cleanse(text.data(), text.size());

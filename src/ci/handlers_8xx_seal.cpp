@@ -1,5 +1,6 @@
 // Command handlers: Seals on the key, extended slots (8xx).
 #include <string>
+#include <utility>
 
 #include "ci/ci_seal.hpp"
 #include "seal/seal_store.hpp"
@@ -25,7 +26,7 @@ uint32_t GetSealInfoEx(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {
   ZEPH_TRY(req.selector == 1 ? seal::l_getFirstSealInfo(key_sn.c_str(), &type, &text)
                              : seal::l_getSealInfo_NotFirst(key_sn.c_str(), req.selector, &type, &text));
   // The text form arrives as an object, a DER seal as its base64.
-  return SetData(res, text, type == ZEPH_SEAL_TYPE_TEXT ? kDataObject : 0);
+  return AdoptData(res, std::move(text), type == ZEPH_SEAL_TYPE_TEXT ? kDataObject : kDataPlain);
 }
 
 uint32_t CheckSealType(const ZEPH_REQ_PARAM &req, ZEPH_RES_PARAM *res) {

@@ -4,11 +4,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string_view>
 
 #include "ci/ci_internal.hpp"
@@ -140,13 +142,103 @@ uint32_t RunHandler(Handler handler, ZEPH_REQ_PARAM *req, ZEPH_RES_PARAM *res) n
   }
 }
 
+// {"type":..,"code":..} as cJSON prints it: both are 32-bit statuses (either
+// extension), integers that it prints in decimal.
+struct Head {
+  char text[64];
+  size_t len;
+};
+Head HeadOf(const ZEPH_RES_PARAM &res) {
+  Head h;
+  char *at = h.text;
+  char *const end = h.text + sizeof h.text;
+  const auto put = [&at](std::string_view part) { at = std::copy(part.begin(), part.end(), at); };
+  put("{\"type\":");
+  at = std::to_chars(at, end, static_cast<int32_t>(res.command)).ptr;
+  put(",\"code\":");
+  at = std::to_chars(at, end, res.code).ptr;
+  put("}");
+  *at = '\0';
+  h.len = static_cast<size_t>(at - h.text);
+  return h;
+}
+
+// A data text as cJSON writes it inside a JSON string: \\" \\\\ \\b \\f \\n \\r \\t,
+// the other control characters as \\u00xx, every other byte as it is. Runs
+// without any of them (most of a text) are copied whole.
+template <class Put>
+void Escape(std::string_view text, Put put) {
+  static constexpr char kShort[] = "btn\0fr";  // \b \t \n, \f \r (8 to 13 but 11)
+  while (!text.empty()) {
+    const size_t run = PlainJsonRun(text);
+    put(text.substr(0, run));
+    if (run == text.size()) return;
+    const auto c = static_cast<unsigned char>(text[run]);
+    char esc[6] = {'\\', static_cast<char>(c), 0, 0, 0, 0};
+    size_t n = 2;
+    if (c >= 8 && c <= 13 && c != 11) {
+      esc[1] = kShort[c - 8];
+    } else if (c < 0x20) {
+      static constexpr char kHex[] = "0123456789abcdef";
+      esc[1] = 'u', esc[2] = '0', esc[3] = '0', esc[4] = kHex[c >> 4], esc[5] = kHex[c & 15];
+      n = 6;
+    }
+    put(std::string_view(esc, n));
+    text.remove_prefix(run + 1);
+  }
+}
+
+size_t EscapedSize(std::string_view text) {
+  size_t n = 0;
+  Escape(text, [&n](std::string_view part) { n += part.size(); });
+  return n;
+}
+
+// A reply that is its head with the data string written after it, the text
+// cJSON would print, without its character loop and growing buffer for
+// replies that are mostly data.
+struct Spliced {
+  Head head;
+  std::string_view data;
+  bool escaped;  // false: nothing in it needs escaping
+  size_t data_size;
+};
+
+// PIN verification reports its retry count on failure too.
+bool HasData(const ZEPH_RES_PARAM &res) { return res.data != nullptr && (res.code == 0 || res.command == 101); }
+
+std::optional<Spliced> Splice(const ZEPH_RES_PARAM &res) {
+  if (!HasData(res) || res.kind == kDataObject) return std::nullopt;
+  std::string_view text(res.data, res.length);
+  if (res.kind == kDataPlain) return Spliced{HeadOf(res), text, false, text.size()};
+  text = text.substr(0, text.find('\0'));  // a C string to cJSON
+  if (PlainJsonRun(text) == text.size()) return Spliced{HeadOf(res), text, false, text.size()};
+  return Spliced{HeadOf(res), text, true, EscapedSize(text)};
+}
+
+size_t SplicedSize(const Spliced &s) { return s.head.len + s.data_size + 10; }  // ,"data":" and "
+
+// Writes the reply and its terminator: SplicedSize + 1 bytes.
+void WriteSpliced(const Spliced &s, char *out) {
+  const auto put = [&out](std::string_view part) { out = std::copy(part.begin(), part.end(), out); };
+  put(std::string_view(s.head.text, s.head.len - 1));  // without '}'
+  put(",\"data\":\"");
+  if (s.escaped) {
+    Escape(s.data, put);
+  } else {
+    put(s.data);
+  }
+  put("\"}");
+  *out = '\0';
+}
+
 // The last resort when cJSON cannot allocate: the document without data.
 char *PrintBare(const ZEPH_RES_PARAM &res) {
-  char text[64];
-  const int n = std::snprintf(text, sizeof text, "{\"type\":%" PRId32 ",\"code\":%" PRId64 "}",
-                              static_cast<int32_t>(res.command), res.code);
-  auto *copy = static_cast<char *>(cJSON_malloc(static_cast<size_t>(n) + 1));
-  if (copy != nullptr) std::memcpy(copy, text, static_cast<size_t>(n) + 1);
+  const Head head = HeadOf(res);
+  const char *text = head.text;
+  const size_t n = head.len;
+  auto *copy = static_cast<char *>(cJSON_malloc(n + 1));
+  if (copy != nullptr) std::memcpy(copy, text, n + 1);
   return copy;
 }
 
@@ -157,11 +249,15 @@ struct Reply {
   ~Reply() { ReleaseResponse(&res); }
 };
 
-void Run(const char *request, Reply *reply) {
-  Dispatch(request, &reply->res);
+void Print(Reply *reply) {
   reply->text.reset(PrintResponse(reply->res));
   if (!reply->text) reply->text.reset(PrintBare(reply->res));
   if (reply->text) ZEPH_LOG(reply->text.get(), reply->res.code);
+}
+
+void Run(const char *request, Reply *reply) {
+  Dispatch(request, &reply->res);
+  Print(reply);
 }
 
 }  // namespace
@@ -183,9 +279,19 @@ uint32_t SetData(ZEPH_RES_PARAM *res, std::string_view text, uint32_t kind) {
   if (copy == nullptr) return ERR_OUT_OF_MEMORY;
   if (!text.empty()) std::memcpy(copy, text.data(), text.size());
   copy[text.size()] = '\0';
-  ZEPH_C_MALLOC_FREE(res->data);
+  ReleaseResponse(res);
   res->data = copy;
   res->length = static_cast<uint32_t>(text.size());
+  res->kind = kind;
+  return 0;
+}
+
+uint32_t AdoptData(ZEPH_RES_PARAM *res, std::string &&text, uint32_t kind) {
+  if (text.size() >= UINT32_MAX) return ERR_INVALID_PARAMETER;
+  ReleaseResponse(res);
+  res->adopted = std::move(text);
+  res->data = res->adopted.data();
+  res->length = static_cast<uint32_t>(res->adopted.size());
   res->kind = kind;
   return 0;
 }
@@ -217,56 +323,17 @@ void Dispatch(const char *request, ZEPH_RES_PARAM *res) {
   RunHandler(handler, &scope.req, res);
 }
 
-namespace {
-
-// Base64 and most other data texts hold no character that JSON escapes:
-// control characters, '"' and '\\'. Eight bytes at a time, with the word
-// tricks of strlen: x - 0x20 in every byte borrows where a byte is below 0x20,
-// and a byte equal to c is a zero byte of x ^ c.
-bool NeedsNoEscape(std::string_view text) {
-  constexpr uint64_t kOnes = 0x0101010101010101u, kHigh = 0x8080808080808080u;
-  const auto any_below = [](uint64_t x, uint64_t n) { return (x - kOnes * n) & ~x & kHigh; };
-  uint64_t hit = 0;
-  size_t i = 0;
-  for (; i + 8 <= text.size(); i += 8) {
-    uint64_t x;
-    std::memcpy(&x, text.data() + i, 8);
-    hit |= any_below(x, 0x20) | any_below(x ^ (kOnes * '"'), 1) | any_below(x ^ (kOnes * '\\'), 1);
-  }
-  for (; i < text.size(); ++i) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    hit |= (c < 0x20) | (c == '"') | (c == '\\');
-  }
-  return hit == 0;
-}
-
-// {"type":..,"code":..} with the string `data` spliced in as it is, the text
-// cJSON would print for it, without its per-character copy of replies that
-// are mostly data.
-char *SpliceData(const char *head, std::string_view data) {
-  static constexpr std::string_view kKey = ",\"data\":\"", kEnd = "\"}";
-  const std::string_view members(head, std::strlen(head) - 1);  // without '}'
-  auto *out = static_cast<char *>(cJSON_malloc(members.size() + kKey.size() + data.size() + kEnd.size() + 1));
-  if (out == nullptr) return nullptr;
-  char *at = out;
-  for (const std::string_view part : {members, kKey, data, kEnd}) at = std::copy(part.begin(), part.end(), at);
-  *at = '\0';
-  return out;
-}
-
-}  // namespace
-
 char *PrintResponse(const ZEPH_RES_PARAM &res) {
+  if (const auto spliced = Splice(res)) {
+    auto *out = static_cast<char *>(cJSON_malloc(SplicedSize(*spliced) + 1));
+    if (out != nullptr) WriteSpliced(*spliced, out);
+    return out;
+  }
   JsonPtr doc(cJSON_CreateObject());
   if (!doc) return nullptr;
   if (cJSON_AddNumberToObject(doc.get(), "type", static_cast<int32_t>(res.command)) == nullptr) return nullptr;
   if (cJSON_AddNumberToObject(doc.get(), "code", static_cast<double>(res.code)) == nullptr) return nullptr;
-  // PIN verification reports its retry count on failure too.
-  if (res.data != nullptr && (res.code == 0 || res.command == 101)) {
-    if (const std::string_view text(res.data); res.kind != kDataObject && NeedsNoEscape(text)) {
-      const JsonTextPtr head(cJSON_PrintUnformatted(doc.get()));
-      return head ? SpliceData(head.get(), text) : nullptr;
-    }
+  if (HasData(res)) {
     cJSON *data = nullptr;
     if (res.kind == kDataObject) data = cJSON_Parse(res.data);
     if (data == nullptr) data = cJSON_CreateString(res.data);
@@ -277,7 +344,8 @@ char *PrintResponse(const ZEPH_RES_PARAM &res) {
 }
 
 void ReleaseResponse(ZEPH_RES_PARAM *res) {
-  ZEPH_C_MALLOC_FREE(res->data);
+  if (res->data != res->adopted.data()) ZEPH_C_MALLOC_FREE(res->data);
+  res->adopted = std::string();
   res->data = nullptr;
   res->length = 0;
 }
@@ -291,7 +359,16 @@ extern "C" {
 ZEPH_API uint32_t ZEPH_C_CI(const char *request, char *out_response) {
   zeph::Guarded([&]() -> uint32_t {
     Reply reply;
-    zeph::ci::Run(request, &reply);
+    zeph::ci::Dispatch(request, &reply.res);
+    // With nobody logging the reply, one that is mostly a data text goes
+    // into the caller's buffer in one copy.
+    if (out_response != nullptr && !zeph::LogEnabled()) {
+      if (const auto spliced = zeph::ci::Splice(reply.res)) {
+        zeph::ci::WriteSpliced(*spliced, out_response);
+        return 0;
+      }
+    }
+    zeph::ci::Print(&reply);
     // Compat: the response is written without a capacity (the host sizes it
     // for the largest reply it asks for) and the call always returns 0: the
     // outcome is the document's "code".
@@ -320,8 +397,7 @@ ZEPH_API uint32_t ZEPH_C_CI_Ex(const char *request, char *out_response, uint32_t
       return 0;
     }
     if (out_response != nullptr && capacity > 0) {
-      zeph::ci::ZEPH_RES_PARAM bare = reply.res;
-      bare.data = nullptr;
+      const zeph::ci::ZEPH_RES_PARAM bare{reply.res.command, reply.res.code, 0, nullptr, reply.res.kind};
       const zeph::JsonTextPtr shorter(zeph::ci::PrintResponse(bare));
       const size_t n = shorter ? std::strlen(shorter.get()) + 1 : 0;
       if (n != 0 && n <= capacity) {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "device/detection.hpp"
@@ -24,6 +25,12 @@ constexpr const char *kCfgFileName = "vorli_ukey_cfg.json";
 char f_cfg[ZEPH_DEVICE_CFG_MAX];
 uint32_t f_cfg_len = 0;
 std::mutex f_cfg_mutex;
+
+// The vendor entries parsed from the configuration text g_entries_text.
+std::mutex g_entries_mutex;
+bool g_entries_valid = false;
+std::string g_entries_text;
+std::vector<zeph::device::VendorEntry> g_entries;
 
 // Reads the configuration file into f_cfg (caller holds f_cfg_mutex). A file
 // that does not fit the buffer is refused rather than cut.
@@ -46,13 +53,14 @@ uint32_t ReadConfigFile() {
 uint32_t CurrentConfigText(std::string *out) {
   uint32_t rv = 0;
   std::string before;
+  const bool logging = zeph::LogEnabled();  // every device call passes here
   {
     std::lock_guard<std::mutex> lock(f_cfg_mutex);
-    before = f_cfg;
+    if (logging) before = f_cfg;
     if (f_cfg[0] == '\0') rv = ReadConfigFile();
     out->assign(f_cfg);  // up to the first terminator: an old tail may follow
   }
-  ZEPH_LOG(before.c_str(), 0);
+  if (logging) ZEPH_LOG(before.c_str(), 0);
   return rv;
 }
 
@@ -64,6 +72,14 @@ uint32_t ReadVendorEntries(std::vector<VendorEntry> *out_entries) {
   out_entries->clear();
   std::string text;
   ZEPH_TRY(CurrentConfigText(&text));
+  // Every device call asks: the entries of the text last read are kept.
+  {
+    std::lock_guard<std::mutex> lock(g_entries_mutex);
+    if (g_entries_valid && g_entries_text == text) {
+      *out_entries = g_entries;
+      return 0;
+    }
+  }
   // The parser takes the first complete value and ignores what follows it.
   JsonPtr root(cJSON_Parse(text.c_str()));
   if (!root || !cJSON_IsArray(root.get())) return ERR_DEVICE_CONFIG_INVALID;
@@ -80,6 +96,10 @@ uint32_t ReadVendorEntries(std::vector<VendorEntry> *out_entries) {
     if (cJSON_IsString(lib) && std::strlen(lib->valuestring) < sizeof e.skf_lib) CopyText(e.skf_lib, lib->valuestring);
     out_entries->push_back(e);
   }
+  std::lock_guard<std::mutex> lock(g_entries_mutex);
+  g_entries_text = std::move(text);
+  g_entries = *out_entries;
+  g_entries_valid = true;
   return 0;
 }
 

@@ -38,6 +38,11 @@ struct SkfFunctions {
 
 // Looks up every entry point of `module` (a null module leaves all null).
 SkfFunctions ResolveSkf(void *module);
+// The same, looked up once per loaded library and kept for the process: the
+// 57 lookups cost more than a key's answer to a whole command. A library
+// unloaded since (FreeLibrary) is looked up afresh, as the loader may have
+// put another one at the same handle. Safe from any thread.
+SkfFunctions CachedSkf(void *module);
 
 // Calls a vendor entry point, or yields `missing` when the library lacks it.
 template <class Fn, class... Args>

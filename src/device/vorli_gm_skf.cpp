@@ -228,7 +228,7 @@ ZEPH_API uint32_t GM_SKF_CTX_Initialize(GM_SKF_CTX **out_ctx, uint32_t reserved,
 
     ctx->module = getCryptoDeviceHandleWithKeySN(key_sn);
     if (ctx->module == nullptr) return ERR_NO_DEVICE_LIBRARY;
-    ctx->skf = zeph::device::ResolveSkf(ctx->module);
+    ctx->skf = zeph::device::CachedSkf(ctx->module);
 
     rv = CallSkf(ctx->skf.SKF_ConnectDev, ERR_NO_DEVICE_LIBRARY, device_name, &ctx->device);
     ZEPH_LOG(device_name, 0);

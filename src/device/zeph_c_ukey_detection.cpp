@@ -25,7 +25,7 @@ namespace {
 // vendor's status when it cannot list its devices at all. A device that does
 // not answer is only skipped.
 uint32_t ListDevicesOf(void *module, const VendorEntry &vendor, cJSON *list) {
-  const SkfFunctions skf = ResolveSkf(module);
+  const SkfFunctions skf = CachedSkf(module);
   std::vector<std::string> names;
   ZEPH_TRY(EnumNames(skf.SKF_EnumDev, TRUE, ERR_NO_DEVICE_LIBRARY, &names));
   for (std::string &name : names) {

@@ -14,22 +14,6 @@ namespace {
 // Compat: the encoders' own failure is 0xFFFFFFFF, not a library status.
 constexpr uint32_t kFailed = 0xFFFFFFFFu;
 
-size_t Base64Length(size_t n) { return (n + 2) / 3 * 4; }
-
-// EVP_EncodeBlock takes int lengths: long inputs go through in steps of a
-// multiple of three bytes so the text joins up seamlessly. Writes the
-// terminator after the text.
-void EncodeBase64(const unsigned char *data, size_t n, char *out) {
-  constexpr size_t kStep = size_t{3} << 28;
-  auto *to = reinterpret_cast<unsigned char *>(out);
-  *to = '\0';
-  for (size_t done = 0; done < n;) {
-    const size_t step = std::min(n - done, kStep);
-    to += EVP_EncodeBlock(to, data + done, static_cast<int>(step));
-    done += step;
-  }
-}
-
 // The characters OpenSSL's block decoder drops from the end of a text.
 bool DecoderIgnoresAtEnd(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '-'; }
 
@@ -69,11 +53,11 @@ extern "C" {
 ZEPH_API uint32_t File_PEMEncode(const unsigned char *data, uint32_t length, char *out, uint32_t *in_out_len) {
   if (data == nullptr || in_out_len == nullptr) return ERR_INVALID_PARAMETER;
   if (length == 0) return kFailed;
-  const size_t text_len = Base64Length(length);
+  const size_t text_len = zeph::Base64Length(length);
   if (text_len >= UINT32_MAX) return kFailed;
   // Encoded straight into the caller's buffer once it is known to fit.
   if (auto done = zeph::ReserveOutput(text_len + 1, out, in_out_len)) return *done;
-  EncodeBase64(data, length, out);
+  zeph::Base64Encode({data, length}, out);
   *in_out_len = static_cast<uint32_t>(text_len);
   return 0;
 }
@@ -124,9 +108,9 @@ ZEPH_API uint32_t zeph_c_utils_hex2b64(const unsigned char *data, uint32_t lengt
   if (data == nullptr) return ERR_INVALID_PARAMETER;
   if (length == 0) return kFailed;
   // Sized for the base64 text itself: 2 * length + 1 would be short for one byte.
-  auto *text = static_cast<char *>(std::calloc(Base64Length(length) + 1, 1));
+  auto *text = static_cast<char *>(std::malloc(zeph::Base64Length(length) + 1));
   if (text == nullptr) return kFailed;
-  EncodeBase64(data, length, text);
+  zeph::Base64Encode({data, length}, text);
   *out_text = text;
   return 0;
 }

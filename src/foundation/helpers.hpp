@@ -4,6 +4,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
+#include <string>
 
 #include <openssl/evp.h>
 
@@ -16,6 +18,33 @@ namespace zeph {
 // trailing '=' (three or more trailing '=' fail). An empty text gives 0 and
 // no buffer; failure gives -1 and no buffer. The caller frees *out_buffer.
 int Base64Decode(const char *text, unsigned char **out_buffer);
+
+// The length of the base64 text of n bytes, without a terminator.
+constexpr size_t Base64Length(size_t n) { return (n + 2) / 3 * 4; }
+
+// Writes the base64 text of `bytes` exactly as EVP_EncodeBlock does ('='
+// padding, no line breaks) and a terminator after it into `out`, which holds
+// Base64Length + 1 bytes; returns the text's length. No length limit.
+size_t Base64Encode(std::span<const uint8_t> bytes, char *out);
+// The same as a string (empty for no bytes).
+std::string Base64Text(std::span<const uint8_t> bytes);
+
+// An encoder path: portable, or AVX2 where CPUID reports it. The process
+// uses one, chosen on first use; ZEPH_CPU=portable (or aesni) keeps the
+// portable path.
+struct Base64Encoder {
+  const char *name;
+  size_t (*encode)(const uint8_t *in, size_t n, char *out);  // as Base64Encode
+};
+const Base64Encoder &ActiveBase64Encoder();
+// Every path this CPU runs, portable first, so tests can compare them.
+std::span<const Base64Encoder *const> Base64EncodersOnThisCpu();
+// Reads ZEPH_CPU again. Not for use while other threads encode.
+void ReselectBase64ForTesting();
+
+// How many times FreeLibrary has run in this process. Entry points looked up
+// before an unload may belong to a library that is gone.
+uint64_t LibraryUnloads();
 
 // PKCS#5 padding of `length` bytes up to `out_size` bytes: out_size - length
 // pad bytes, each holding that count, after the data (front == 0) or before

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "foundation/log.hpp"
 #include "foundation/secure_bytes.hpp"
 #include "zeph_c_status.h"
 #include "zeph_c_utils.h"
@@ -25,6 +26,12 @@ std::tm LocalNow() {
 }
 
 }  // namespace
+
+namespace zeph {
+
+bool LogEnabled() { return LoadCallback() != nullptr; }
+
+}  // namespace zeph
 
 extern "C" {
 

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "foundation/helpers.hpp"
 #include "foundation/json_owned.hpp"
 #include "foundation/output.hpp"
 #include "foundation/sm2_params.hpp"
@@ -128,7 +129,7 @@ ZEPH_API uint32_t ZEPH_C_SplitCertChain(const unsigned char *chain, uint32_t cha
       const int len = i2d_X509(x.get(), &der);
       const zeph::OpenSslPtr<unsigned char> der_owner(der);
       if (len <= 0) return ERR_ENCODE_FAILED;
-      const std::string b64 = zeph::pki::Base64Text({der, static_cast<size_t>(len)});
+      const std::string b64 = zeph::Base64Text({der, static_cast<size_t>(len)});
       cJSON *item = cJSON_CreateString(b64.c_str());
       if (item == nullptr || !cJSON_AddItemToArray(array.get(), item)) return ERR_OUT_OF_MEMORY;
     }

@@ -9,6 +9,7 @@
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 
+#include "foundation/helpers.hpp"
 #include "foundation/status_flow.hpp"
 #include "pki/cert_input.hpp"
 #include "zeph_c_cert.h"

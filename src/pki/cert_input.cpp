@@ -305,14 +305,6 @@ uint32_t TextBytes(std::string_view text, Bytes *out) {
   return 0;
 }
 
-std::string Base64Text(std::span<const uint8_t> bytes) {
-  std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  const int n =
-      EVP_EncodeBlock(reinterpret_cast<unsigned char *>(text.data()), bytes.data(), static_cast<int>(bytes.size()));
-  text.resize(n > 0 ? static_cast<size_t>(n) : 0);
-  return text;
-}
-
 uint32_t ParseDn(std::string_view text, X509NamePtr *out) {
   text = Trim(text);
   const bool slashes = !text.empty() && text.front() == '/';

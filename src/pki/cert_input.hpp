@@ -34,9 +34,6 @@ uint32_t BuildCertBundle(std::span<X509 *const> certs, Bytes *out_der);
 // ERR_BASE64_INVALID when it is neither.
 uint32_t TextBytes(std::string_view text, Bytes *out);
 
-// Base64 of bytes (no line breaks).
-std::string Base64Text(std::span<const uint8_t> bytes);
-
 // A name from "CN=a,O=b" or "/CN=a/O=b" (UTF-8; a backslash escapes the
 // next character; blanks around types and values are dropped). The entries
 // keep the order written. Types are OpenSSL short or long names or dotted

@@ -3,8 +3,7 @@
 #include <cstring>
 #include <string>
 
-#include <openssl/evp.h>
-
+#include "foundation/helpers.hpp"
 #include "foundation/json_owned.hpp"
 #include "foundation/output.hpp"
 #include "foundation/status_flow.hpp"
@@ -43,13 +42,6 @@ std::string Utf8(Bytes b) {
       ++i;
     }
   }
-  return out;
-}
-
-std::string Base64(Bytes b) {
-  std::string out(4 * ((b.size() + 2) / 3) + 1, '\0');
-  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), b.data(), static_cast<int>(b.size()));
-  out.resize(n > 0 ? static_cast<size_t>(n) : 0);
   return out;
 }
 
@@ -111,7 +103,7 @@ Json DescribeSeal(const SealView &s) {
   JsonPtr certs(cJSON_CreateArray());
   bool certs_ok = certs != nullptr;
   for (const Bytes &cert : s.certs) {
-    cJSON *item = certs_ok ? cJSON_CreateString(Base64(cert).c_str()) : nullptr;
+    cJSON *item = certs_ok ? cJSON_CreateString(zeph::Base64Text(cert).c_str()) : nullptr;
     certs_ok = item != nullptr && cJSON_AddItemToArray(certs.get(), item);
     if (!certs_ok) cJSON_Delete(item);
   }
@@ -128,7 +120,7 @@ Json DescribeSeal(const SealView &s) {
       .Time("createDate", s.create_date)
       .Time("validStart", s.valid_start)
       .Time("validEnd", s.valid_end)
-      .Text("makerCert", Base64(s.maker_cert))
+      .Text("makerCert", zeph::Base64Text(s.maker_cert))
       .Bool("timeStamp", s.time_stamp);
   return j;
 }
@@ -138,7 +130,7 @@ Json DescribeSignature(const SignatureView &v) {
   j.Text("kind", "signature")
       .Text("family", v.family == Family::kSes ? "SES" : "GB")
       .Number("version", v.version)
-      .Text("signerCert", Base64(v.signer_cert))
+      .Text("signerCert", zeph::Base64Text(v.signer_cert))
       .Text("signatureForm", SignatureDer(v.signature).raw ? "raw" : "der");
   // The signing time normalised when it can be read, else as stored.
   if (TimeOf(v.time_info)) {

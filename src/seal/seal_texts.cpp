@@ -9,6 +9,7 @@
 #include <iconv.h>
 #include <openssl/objects.h>
 
+#include "foundation/helpers.hpp"
 #include "foundation/json_owned.hpp"
 #include "foundation/owned.hpp"
 #include "foundation/status_flow.hpp"
@@ -163,17 +164,16 @@ class Flat {
     Key(key);
     s_ += '"';
     // Runs of plain characters go in whole: base64 is one run.
-    size_t run = 0;
-    for (size_t i = 0; i < value.size(); ++i) {
-      const auto u = static_cast<unsigned char>(value[i]);
-      if (u >= 0x20 && u != '"' && u != '\\') continue;
-      s_.append(value.substr(run, i - run));
-      run = i + 1;
+    while (!value.empty()) {
+      const size_t run = PlainJsonRun(value);
+      s_.append(value.substr(0, run));
+      if (run == value.size()) break;
+      const auto u = static_cast<unsigned char>(value[run]);
       char esc[8];
       std::snprintf(esc, sizeof esc, u < 0x20 ? "\\u%04x" : "\\%c", u);
       s_ += esc;
+      value.remove_prefix(run + 1);
     }
-    s_.append(value.substr(run));
     s_ += '"';
     return *this;
   }
@@ -216,17 +216,7 @@ std::string Member(const cJSON *obj, const char *key) {
 
 }  // namespace
 
-std::string ToBase64(std::span<const uint8_t> bytes) {
-  if (bytes.empty()) return "";
-  char *raw = nullptr;
-  // Encoding fails only for want of memory.
-  if (bytes.size() > UINT32_MAX / 2 ||
-      zeph_c_utils_hex2b64(bytes.data(), static_cast<uint32_t>(bytes.size()), &raw) != 0) {
-    throw std::bad_alloc();
-  }
-  const MallocPtr<char> text(raw);
-  return text.get();
-}
+std::string ToBase64(std::span<const uint8_t> bytes) { return Base64Text(bytes); }
 
 uint32_t FromBase64(std::string_view text, std::vector<uint8_t> *out) {
   out->clear();
@@ -244,15 +234,20 @@ uint32_t FromBase64(std::string_view text, std::vector<uint8_t> *out) {
 
 int32_t DerSealType(std::span<const uint8_t> der) {
   if (der.empty() || der.size() > UINT32_MAX) return ZEPH_SEAL_TYPE_UNKNOWN;
-  const int32_t type = chkSealTypeEx(der.data(), static_cast<uint32_t>(der.size()));
-  if (type == ZEPH_SEAL_TYPE_SES || type == ZEPH_SEAL_TYPE_GB) return type;
-  if (type == ZEPH_SEAL_TYPE_TEXT) return ZEPH_SEAL_TYPE_UNKNOWN;  // "<I" opens no DER
-  // Real seals the structures refuse, read as the seal operations' tolerant
-  // reader reads them; like the structures, bytes after the seal are ignored.
+  // The tolerant reader first: it reads in place, where the structures'
+  // decoder builds (and frees) the whole seal, the picture copied, which is
+  // most of the time a seal read from a key takes. The answer is the same:
+  // what it reads counts as a seal in any case, and its family is told by
+  // the tag of the seal's second member, a SEQUENCE for SES and an OCTET
+  // STRING for GB, which the two structures demand there as well. Like the
+  // structures, it ignores bytes after the seal.
   const auto first = der::ReadTlv(der);
-  const auto view = first ? reader::ReadSeal(first->whole) : std::nullopt;
-  if (!view) return ZEPH_SEAL_TYPE_UNKNOWN;
-  return view->family == reader::Family::kSes ? ZEPH_SEAL_TYPE_SES : ZEPH_SEAL_TYPE_GB;
+  if (const auto view = first ? reader::ReadSeal(first->whole) : std::nullopt) {
+    return view->family == reader::Family::kSes ? ZEPH_SEAL_TYPE_SES : ZEPH_SEAL_TYPE_GB;
+  }
+  // What the reader refuses the structures may still decode (BER lengths, say).
+  const int32_t type = chkSealTypeEx(der.data(), static_cast<uint32_t>(der.size()));
+  return type == ZEPH_SEAL_TYPE_SES || type == ZEPH_SEAL_TYPE_GB ? type : ZEPH_SEAL_TYPE_UNKNOWN;
 }
 
 uint32_t ReadSlotText(std::string_view text, SlotSeal *out) {

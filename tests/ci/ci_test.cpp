@@ -101,6 +101,7 @@ TEST(CiDispatch, ResponseCarriesDataOnlyOnSuccessOrForPinVerification) {
       {801, 0, R"({ "a" : [1, {"b":null}] })", kDataObject, R"({"type":801,"code":0,"data":{"a":[1,{"b":null}]}})"},
       {801, 0, R"({"a":)", kDataObject, R"({"type":801,"code":0,"data":"{\"a\":"})"},
       {801, 0, "{}", 63, R"({"type":801,"code":0,"data":"{}"})"},
+      {801, 0, "QUJD+/==", kDataPlain, R"({"type":801,"code":0,"data":"QUJD+/=="})"},
       {801, handler, R"({"a":1})", kDataObject, R"({"type":801,"code":-2113404837})"},
       {108, 0, "", 0, R"({"type":108,"code":0,"data":""})"},
       {101, handler, "5", 0, R"({"type":101,"code":-2113404837,"data":"5"})"},

@@ -11,6 +11,7 @@
 #include "device/skf_functions.hpp"
 #include "device/vorli_gm_skf.hpp"
 #include "zeph_c_device.h"
+#include "zeph_c_utils.h"
 
 namespace {
 
@@ -121,6 +122,24 @@ TEST(VendorNameLists, SplitWithinTheReportedSize) {
   EXPECT_EQ(SplitNames(list, 5), (std::vector<std::string>{"A1"}));  // cut inside a name: dropped
   EXPECT_TRUE(SplitNames(list, 0).empty());
   EXPECT_TRUE(SplitNames("\0A\0", 3).empty());
+}
+
+// Entry points are kept per library, and looked up afresh once a library has
+// been unloaded: the loader often puts the next library at the same handle.
+TEST(VendorEntryPoints, KeptPerLibraryUntilAnUnload) {
+  using zeph::device::CachedSkf;
+  using zeph::device::ResolveSkf;
+  void *ext = LoadLibraryA(ZEPH_SOFTKEY_LIB);
+  ASSERT_NE(ext, nullptr);
+  EXPECT_NE(CachedSkf(ext).SKF_RSADecrypt, nullptr);
+  EXPECT_EQ(CachedSkf(ext).SKF_ConnectDev, ResolveSkf(ext).SKF_ConnectDev);
+  EXPECT_EQ(CachedSkf(nullptr).SKF_ConnectDev, nullptr);
+  ASSERT_EQ(FreeLibrary(ext), 0);
+  void *noext = LoadLibraryA(ZEPH_SOFTKEY_NOEXT_LIB);
+  ASSERT_NE(noext, nullptr);
+  EXPECT_EQ(CachedSkf(noext).SKF_RSADecrypt, nullptr);  // the extension the other library had
+  EXPECT_EQ(CachedSkf(noext).SKF_ConnectDev, ResolveSkf(noext).SKF_ConnectDev);
+  EXPECT_EQ(FreeLibrary(noext), 0);
 }
 
 }  // namespace

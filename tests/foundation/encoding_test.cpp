@@ -1,5 +1,7 @@
 // Base64 and hex texts, and the null-pointer sweep.
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -66,6 +68,36 @@ TEST(Base64, EncodersMatchOpenSslAndRoundTrip) {
   const unsigned char b = 0xFF;
   EXPECT_EQ(zeph_c_utils_hex2b64(&b, 0, &text), 0xFFFFFFFFu);
   EXPECT_EQ(text, nullptr);
+}
+
+// Each path ZEPH_CPU selects, against EVP_EncodeBlock: every length up to
+// 300 (every tail and every start of the AVX2 loop), then long buffers, with
+// the terminator after the text and nothing written past it.
+TEST(Base64, EveryEncoderPathWritesWhatOpenSslWrites) {
+  std::vector<std::string> paths;
+  for (const char *cpu : {"portable", "avx2"}) {
+    const ScopedEnv env("ZEPH_CPU", cpu);
+    zeph::ReselectBase64ForTesting();
+    const std::string name = zeph::ActiveBase64Encoder().name;
+    paths.push_back(name);
+    SCOPED_TRACE(name);
+    std::vector<size_t> lengths(301);
+    for (size_t n = 0; n <= 300; ++n) lengths[n] = n;
+    lengths.insert(lengths.end(), {4095, 65536, 100003});
+    for (const size_t n : lengths) {
+      const Bytes data = RandomBytes(n, static_cast<uint32_t>(n) + 7);
+      const std::string want = Base64(data);
+      std::string got(zeph::Base64Length(n) + 2, '#');
+      ASSERT_EQ(zeph::Base64Encode(data, got.data()), want.size()) << n;
+      ASSERT_EQ(got.substr(0, want.size()), want) << n;
+      ASSERT_EQ(got.substr(want.size()), std::string("\0#", 2)) << n;
+      ASSERT_EQ(zeph::Base64Text(data), want) << n;
+    }
+  }
+  zeph::ReselectBase64ForTesting();
+  EXPECT_EQ(paths[0], "portable");
+  // The AVX2 path runs wherever the CPU has it.
+  EXPECT_EQ(paths[1], zeph::Base64EncodersOnThisCpu().back()->name);
 }
 
 TEST(Hex, UpperCaseWithoutTerminator) {

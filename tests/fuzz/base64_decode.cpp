@@ -1,5 +1,7 @@
 // Both base64 decoders on arbitrary text: zeph::Base64Decode (with
-// zeph_c_utils_b64tohex2 over it) and the block decoder File_PEMDecode.
+// zeph_c_utils_b64tohex2 over it) and the block decoder File_PEMDecode; and
+// every encoder path this CPU runs on the same bytes, against OpenSSL's.
+#include <openssl/evp.h>
 
 #include "check.hpp"
 #include "foundation/helpers.hpp"
@@ -7,6 +9,16 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string text = fuzz::Text(data, size);
+
+  // Exactly sized (text and terminator): a write past them is caught.
+  std::vector<unsigned char> want(zeph::Base64Length(size) + 1);
+  const int want_len = EVP_EncodeBlock(want.data(), data, static_cast<int>(size));
+  for (const zeph::Base64Encoder *encoder : zeph::Base64EncodersOnThisCpu()) {
+    std::vector<char> got(want.size());
+    fuzz::Check(encoder->encode(data, size, got.data()) == static_cast<size_t>(want_len) &&
+                std::memcmp(got.data(), want.data(), want.size()) == 0);
+  }
+
   unsigned char *decoded = nullptr;
   const int n = zeph::Base64Decode(text.c_str(), &decoded);
   fuzz::Check(n >= -1 && (n > 0) == (decoded != nullptr));

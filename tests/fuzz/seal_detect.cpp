@@ -1,7 +1,9 @@
-// Type detection, pictures and details on arbitrary bytes, with capacities
+// Type detection (the exported checks and the one for seals read from a
+// key), pictures and details on arbitrary bytes, with capacities
 // the input picks: nothing is written past a stated capacity, and a picture
 // that fits is the one the length query announced.
 #include "check.hpp"
+#include "seal/seal_store.hpp"
 #include "zeph_c_seal.h"
 
 namespace {
@@ -16,6 +18,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const auto len = static_cast<uint32_t>(size);
   const int32_t type = chkSealType(data, len), type_ex = chkSealTypeEx(data, len);
   fuzz::Check((type != ZEPH_SEAL_TYPE_SES && type != ZEPH_SEAL_TYPE_GB) || type_ex == type);
+  // Seals read from a key are typed by the in-place reader first: where the
+  // structures decode the bytes, it must come to their answer.
+  const int32_t stored = zeph::seal::DerSealType({data, size});
+  fuzz::Check((type_ex != ZEPH_SEAL_TYPE_SES && type_ex != ZEPH_SEAL_TYPE_GB) || stored == type_ex);
 
   const uint32_t capacity = size == 0 ? 0 : data[size - 1] * 64u;
   for (const PictureFn picture : kPictures) {

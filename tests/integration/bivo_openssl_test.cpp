@@ -11,37 +11,21 @@
 
 #include <gtest/gtest.h>
 
-#include "test_support.hpp"
+#include "cli_support.hpp"
+#include "softkey_env.hpp"
 #include "zeph_c.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using zeph_test::Bytes;
 using zeph_test::ReadBytes;
 using zeph_test::WriteBytes;
 
 const std::vector<uint32_t> kLengths = {1, 33, 4096, 6000};
 const std::string kId = "ALICE123@YAHOO.COM";
 
-uint32_t Len(const Bytes &b) { return static_cast<uint32_t>(b.size()); }
-
-std::string Name(const char *prefix, size_t i, const char *suffix = "") {
-  std::string s(prefix);
-  s.append(std::to_string(i)).append(suffix);
-  return s;
-}
-
-bool Shell(const std::string &dir, const std::string &script) {
-  return std::system(("cd '" + dir + "' && { " + script + " ; } >run.log 2>&1").c_str()) == 0;
-}
-
-// The joint key as a DER SubjectPublicKeyInfo (id-ecPublicKey, the SM2 curve);
-// openssl turns it into PEM.
-Bytes Spki(const uint8_t *point) {
-  Bytes der = zeph_test::FromHex("3059301306072A8648CE3D020106082A811CCF5501822D034200");
-  der.insert(der.end(), point, point + 65);
-  return der;
-}
+using zeph_it::Len;
+using zeph_it::Name;
 
 class BivoOpenSsl : public testing::Test {
  protected:
@@ -53,7 +37,7 @@ class BivoOpenSsl : public testing::Test {
              BIVO_Server_CreateKeyShare(P1, d2_, d2_inv_, P_) == 0 &&
              BIVO_Server_CreateKeyShareCredential(d2_inv_, credential) == 0 &&
              BIVO_Client_VerifyKeyShares(d1_, P_, credential) == 0;
-    WriteBytes(File("joint.der"), Spki(P_));
+    WriteBytes(File("joint.der"), zeph_it::Sm2Spki({P_, P_ + 65}));  // openssl turns it into PEM
     std::string script =
         "openssl pkey -pubin -inform DER -in joint.der -out joint.pem && "
         "openssl ecparam -name SM2 -genkey -noout -out ca.key && "
@@ -66,7 +50,7 @@ class BivoOpenSsl : public testing::Test {
       script +=
           " && openssl pkeyutl -encrypt -pubin -inkey joint.pem -in " + Name("m", i) + " -out " + Name("m", i, ".enc");
     }
-    ready_ = ready_ && Shell(dir_->path().string(), script);
+    ready_ = ready_ && zeph_it::RunIn(dir_->path().string(), script);
   }
   static void TearDownTestSuite() { delete dir_; }
   void SetUp() override { ASSERT_TRUE(ready_) << "setup failed, see " << File("run.log"); }
@@ -167,7 +151,7 @@ TEST_F(BivoOpenSsl, EverySigningVariantVerifiesWithOpenSsl) {
         " -in " + Name("s", v, ".msg") + " -sigfile " + Name("s", v);
   }
   UninitializeBivoHandle(h);
-  EXPECT_TRUE(Shell(dir_->path().string(), script)) << "openssl refused a signature, see " << File("run.log");
+  EXPECT_TRUE(zeph_it::RunIn(dir_->path().string(), script)) << "openssl refused a signature, see " << File("run.log");
 }
 
 TEST_F(BivoOpenSsl, CosignToolRunsEachStepInItsOwnProcess) {
@@ -190,7 +174,7 @@ TEST_F(BivoOpenSsl, CosignToolRunsEachStepInItsOwnProcess) {
       "! " +
       zeph + "keygen --side client --d1 $(v d1 c1) --pubkey $(v pubKey s1) --credential $(v p1 c1)";
   zeph_test::TempDir dir;
-  const bool ok = Shell(dir.path().string(), script);
+  const bool ok = zeph_it::RunIn(dir.path().string(), script);
   const Bytes log = ReadBytes(dir.file("run.log"));
   EXPECT_TRUE(ok) << std::string(log.begin(), log.end());
 }

@@ -2,8 +2,6 @@
 // key, checked by `openssl req -verify`, signed by an `openssl ca` CA, stored
 // and read back; encryption pairs; the key's objects as JSON; key pairs in
 // software and the public test key.
-#include <openssl/pem.h>
-#include <openssl/pkcs12.h>
 #include <openssl/x509.h>
 
 #include "ci_support.hpp"
@@ -20,37 +18,13 @@ using zeph_test::TestCa;
 using Bytes = std::vector<uint8_t>;
 using Leaf = TestCa::LeafOptions;
 
-// One request; numbers and texts by key.
-Reply Row(int type, const std::map<std::string, std::string> &texts, const std::map<std::string, int> &numbers = {}) {
-  cJSON *req = cJSON_CreateObject();
-  cJSON_AddNumberToObject(req, "type", type);
-  for (const auto &[k, v] : texts) cJSON_AddStringToObject(req, k.c_str(), v.c_str());
-  for (const auto &[k, v] : numbers) cJSON_AddNumberToObject(req, k.c_str(), v);
-  char *text = cJSON_PrintUnformatted(req);
-  const Reply r = ci_test::Ci(text);
-  cJSON_free(text);
-  cJSON_Delete(req);
-  return r;
-}
-
 using Texts = std::map<std::string, std::string>;
+using ci_test::Member;
+using ci_test::Row;
 
 Texts With(Texts m, const std::string &k, const std::string &v) {
   m[k] = v;
   return m;
-}
-
-std::string Text(const std::string &file) {
-  const Bytes b = zeph_test::ReadBytes(file);
-  return {b.begin(), b.end()};
-}
-
-std::string Field(const std::string &json, const char *key) {
-  cJSON *doc = cJSON_Parse(json.c_str());
-  const char *v = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(doc, key));
-  std::string out = v != nullptr ? v : "";
-  cJSON_Delete(doc);
-  return out;
 }
 
 class Enrolment : public zeph_it::SoftkeyTest {
@@ -99,7 +73,8 @@ TEST_F(Enrolment, RequestSignedByTheKeyComesBackAsItsCertificate) {
 
     // The chain: stored from PEM, read as a bundle, split, used to verify.
     const Reply stored =
-        Row(402, With(Key(), "certChain", Text(ca.intermediate()) + Text(ca.root())), {{"asymid", a.area}});
+        Row(402, With(Key(), "certChain", ci_test::FileText(ca.intermediate()) + ci_test::FileText(ca.root())),
+            {{"asymid", a.area}});
     ASSERT_EQ(stored.code, 0) << stored.text;
     const Reply chain = Row(202, {{"keySN", "ZA_EN01"}}, {{"asymid", a.area}});
     EXPECT_EQ(chain.data, stored.data);
@@ -122,7 +97,7 @@ TEST_F(Enrolment, EncryptionPairsAreWrappedForTheKey) {
     TestCa ca(a.alg);
     // A pair made in software, its request, the CA's certificate for it.
     const Reply pair = Row(700, {}, {{"algID", a.bits}});
-    const std::string prikey = Field(pair.data, "prikey");
+    const std::string prikey = Member(pair.data, "prikey");
     const Reply csr = Row(702, {{"prikey", prikey}, {"dn", "CN=enc,O=zeph test"}});
     const std::string req = files_.file("enc" + std::to_string(a.area) + ".der");
     zeph_test::WriteBytes(req, FromBase64(csr.data));
@@ -133,23 +108,20 @@ TEST_F(Enrolment, EncryptionPairsAreWrappedForTheKey) {
     EXPECT_EQ(Row(403, request, {{"asymid", a.area}}).code, 0);
     EXPECT_EQ(Row(200, {{"keySN", "ZA_EN01"}}, {{"asymid", a.area}, {"usage", 0}}).data, Base64(cert));
     zeph_it::Handle h("ZA_EN01");
-    uint32_t n = 0;
-    ASSERT_EQ(ZEPH_C_ExportPublicKeyInfo(h.get(), a.area, ZEPH_USAGE_ENCRYPTION, nullptr, &n), 0u);
-    Bytes spki(n);
-    ASSERT_EQ(ZEPH_C_ExportPublicKeyInfo(h.get(), a.area, ZEPH_USAGE_ENCRYPTION, spki.data(), &n), 0u);
-    EXPECT_EQ(Base64(spki), Field(pair.data, "pubkey"));
+    Bytes spki;
+    ASSERT_EQ(zeph_it::Out(&spki, ZEPH_C_ExportPublicKeyInfo, h.get(), uint32_t(a.area), ZEPH_USAGE_ENCRYPTION), 0u);
+    EXPECT_EQ(Base64(spki), Member(pair.data, "pubkey"));
     // A certificate for another key.
     const Reply other = Row(700, {}, {{"algID", a.bits}});
-    EXPECT_EQ(Row(403, With(request, "encKey", Field(other.data, "prikey")), {{"asymid", a.area}}).code,
+    EXPECT_EQ(Row(403, With(request, "encKey", Member(other.data, "prikey")), {{"asymid", a.area}}).code,
               Signed(ERR_UNSUPPORTED_VALUE));
   }
   // RSA pairs need the vendor's extended interface.
   const Reply pair = Row(700, {}, {{"algID", 1024}});
   zeph_it::Handle h("ZN_EN01");
-  const Bytes key = FromBase64(Field(pair.data, "prikey"));
-  EXPECT_EQ(
-      ZEPH_C_ImportEncKeyPair(h.get(), zeph_it::kUserPin, ZEPH_AREA_RSA, key.data(), static_cast<uint32_t>(key.size())),
-      ERR_EXT_INTERFACE_MISSING);
+  const Bytes key = FromBase64(Member(pair.data, "prikey"));
+  EXPECT_EQ(ZEPH_C_ImportEncKeyPair(h.get(), zeph_it::kUserPin, ZEPH_AREA_RSA, key.data(), zeph_it::Len(key)),
+            ERR_EXT_INTERFACE_MISSING);
   EXPECT_EQ(ZEPH_C_SaveEncCertAndKey(nullptr, zeph_it::kUserPin, ZEPH_AREA_SM2, key.data(), 1, key.data(), 1),
             0xFFFFFFFFu);
 }
@@ -184,59 +156,37 @@ TEST_F(Enrolment, ObjectsAsJsonAndEverySessionClosed) {
   cJSON_Delete(doc);
 }
 
-// Rows 700-702 against OpenSSL's own reading of what they return.
+// Rows 700-702 against OpenSSL's own reading of what they return: the key
+// (opened with the PIN) is the public key's, and it signed "hello" and the
+// request.
 TEST(SoftwareKeys, PairsSignaturesAndRequestsCheckWithOpenSsl) {
+  const zeph_test::TempDir dir;
   for (const int alg : {2, 1024}) {
     for (const std::string pin : {"", "pass word"}) {
       SCOPED_TRACE(std::to_string(alg) + " '" + pin + "'");
       const Reply pair = Row(700, {{"pin", pin}}, {{"algID", alg}});
       ASSERT_EQ(pair.code, 0) << pair.text;
-      const Bytes p8 = FromBase64(Field(pair.data, "prikey")), spki = FromBase64(Field(pair.data, "pubkey"));
-      EVP_PKEY *key = nullptr;
-      const unsigned char *p = p8.data();
-      if (pin.empty()) {
-        key = d2i_AutoPrivateKey(nullptr, &p, static_cast<long>(p8.size()));
-      } else {
-        X509_SIG *sig = d2i_X509_SIG(nullptr, &p, static_cast<long>(p8.size()));
-        PKCS8_PRIV_KEY_INFO *inf = PKCS8_decrypt(sig, pin.c_str(), static_cast<int>(pin.size()));
-        key = inf != nullptr ? EVP_PKCS82PKEY(inf) : nullptr;
-        PKCS8_PRIV_KEY_INFO_free(inf);
-        X509_SIG_free(sig);
-      }
-      ASSERT_NE(key, nullptr);
-      p = spki.data();
-      EVP_PKEY *pub = d2i_PUBKEY(nullptr, &p, static_cast<long>(spki.size()));
-      EXPECT_EQ(EVP_PKEY_eq(key, pub), 1);
-
-      const auto base = std::map<std::string, std::string>{{"prikey", Field(pair.data, "prikey")}, {"pin", pin}};
+      const Texts base = {{"prikey", Member(pair.data, "prikey")}, {"pin", pin}};
       const Reply sig = Row(701, With(base, "signData", "aGVsbG8="), {{"signDataType", 1}});
       ASSERT_EQ(sig.code, 0) << sig.text;
-      const Bytes s = FromBase64(sig.data);
-      EVP_MD_CTX *md = EVP_MD_CTX_new();
-      EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new(pub, nullptr);
-      if (alg == 2) {
-        EVP_PKEY_CTX_set1_id(pctx, "1234567812345678", 16);
-        EVP_MD_CTX_set_pkey_ctx(md, pctx);
-      }
-      EXPECT_EQ(EVP_DigestVerifyInit(md, nullptr, alg == 2 ? EVP_sm3() : EVP_sha256(), nullptr, pub), 1);
-      EXPECT_EQ(EVP_DigestVerify(md, s.data(), s.size(), reinterpret_cast<const unsigned char *>("hello"), 5), 1);
-      EVP_MD_CTX_free(md);
-      EVP_PKEY_CTX_free(pctx);
-
       const Reply csr = Row(702, With(base, "dn", "/CN=soft/O=zeph"));
-      const Bytes der = FromBase64(csr.data);
-      p = der.data();
-      X509_REQ *req = d2i_X509_REQ(nullptr, &p, static_cast<long>(der.size()));
-      ASSERT_NE(req, nullptr);
-      if (alg == 2) {
-        ASN1_OCTET_STRING *id = ASN1_OCTET_STRING_new();
-        ASN1_OCTET_STRING_set(id, reinterpret_cast<const unsigned char *>("1234567812345678"), 16);
-        X509_REQ_set0_distinguishing_id(req, id);
+      for (const auto &[file, b64] : Texts{
+               {"p8", base.at("prikey")}, {"pub", Member(pair.data, "pubkey")}, {"sig", sig.data}, {"csr", csr.data}}) {
+        zeph_test::WriteBytes(dir.file(file), FromBase64(b64));
       }
-      EXPECT_EQ(X509_REQ_verify(req, pub), 1);
-      X509_REQ_free(req);
-      EVP_PKEY_free(pub);
-      EVP_PKEY_free(key);
+      const std::string id = alg == 2 ? "distid:1234567812345678" : "";
+      std::string out;
+      EXPECT_EQ(zeph_test::Shell("cd '" + dir.path().string() + "' && printf hello >msg && openssl pkey -inform DER" +
+                                     " -in p8 -passin 'pass:" + pin + "' -pubout -outform DER | cmp - pub &&" +
+                                     " openssl pkeyutl -verify -pubin -keyform DER -inkey pub -rawin -in msg -sigfile" +
+                                     (alg == 2 ? " sig -digest sm3 -pkeyopt " + id : " sig -digest sha256") +
+                                     " && openssl req -inform DER -in csr -noout -verify" +
+                                     (alg == 2 ? " -vfyopt " + id : "") +
+                                     " && openssl req -inform DER -in csr -noout -pubkey |"
+                                     " openssl pkey -pubin -outform DER | cmp - pub",
+                                 &out),
+                0)
+          << out;
       if (!pin.empty()) {
         EXPECT_EQ(Row(701, With(base, "pin", "wrong")).code, Signed(ERR_PIN_VERIFY_FAILED));
       }
@@ -255,8 +205,8 @@ TEST(TestCommands, TheBuiltInKeyIsTheStandardsExamplePair) {
   size_t n = 0;
   ASSERT_EQ(EVP_PKEY_get_octet_string_param(key, "pub", point, sizeof point, &n), 1);
   EVP_PKEY_free(key);
-  EXPECT_EQ(Field(pair.data, "pubkey"), Base64(Bytes(point, point + n)));
-  EXPECT_EQ(zeph_test::ToHex(FromBase64(Field(pair.data, "prikey"))),
+  EXPECT_EQ(Member(pair.data, "pubkey"), Base64(Bytes(point, point + n)));
+  EXPECT_EQ(zeph_test::ToHex(FromBase64(Member(pair.data, "prikey"))),
             "3945208F7B2144B13F36E38AC6D39F95889393692860B51A42FB81EF4DF7C5B8");
   EXPECT_EQ(zeph_test::ToHex(Bytes(point + 1, point + 33)),
             "09F9DF311E5421A150DD7D161E4BC5C672179FAD1833FC076BB08FF356F35020");

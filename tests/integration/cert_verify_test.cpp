@@ -14,10 +14,8 @@ using zeph_test::TestCa;
 using Leaf = TestCa::LeafOptions;
 using Bytes = std::vector<uint8_t>;
 
-std::string Text(const std::string &file) {
-  const Bytes b = zeph_test::ReadBytes(file);
-  return {b.begin(), b.end()};
-}
+using ci_test::FileText;
+using zeph_it::Len;
 
 Bytes Cat(const Bytes &a, const Bytes &b) {
   Bytes out = a;
@@ -27,15 +25,12 @@ Bytes Cat(const Bytes &a, const Bytes &b) {
 
 uint32_t Verify(const Bytes &cert, const Bytes &cas, uint32_t revocation = ZEPH_REVOCATION_NONE,
                 const char *url = nullptr) {
-  return ZEPH_C_VerifyCert(cert.data(), static_cast<uint32_t>(cert.size()), cas.data(),
-                           static_cast<uint32_t>(cas.size()), revocation, url);
+  return ZEPH_C_VerifyCert(cert.data(), Len(cert), cas.data(), Len(cas), revocation, url);
 }
 
 Bytes Bundle(const Bytes &list) {
-  uint32_t n = 0;
-  EXPECT_EQ(ZEPH_C_MakeCertBundle(list.data(), static_cast<uint32_t>(list.size()), nullptr, &n), 0u);
-  Bytes out(n);
-  EXPECT_EQ(ZEPH_C_MakeCertBundle(list.data(), static_cast<uint32_t>(list.size()), out.data(), &n), 0u);
+  Bytes out;
+  EXPECT_EQ(zeph_it::Out(&out, ZEPH_C_MakeCertBundle, list.data(), Len(list)), 0u);
   return out;
 }
 
@@ -45,10 +40,8 @@ TEST_P(ChainStatus, EveryOutcomeHasItsStatus) {
   TestCa ca(GetParam());
   const bool sm2 = GetParam() == TestCa::Alg::kSm2;
   const Bytes root = TestCa::Der(ca.root()), inter = TestCa::Der(ca.intermediate());
-  const Bytes pem_list = [&] {
-    const std::string s = Text(ca.intermediate()) + Text(ca.root());
-    return Bytes(s.begin(), s.end());
-  }();
+  const std::string pems = FileText(ca.intermediate()) + FileText(ca.root());
+  const Bytes pem_list(pems.begin(), pems.end());
   const Bytes good = TestCa::Der(ca.Issue("good"));
   const Bytes expired = TestCa::Der(ca.Issue("old", Leaf().Valid("20200101000000Z", "20210101000000Z")));
   const Bytes early = TestCa::Der(ca.Issue("early", Leaf().Valid("20990101000000Z", "20991231000000Z")));
@@ -80,15 +73,11 @@ TEST_P(ChainStatus, EveryOutcomeHasItsStatus) {
 
   // A CRL the caller has: this CA's, or one that does not decode.
   const std::string crl = ca.Crl();
-  EXPECT_EQ(
-      ZEPH_C_VerifyCertWithCRL(good.data(), static_cast<uint32_t>(good.size()), pem_list.data(),
-                               static_cast<uint32_t>(pem_list.size()),
-                               reinterpret_cast<const unsigned char *>(crl.data()), static_cast<uint32_t>(crl.size())),
-      0u);
-  EXPECT_EQ(ZEPH_C_VerifyCertWithCRL(good.data(), static_cast<uint32_t>(good.size()), pem_list.data(),
-                                     static_cast<uint32_t>(pem_list.size()), garbage.data(),
-                                     static_cast<uint32_t>(garbage.size())),
-            ERR_CRL_FAILED);
+  for (const auto &[bytes, want] : {std::pair{Bytes(crl.begin(), crl.end()), 0u}, {garbage, ERR_CRL_FAILED}}) {
+    EXPECT_EQ(
+        ZEPH_C_VerifyCertWithCRL(good.data(), Len(good), pem_list.data(), Len(pem_list), bytes.data(), Len(bytes)),
+        want);
+  }
   if (sm2) {
     // Signed with OpenSSL's empty identity instead of 1234567812345678.
     const Bytes other_id = TestCa::Der(ca.Issue("other-id", Leaf().EmptyId()));
@@ -119,7 +108,7 @@ class Revocation : public ::testing::Test {
     ocsp_ = "http://127.0.0.1:" + std::to_string(ca_.StartOcspResponder());
     Can("garbage", "not an OCSP response");
     Can("trylater", std::string("\x30\x03\x0a\x01\x03", 5));
-    const std::string cas = Text(ca_.intermediate()) + Text(ca_.root());
+    const std::string cas = FileText(ca_.intermediate()) + FileText(ca_.root());
     cas_.assign(cas.begin(), cas.end());
     peer_base_ = peer;
   }
@@ -129,18 +118,11 @@ class Revocation : public ::testing::Test {
     peer_.Can(file, "HTTP/1.0 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
   }
   // Row 201 as a host sends it.
-  int64_t Row201(const Bytes &cert, const std::string &extra) const {
-    const std::string cas(cas_.begin(), cas_.end());
-    cJSON *req = cJSON_CreateObject();
-    cJSON_AddNumberToObject(req, "type", 201);
-    cJSON_AddStringToObject(req, "cert", ci_test::Base64(cert).c_str());
-    cJSON_AddStringToObject(req, "certChain", cas.c_str());
-    char *text = cJSON_PrintUnformatted(req);
-    std::string request = text;
-    cJSON_free(text);
-    cJSON_Delete(req);
-    request.insert(request.size() - 1, extra);
-    return ci_test::Ci(request).code;
+  int64_t Row201(const Bytes &cert, std::map<std::string, std::string> texts = {},
+                 const std::map<std::string, int> &numbers = {}) const {
+    texts["cert"] = ci_test::Base64(cert);
+    texts["certChain"].assign(cas_.begin(), cas_.end());
+    return ci_test::Row(201, texts, numbers).code;
   }
 
   TestCa ca_{TestCa::Alg::kSm2};
@@ -151,18 +133,18 @@ class Revocation : public ::testing::Test {
 
 TEST_F(Revocation, CrlFromTheDistributionPoints) {
   using ci_test::Signed;
-  EXPECT_EQ(Row201(good_, ""), 0);
-  EXPECT_EQ(Row201(revoked_, ""), Signed(ERR_CERT_REVOKED)) << "the second point answers";
-  EXPECT_EQ(Row201(revoked_, R"(,"nocrl":1)"), 0);
-  EXPECT_EQ(Row201(unknown_, ""), Signed(ERR_CRL_FAILED)) << "no distribution point";
+  EXPECT_EQ(Row201(good_), 0);
+  EXPECT_EQ(Row201(revoked_), Signed(ERR_CERT_REVOKED)) << "the second point answers";
+  EXPECT_EQ(Row201(revoked_, {}, {{"nocrl", 1}}), 0);
+  EXPECT_EQ(Row201(unknown_), Signed(ERR_CRL_FAILED)) << "no distribution point";
   // 100 MB, a byte a second, not HTTP: each ends within the deadline.
   ZEPH_C_HttpSetTimeouts(500, 800);
-  EXPECT_EQ(Row201(hostile_, ""), Signed(ERR_CRL_FAILED));
+  EXPECT_EQ(Row201(hostile_), Signed(ERR_CRL_FAILED));
 }
 
 TEST_F(Revocation, OcspStatuses) {
   using ci_test::Signed;
-  const std::string url = R"(,"url":")" + ocsp_ + "\"";
+  const std::map<std::string, std::string> url = {{"url", ocsp_}};
   EXPECT_EQ(Row201(good_, url), 0);
   EXPECT_EQ(Row201(revoked_, url), Signed(ERR_CERT_REVOKED));
   EXPECT_EQ(Row201(unknown_, url), Signed(ERR_CERT_STATUS_UNKNOWN));

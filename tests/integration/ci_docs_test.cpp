@@ -12,9 +12,6 @@
 #include <set>
 #include <sstream>
 
-#include <openssl/pkcs7.h>
-#include <openssl/rsa.h>
-
 #include "ci_support.hpp"
 #include "loopback.hpp"
 #include "test_support.hpp"
@@ -142,18 +139,14 @@ class CiDocs : public ci_test::SoftKeyCi {
     doc_ = ReadText("docs/ci.md");
     ASSERT_FALSE(doc_.empty());
     const std::regex row(R"(^\| (\d+) \| `(\w+)` \| ([^|]*) \| (?:`([^`]*)`|—).* \|$)");
-    for (const auto &line : Section(doc_, "Commands that work now")) {
-      std::smatch m;
-      if (!std::regex_match(line, m, row)) continue;
-      const auto reads = All(m[3], "`(\\w+)`");
-      live_[std::stoi(m[1])] = {m[2], {reads.begin(), reads.end()}, m[4]};
-    }
     // The co-signing rows need a service; tests/integration/cosign_ci_test.cpp runs them.
-    for (const auto &line : Section(doc_, "Co-signing commands")) {
-      std::smatch m;
-      if (!std::regex_match(line, m, row)) continue;
-      const auto reads = All(m[3], "`(\\w+)`");
-      cosign_[std::stoi(m[1])] = {m[2], {reads.begin(), reads.end()}, m[4]};
+    for (auto [title, rows] : {std::pair{"Commands that work now", &live_}, {"Co-signing commands", &cosign_}}) {
+      for (const auto &line : Section(doc_, title)) {
+        std::smatch m;
+        if (!std::regex_match(line, m, row)) continue;
+        const auto reads = All(m[3], "`(\\w+)`");
+        (*rows)[std::stoi(m[1])] = {m[2], {reads.begin(), reads.end()}, m[4]};
+      }
     }
     const std::string src = ReadText("src/ci/zeph_c_ci.cpp");
     const auto codes = All(src, R"(\{(\d+), (l_\w+)\})"), handlers = All(src, R"(\{(\d+), (l_\w+)\})", 2);
@@ -161,50 +154,23 @@ class CiDocs : public ci_test::SoftKeyCi {
     AddMessageVars();
   }
 
-  // The values the signing and envelope rows of the session use.
+  // The values the signing and envelope rows of the session use: a content
+  // key encrypted by OpenSSL to each encryption certificate, a bundle of the
+  // two signing certificates, a password-protected PKCS#8 key.
   void AddMessageVars() {
     const std::vector<uint8_t> key = zeph_test::FromHex("0123456789abcdeffedcba9876543210");
-    std::vector<uint8_t> sm2(256);
-    auto sm2_len = static_cast<uint32_t>(sm2.size());
-    ASSERT_EQ(BIVO_Sm2Encrypt(key.data(), 16, sm2_enc_cert_.data(), static_cast<uint32_t>(sm2_enc_cert_.size()),
-                              sm2.data(), &sm2_len),
-              0u);
-    sm2.resize(sm2_len);
-    const unsigned char *p = rsa_enc_cert_.data();
-    X509 *rsa_cert = d2i_X509(nullptr, &p, static_cast<long>(rsa_enc_cert_.size()));
-    EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new(X509_get0_pubkey(rsa_cert), nullptr);
-    std::vector<uint8_t> rsa(512);
-    size_t rsa_len = rsa.size();
-    EXPECT_TRUE(EVP_PKEY_encrypt_init(ctx) == 1 && EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PADDING) == 1 &&
-                EVP_PKEY_encrypt(ctx, rsa.data(), &rsa_len, key.data(), key.size()) == 1);
-    rsa.resize(rsa_len);
-    EVP_PKEY_CTX_free(ctx);
-
-    // A bundle of the two signing certificates.
-    PKCS7 *bundle = PKCS7_new();
-    PKCS7_set_type(bundle, NID_pkcs7_signed);
-    PKCS7_content_new(bundle, NID_pkcs7_data);
-    for (const auto *der : {&rsa_cert_, &sm2_cert_}) {
-      p = der->data();
-      X509 *c = d2i_X509(nullptr, &p, static_cast<long>(der->size()));
-      PKCS7_add_certificate(bundle, c);
-      X509_free(c);
-    }
-    unsigned char *chain = nullptr;
-    const int chain_len = i2d_PKCS7(bundle, &chain);
-    vars_["chain"] = ci_test::Base64({chain, chain + chain_len});
-    OPENSSL_free(chain);
-    PKCS7_free(bundle);
-    X509_free(rsa_cert);
-    vars_["sm2Cipher"] = ci_test::Base64(sm2);
-    vars_["rsaCipher"] = ci_test::Base64(rsa);
-
-    const std::string d = files_.path().string();
-    ASSERT_EQ(zeph_test::Shell("cd '" + d +
+    vars_["sm2Cipher"] = ci_test::Base64(zeph_test::Encrypt(sm2_enc_cert_, key));
+    vars_["rsaCipher"] = ci_test::Base64(zeph_test::Encrypt(rsa_enc_cert_, key));
+    zeph_test::WriteBytes(files_.file("rsa.der"), rsa_cert_);
+    zeph_test::WriteBytes(files_.file("sm2.der"), sm2_cert_);
+    ASSERT_EQ(zeph_test::Shell("cd '" + files_.path().string() +
                                "' && openssl req -x509 -newkey rsa:1024 -nodes -keyout k.pem -out c.pem -subj /CN=fkey"
                                " -days 2 2>/dev/null && openssl pkcs8 -topk8 -v2 aes-128-cbc -passout pass:fkey-pass"
-                               " -in k.pem -outform DER -out k.p8 && openssl x509 -in c.pem -outform DER -out c.der"),
+                               " -in k.pem -outform DER -out k.p8 && openssl x509 -in c.pem -outform DER -out c.der"
+                               " && for c in rsa sm2; do openssl x509 -inform DER -in $c.der; done > certs.pem"
+                               " && openssl crl2pkcs7 -nocrl -certfile certs.pem -outform DER -out chain.p7b"),
               0);
+    vars_["chain"] = ci_test::Base64(zeph_test::ReadBytes(files_.file("chain.p7b")));
     vars_["p8"] = ci_test::Base64(zeph_test::ReadBytes(files_.file("k.p8")));
     vars_["p8Cert"] = ci_test::Base64(zeph_test::ReadBytes(files_.file("c.der")));
     for (const char *name : {"file", "doc"}) {

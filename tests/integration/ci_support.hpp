@@ -51,6 +51,34 @@ inline Reply Ci(const std::string &request) {
   return r;
 }
 
+// A request built from texts and numbers by key.
+inline Reply Row(int type, const std::map<std::string, std::string> &texts,
+                 const std::map<std::string, int> &numbers = {}) {
+  cJSON *req = cJSON_CreateObject();
+  cJSON_AddNumberToObject(req, "type", type);
+  for (const auto &[k, v] : texts) cJSON_AddStringToObject(req, k.c_str(), v.c_str());
+  for (const auto &[k, v] : numbers) cJSON_AddNumberToObject(req, k.c_str(), v);
+  char *text = cJSON_PrintUnformatted(req);
+  const Reply r = Ci(text);
+  cJSON_free(text);
+  cJSON_Delete(req);
+  return r;
+}
+
+// A string member of a JSON text ("" when there is none).
+inline std::string Member(const std::string &json, const char *key) {
+  cJSON *doc = cJSON_Parse(json.c_str());
+  const cJSON *item = cJSON_GetObjectItemCaseSensitive(doc, key);
+  std::string out = cJSON_IsString(item) ? item->valuestring : "";
+  cJSON_Delete(doc);
+  return out;
+}
+
+inline std::string FileText(const std::string &path) {
+  const std::vector<uint8_t> b = zeph_test::ReadBytes(path);
+  return {b.begin(), b.end()};
+}
+
 // A status as a handler prints it (sign-extended from 32 bits).
 inline int64_t Signed(uint32_t status) { return static_cast<int32_t>(status); }
 

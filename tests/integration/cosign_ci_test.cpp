@@ -23,25 +23,7 @@ using ci_test::Ci;
 using ci_test::Reply;
 using ci_test::Signed;
 
-// A member of the JSON text a row returns as its data.
-std::string Member(const std::string &data, const char *key) {
-  cJSON *doc = cJSON_Parse(data.c_str());
-  const cJSON *item = cJSON_GetObjectItemCaseSensitive(doc, key);
-  std::string out = cJSON_IsString(item) ? item->valuestring : "";
-  cJSON_Delete(doc);
-  return out;
-}
-
-// A 65-byte SM2 point as DER SubjectPublicKeyInfo.
-zeph_test::Bytes Spki(const zeph_test::Bytes &point) {
-  EVP_PKEY *key = zeph_test::Sm2PointKey(point);
-  unsigned char *der = nullptr;
-  const int n = i2d_PUBKEY(key, &der);
-  zeph_test::Bytes out(der, der + (n > 0 ? n : 0));
-  OPENSSL_free(der);
-  EVP_PKEY_free(key);
-  return out;
-}
+using ci_test::Member;
 
 class CosignRows : public ci_test::SoftKeyCi {
  protected:
@@ -63,6 +45,10 @@ class CosignRows : public ci_test::SoftKeyCi {
         Ci(Fill(R"({"type":108,"keySN":"<keySN>","idx":)" + std::to_string(row) + R"(,"filepath":")" + file + "\"}"));
     return r.code == 0 ? r.data : "";
   }
+  // A member of a row's data, base64-decoded into a file of dir.
+  void Save(const std::string &file, const Reply &row, const char *member) {
+    zeph_test::WriteBytes(dir.file(file), ci_test::FromBase64(Member(row.data, member)));
+  }
   std::string Openssl(const std::string &args) {
     std::string out;
     EXPECT_EQ(zeph_test::Shell("cd " + dir.path().string() + " && openssl " + args, &out), 0) << args << "\n" << out;
@@ -78,14 +64,14 @@ TEST_F(CosignRows, Sm2RowsAgainstOpenSsl) {
   ASSERT_EQ(created.code, 0) << created.text;
   const std::string id = Member(created.data, "containerID");
   EXPECT_EQ(id.size(), 64u);
-  zeph_test::WriteBytes(dir.file("pub.der"), Spki(ci_test::FromBase64(Member(created.data, "pubKey"))));
+  zeph_test::WriteBytes(dir.file("pub.der"), zeph_it::Sm2Spki(ci_test::FromBase64(Member(created.data, "pubKey"))));
   EXPECT_FALSE(Share().empty());
 
   const zeph_test::Bytes msg = zeph_test::RandomBytes(333, 4);
   zeph_test::WriteBytes(dir.file("msg"), msg);
   const Reply signed_row = Row(R"("type":601,"signData":")" + ci_test::Base64(msg) + "\"");
   ASSERT_EQ(signed_row.code, 0) << signed_row.text;
-  zeph_test::WriteBytes(dir.file("sig"), ci_test::FromBase64(Member(signed_row.data, "signature")));
+  Save("sig", signed_row, "signature");
   Openssl("dgst -sm3 -verify pub.der -keyform DER -sigopt distid:1234567812345678 -signature sig msg");
 
   // 900: the same signature inside a Corvex signature that openssl parses.
@@ -105,7 +91,7 @@ TEST_F(CosignRows, Sm2RowsAgainstOpenSsl) {
 
   const Reply csr = Row(R"("type":602,"dn":"CN=co-signed user,O=zeph")");
   ASSERT_EQ(csr.code, 0) << csr.text;
-  zeph_test::WriteBytes(dir.file("csr"), ci_test::FromBase64(Member(csr.data, "csr")));
+  Save("csr", csr, "csr");
   Openssl("req -inform DER -in csr -verify -noout");
 
   zeph_test::WriteBytes(dir.file("plain"), {'c', 'o', '-', 's', 'i', 'g', 'n', 'e', 'd'});
@@ -123,7 +109,7 @@ TEST_F(CosignRows, Sm2RowsAgainstOpenSsl) {
   vars_["pin"] = "654321";
   const Reply again = Row(R"("type":601,"signData":")" + ci_test::Base64(msg) + "\"");
   ASSERT_EQ(again.code, 0) << again.text;
-  zeph_test::WriteBytes(dir.file("sig"), ci_test::FromBase64(Member(again.data, "signature")));
+  Save("sig", again, "signature");
   Openssl("dgst -sm3 -verify pub.der -keyform DER -sigopt distid:1234567812345678 -signature sig msg");
 }
 
@@ -180,7 +166,7 @@ TEST_F(CosignRows, ServiceFaults) {
     if (std::string(c.fault).rfind("BIVOGenKeyPair", 0) != 0) {
       const Reply made = Row(R"("type":600)");
       ASSERT_EQ(made.code, 0) << made.text;
-      zeph_test::WriteBytes(dir.file("pub.der"), Spki(ci_test::FromBase64(Member(made.data, "pubKey"))));
+      zeph_test::WriteBytes(dir.file("pub.der"), zeph_it::Sm2Spki(ci_test::FromBase64(Member(made.data, "pubKey"))));
       Openssl("pkeyutl -encrypt -pubin -keyform DER -inkey pub.der -in pub.der -out cipher");
       if (c.row == nullptr)
         row = R"("type":604,"raw":")" + ci_test::Base64(zeph_test::ReadBytes(dir.file("cipher"))) + "\"";
@@ -196,16 +182,16 @@ TEST_F(CosignRows, ServiceFaults) {
 TEST_F(CosignRows, RsaRowsAgainstOpenSsl) {
   const Reply created = Row(R"("type":606,"modLen":2048)");
   ASSERT_EQ(created.code, 0) << created.text;
-  zeph_test::WriteBytes(dir.file("pub.der"), ci_test::FromBase64(Member(created.data, "pubKey")));
+  Save("pub.der", created, "pubKey");
   const zeph_test::Bytes msg = zeph_test::RandomBytes(100, 8);
   zeph_test::WriteBytes(dir.file("msg"), msg);
   const Reply signed_row = Row(R"("type":607,"algID":4,"signData":")" + ci_test::Base64(msg) + "\"");
   ASSERT_EQ(signed_row.code, 0) << signed_row.text;
-  zeph_test::WriteBytes(dir.file("sig"), ci_test::FromBase64(Member(signed_row.data, "signature")));
+  Save("sig", signed_row, "signature");
   Openssl("dgst -sha256 -verify pub.der -keyform DER -signature sig msg");
   const Reply csr = Row(R"("type":608,"dn":"/CN=rsa co-signed")");
   ASSERT_EQ(csr.code, 0) << csr.text;
-  zeph_test::WriteBytes(dir.file("csr"), ci_test::FromBase64(Member(csr.data, "csr")));
+  Save("csr", csr, "csr");
   Openssl("req -inform DER -in csr -verify -noout");
 }
 

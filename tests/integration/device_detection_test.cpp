@@ -12,14 +12,7 @@ namespace {
 
 using DetectionTest = SoftkeyTest;
 
-std::string ListText() {
-  uint32_t len = 0;
-  EXPECT_EQ(ZEPH_C_ListPluginDevice(nullptr, &len), 0u);
-  std::string text(len, '\0');
-  EXPECT_EQ(ZEPH_C_ListPluginDevice(text.data(), &len), 0u);
-  text.resize(len - 1);
-  return text;
-}
+std::string ListText() { return OutText(ZEPH_C_ListPluginDevice); }
 
 // The entries, each as printed with its members in order, sorted.
 std::vector<std::string> Entries(const std::string &text) {
@@ -137,6 +130,33 @@ TEST_F(DetectionTest, KeySnsThatReachNoKey) {
     EXPECT_EQ(r.status == 0 ? status & 0xFFFFFF00u : status, r.status == 0 ? 0x0A000000u : r.status)
         << std::hex << status;
     EXPECT_NE(ZEPH_C_VerifyUserPin(h.get(), 2, kUserPin, &retry), 0u);
+  }
+}
+
+// Entry points are looked up once per library: over Initialize/Finalize
+// cycles each key still gets the library that serves its vendor, while what
+// the configuration says of a vendor follows the text set last.
+TEST_F(DetectionTest, EntryPointsPerLibraryAndEntriesPerConfigurationAcrossCycles) {
+  CreateDevice("K1");
+  const auto parsed = [](const char *key_sn) {
+    uint32_t type = 0;
+    char lib[ZEPH_DEVICE_SKFLIB_MAX] = {0}, dev[ZEPH_DEVICE_NAME_MAX] = {0};
+    EXPECT_EQ(ZEPH_C_ukey_detection_parseInfoWithKSN(key_sn, &type, lib, dev), 0u);
+    return std::to_string(type) + " " + lib;
+  };
+  const std::string other = std::string("[{\"type\":5,\"vid\":\"ZA\",\"skfLib\":\"") + ZEPH_SOFTKEY_NOEXT_LIB + "\"}]";
+  for (int round = 0; round < 3; ++round) {
+    SCOPED_TRACE(round);
+    for (const auto &[key_sn, ext] : {std::pair{"ZA_K1", 1u}, {"ZN_K1", 0u}, {"ZA_K1", 1u}}) {
+      Handle h(key_sn);  // connects through the kept entry points
+      uint32_t flag = 7;
+      ASSERT_EQ(GM_SKF_CTX_IsExt4SKF(h.ctx(), &flag), 0u);
+      EXPECT_EQ(flag, ext) << key_sn;
+    }
+    EXPECT_EQ(parsed("ZA_K1"), std::string("1 ") + ZEPH_SOFTKEY_LIB);
+    ASSERT_EQ(ZEPH_C_SetConfigInfo(other.c_str()), 0u);
+    EXPECT_EQ(parsed("ZA_K1"), std::string("5 ") + ZEPH_SOFTKEY_NOEXT_LIB);
+    SetUp();  // the suite's configuration again
   }
 }
 

@@ -46,15 +46,14 @@ const std::vector<FaultCase> &Cases() {
   const std::set<std::string> pin_info = {"SKF_GetPINInfo"};
   const Op sm2_sign = OP(ZEPH_C_DoSm2Sign(h, kUserPin, kData, sizeof kData, out, &(len = 0)));
   const Op rsa_sign = OP(ZEPH_C_DoRsaSign(h, kUserPin, kData, sizeof kData, out, &(len = 256), 4));
+  const Op unlock = OP(ZEPH_C_UnLockUserPinByAdminPin(h, ZEPH_AREA_SM2, kAdminPin, 8, kUserPin, 6));
+  const Op enum_all = OP(ZEPH_C_EnumAllInfoInCryptoDevice(h, reinterpret_cast<char *>(out), &(len = sizeof out)));
 #define AREA(init) OP(init(h, kAuthKey.data(), 16, kAdminPin, 10, kUserPin, 10, 0))
   static const std::vector<FaultCase> cases = {
       {"Initialize", "ZA", OP(Reinitialize(key_sn)), {"SKF_EnumApplication"}},
       {"VerifyUserPin", "ZA", OP(ZEPH_C_VerifyUserPin(h, ZEPH_AREA_SM2, kUserPin, &a)), pin_info},
       {"ChangeUserPin", "ZA", OP(ZEPH_C_ChangeUserPin(h, ZEPH_AREA_RSA, kUserPin, kUserPin)), {}},
-      {"UnLockUserPinByAdminPin",
-       "ZA",
-       OP(ZEPH_C_UnLockUserPinByAdminPin(h, ZEPH_AREA_SM2, kAdminPin, 8, kUserPin, 6)),
-       {}},
+      {"UnLockUserPinByAdminPin", "ZA", unlock, {}},
       {"DoSm2Sign", "ZA", sm2_sign, pin_info},
       {"DoSm2Sign_device_hashing", "ZT", sm2_sign, pin_info},
       {"DoRsaSign", "ZA", rsa_sign, pin_info},
@@ -74,10 +73,7 @@ const std::vector<FaultCase> &Cases() {
        OP(ZEPH_C_ReadUkeyFile(h, kUserPin, ZEPH_OBJ_SM2_CERTCHAIN, "CertChain", out, &(len = 64))), pin_info, "chain"},
       {"DeleteFile", "ZA", OP(ZEPH_C_DeleteFile(h, kUserPin, ZEPH_OBJ_SM2_CERTCHAIN, "CertChain")), pin_info, "chain"},
       {"EnumRSAandSM2andSealInfo", "ZA", OP(ZEPH_C_EnumRSAandSM2andSealInfo(h, &a, &b, &c)), {}},
-      {"EnumAllInfoInCryptoDevice",
-       "ZA",
-       OP(ZEPH_C_EnumAllInfoInCryptoDevice(h, reinterpret_cast<char *>(out), &(len = sizeof out))),
-       {}},
+      {"EnumAllInfoInCryptoDevice", "ZA", enum_all, {}},
       {"GenRandomBytes", "ZA", OP(ZEPH_C_GenRandomBytes(h, 16, out)), {}},
   };
 #undef AREA

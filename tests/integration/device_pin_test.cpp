@@ -6,14 +6,7 @@ namespace {
 
 using PinTest = SoftkeyTest;
 
-std::string Report(void *h) {
-  uint32_t len = 0;
-  EXPECT_EQ(ZEPH_C_EnumAllInfoInCryptoDevice(h, nullptr, &len), 0u);
-  std::string text(len, '\0');
-  EXPECT_EQ(ZEPH_C_EnumAllInfoInCryptoDevice(h, text.data(), &len), 0u);
-  text.resize(len > 0 ? len - 1 : 0);
-  return text;
-}
+std::string Report(void *h) { return OutText(ZEPH_C_EnumAllInfoInCryptoDevice, h); }
 
 TEST_F(PinTest, RetryCountsLockUnblockAndChange) {
   CreateDevice("P1");

@@ -11,9 +11,7 @@ using SignTest = SoftkeyTest;
 using zeph_test::Verifies;
 
 uint32_t Verify(const Bytes &cert, const Bytes &data, const Bytes &sig, uint32_t id) {
-  return ZEPH_C_VerifySignWithCert(cert.data(), static_cast<uint32_t>(cert.size()), data.data(),
-                                   static_cast<uint32_t>(data.size()), sig.data(), static_cast<uint32_t>(sig.size()),
-                                   id);
+  return ZEPH_C_VerifySignWithCert(cert.data(), Len(cert), data.data(), Len(data), sig.data(), Len(sig), id);
 }
 
 TEST_F(SignTest, Sm2AndRsaSignaturesVerifyWithTheKeysCertificates) {
@@ -71,8 +69,7 @@ TEST_F(SignTest, Sm2AndRsaSignaturesVerifyWithTheKeysCertificates) {
   uint32_t len = 256;
   ASSERT_EQ(ZEPH_C_DoRsaSign(h.get(), kUserPin, data.data(), 1000, sig.data(), &len, 4), 0u);
   EXPECT_EQ(Verify(rsa_cert, data, Bytes(sig.begin(), sig.begin() + len), 2), ERR_SIGNATURE_INVALID);
-  EXPECT_EQ(ZEPH_C_VerifySm2SignWithCert(rsa_cert.data(), static_cast<uint32_t>(rsa_cert.size()), data.data(), 1000,
-                                         sig.data(), 72),
+  EXPECT_EQ(ZEPH_C_VerifySm2SignWithCert(rsa_cert.data(), Len(rsa_cert), data.data(), 1000, sig.data(), 72),
             ERR_SIGNATURE_INVALID);
   EXPECT_EQ(ZEPH_C_DoRsaSign(h.get(), kUserPin, data.data(), 1000, sig.data(), &len, 3), ERR_PRETREATMENT_FAILED);
   // A wrong PIN signs nothing and closes the session.

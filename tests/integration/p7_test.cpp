@@ -14,7 +14,9 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using zeph_it::Len;
+using zeph_it::Out;
+using zeph_test::Bytes;
 using zeph_test::Shell;
 
 constexpr const char *kKey = "ZS_P70001";
@@ -23,18 +25,6 @@ constexpr const char *kPin = zeph_it::kUserPin;
 std::string Str(const Bytes &b) { return {b.begin(), b.end()}; }
 Bytes B(const std::string &s) { return {s.begin(), s.end()}; }
 
-// The output protocol of the library as a vector: query, then fill.
-template <class Op>
-uint32_t Call(Op &&op, Bytes *out) {
-  uint32_t len = 0;
-  uint32_t rv = op(nullptr, &len);
-  if (rv != 0) return rv;
-  out->assign(len, 0);
-  rv = op(out->data(), &len);
-  out->resize(rv == 0 ? len : 0);
-  return rv;
-}
-
 class P7 : public testing::Test {
  protected:
   // Device P70001: SM2 signing and encryption pairs in VorliEcc/ECC, RSA
@@ -42,31 +32,29 @@ class P7 : public testing::Test {
   // RSA recipients beside it.
   static void SetUpTestSuite() {
     dir_ = std::make_unique<zeph_test::TempDir>();
-    const std::string d = dir_->path().string();
-    const std::string tool = std::string("'") + ZEPH_SOFTKEY_TOOL + "' --root '" + d + "/keys' ";
-    const std::string pins = " --admin-pin " + std::string(zeph_it::kAdminPin) + " --user-pin " + kPin;
     const std::string pin = std::string(" --user-pin ") + kPin;
-    std::string script = "cd '" + d + "' && " + tool + "create-device --serial P70001";
-    script += " && " + tool + "create-app --serial P70001 --app VorliEcc" + pins;
-    script += " && " + tool + "create-app --serial P70001 --app VorliRsa" + pins;
-    script += " && " + tool + "gen-key --serial P70001 --app VorliEcc --container ECC --alg sm2 --usage both" + pin;
-    script += " && " + tool + "gen-key --serial P70001 --app VorliRsa --container RSA1 --alg rsa2048" + pin;
-    script += " && " + tool + "gen-key --serial P70001 --app VorliRsa --container RSA2 --alg rsa1024 --usage enc" + pin;
-    for (const char *c : {"ECC --usage sign --out sm2", "ECC --usage enc --out sm2enc", "RSA1 --out rsa",
-                          "RSA2 --usage enc --out rsaenc"}) {
-      const std::string app = std::string(c).rfind("ECC", 0) == 0 ? "VorliEcc" : "VorliRsa";
-      script += " && " + tool + "export-cert --serial P70001 --app " + app + " --container " + c + ".pem";
+    std::string script = "cd '" + dir_->path().string() + "'";
+    for (const std::string &step :
+         std::vector<std::string>{"create-device", "create-app --app VorliEcc --admin-pin 12345678" + pin,
+                                  "create-app --app VorliRsa --admin-pin 12345678" + pin,
+                                  "gen-key --app VorliEcc --container ECC --alg sm2 --usage both" + pin,
+                                  "gen-key --app VorliRsa --container RSA1 --alg rsa2048" + pin,
+                                  "gen-key --app VorliRsa --container RSA2 --alg rsa1024 --usage enc" + pin,
+                                  "export-cert --app VorliEcc --container ECC --usage sign --out sm2.pem",
+                                  "export-cert --app VorliEcc --container ECC --usage enc --out sm2enc.pem",
+                                  "export-cert --app VorliRsa --container RSA1 --out rsa.pem",
+                                  "export-cert --app VorliRsa --container RSA2 --usage enc --out rsaenc.pem"}) {
+      script += " && '" ZEPH_SOFTKEY_TOOL "' --root keys " + step + " --serial P70001";
     }
-    script += " && cd '" + d + "' && openssl genpkey -algorithm SM2 -out osm2.key 2>/dev/null";
+    script += " && openssl genpkey -algorithm SM2 -out osm2.key 2>/dev/null";
     script += " && openssl req -x509 -new -key osm2.key -sm3 -subj /CN=osm2 -days 1 -out osm2.pem";
     script += " && openssl req -x509 -newkey rsa:1024 -nodes -keyout orsa.key -subj /CN=orsa -days 1 -out orsa.pem";
     script += " 2>/dev/null";
+    for (const char *name : {"sm2", "sm2enc", "rsa", "rsaenc", "osm2", "orsa"}) {
+      script += std::string(" && openssl x509 -in ") + name + ".pem -outform DER -out " + name + ".der";
+    }
     std::string out;
     ASSERT_EQ(Shell(script, &out), 0) << out;
-    for (const char *name : {"sm2", "sm2enc", "rsa", "rsaenc", "osm2", "orsa"}) {
-      ASSERT_EQ(Shell("openssl x509 -in '" + d + "/" + name + ".pem' -outform DER -out '" + d + "/" + name + ".der'"),
-                0);
-    }
   }
   static void TearDownTestSuite() { dir_.reset(); }
 
@@ -107,13 +95,8 @@ TEST_F(P7, RsaPkcs7PassesOpenSslCmsAndSmime) {
   const Bytes data = B("pay 100 to Alice\n"), chain = Der("sm2");
   Bytes attached, detached, content;
   for (auto [layout, out] : {std::pair{ZEPH_P7_ATTACHED, &attached}, std::pair{ZEPH_P7_DETACHED, &detached}}) {
-    const auto mode = layout;  // clang 14 cannot capture a structured binding in a lambda
-    ASSERT_EQ(Call(
-                  [&](unsigned char *o, uint32_t *n) {
-                    return ZEPH_C_DoSignToPKCS7(key.get(), kPin, ZEPH_AREA_RSA, 8, mode, data.data(), 17, chain.data(),
-                                                static_cast<uint32_t>(chain.size()), o, n);
-                  },
-                  out),
+    ASSERT_EQ(Out(out, ZEPH_C_DoSignToPKCS7, key.get(), kPin, ZEPH_AREA_RSA, 8u, layout, data.data(), 17u, chain.data(),
+                  Len(chain)),
               0u);
   }
   Put("a.p7", attached);
@@ -130,39 +113,25 @@ TEST_F(P7, RsaPkcs7PassesOpenSslCmsAndSmime) {
   EXPECT_EQ(zeph_test::ReadBytes(F("a.out")), data);
 
   // Our verifier agrees, and refuses other content.
-  EXPECT_EQ(ZEPH_C_VerifyPKCS7(attached.data(), static_cast<uint32_t>(attached.size()), nullptr, 0, nullptr, nullptr),
-            0u);
-  EXPECT_EQ(
-      ZEPH_C_VerifyPKCS7(detached.data(), static_cast<uint32_t>(detached.size()), data.data(), 16, nullptr, nullptr),
-      ERR_SIGNATURE_INVALID);
+  EXPECT_EQ(ZEPH_C_VerifyPKCS7(attached.data(), Len(attached), nullptr, 0, nullptr, nullptr), 0u);
+  EXPECT_EQ(ZEPH_C_VerifyPKCS7(detached.data(), Len(detached), data.data(), 16, nullptr, nullptr),
+            ERR_SIGNATURE_INVALID);
 }
 
 TEST_F(P7, Sm2OutputsVerifyWithOpenSslPkeyutl) {
   zeph_it::Handle key(kKey);
   const Bytes data = B("an SM2 signed text");
-  const auto len = static_cast<uint32_t>(data.size());
+  const unsigned char *none = nullptr;
   Bytes gm, p7;
-  ASSERT_EQ(Call(
-                [&](unsigned char *o, uint32_t *n) {
-                  return ZEPH_C_DoSm2SignToPKCS7_501(key.get(), kPin, data.data(), len, nullptr, 0, o, n);
-                },
-                &gm),
-            0u);
-  ASSERT_EQ(Call(
-                [&](unsigned char *o, uint32_t *n) {
-                  return ZEPH_C_DoSignToPKCS7(key.get(), kPin, ZEPH_AREA_SM2, 0, ZEPH_P7_ATTACHED, data.data(), len,
-                                              nullptr, 0, o, n);
-                },
-                &p7),
+  ASSERT_EQ(Out(&gm, ZEPH_C_DoSm2SignToPKCS7_501, key.get(), kPin, data.data(), Len(data), none, 0u), 0u);
+  ASSERT_EQ(Out(&p7, ZEPH_C_DoSignToPKCS7, key.get(), kPin, ZEPH_AREA_SM2, 0u, ZEPH_P7_ATTACHED, data.data(), Len(data),
+                none, 0u),
             0u);
   // The SM2_Sign signature is the last OCTET STRING; the PKCS#7 one covers
   // the attribute SET, whose message-digest is SM3 of the content.
   Bytes gm_sig, p7_sig, attrs, digest;
   SignerPieces(p7, &p7_sig, &attrs, &digest);
-  unsigned int md_len = 0;
-  Bytes sm3(32);
-  EVP_Digest(data.data(), data.size(), sm3.data(), &md_len, EVP_sm3(), nullptr);
-  EXPECT_EQ(digest, sm3);
+  EXPECT_EQ(digest, zeph_test::Sm3({data}));
   Put("gm.der", gm);
   Put("data", data);
   Put("p7.sig", p7_sig);
@@ -179,18 +148,12 @@ TEST_F(P7, Sm2OutputsVerifyWithOpenSslPkeyutl) {
             0)
       << out;
   Bytes back;
-  EXPECT_EQ(Call(
-                [&](unsigned char *o, uint32_t *n) {
-                  return ZEPH_C_VerifySm2SignPKCS7(gm.data(), static_cast<uint32_t>(gm.size()), nullptr, 0, o, n);
-                },
-                &back),
-            0u);
+  EXPECT_EQ(Out(&back, ZEPH_C_VerifySm2SignPKCS7, gm.data(), Len(gm), none, 0u), 0u);
   EXPECT_EQ(back, data);
 }
 
 TEST_F(P7, EnvelopesOpenWithOpenSslAlone) {
   const Bytes data = B("a secret for OpenSSL to read\n");
-  const auto len = static_cast<uint32_t>(data.size());
   Put("data", data);
   const struct {
     const char *cert;
@@ -200,13 +163,7 @@ TEST_F(P7, EnvelopesOpenWithOpenSslAlone) {
     SCOPED_TRACE(std::string(c.cert) + " " + std::to_string(c.wrapper));
     const Bytes cert = Der(c.cert);
     Bytes env;
-    ASSERT_EQ(Call(
-                  [&](unsigned char *o, uint32_t *n) {
-                    return ZEPH_C_EncodeEnveloperWithCert(cert.data(), static_cast<uint32_t>(cert.size()), data.data(),
-                                                          len, c.wrapper, o, n);
-                  },
-                  &env),
-              0u);
+    ASSERT_EQ(Out(&env, ZEPH_C_EncodeEnveloperWithCert, cert.data(), Len(cert), data.data(), Len(data), c.wrapper), 0u);
     Put("env", env);
     std::string out;
     if (std::string(c.cert) == "orsa" && c.wrapper == ZEPH_ENVELOPE_DEFAULT) {
@@ -243,7 +200,6 @@ TEST_F(P7, EnvelopesOpenWithOpenSslAlone) {
 TEST_F(P7, EnvelopesOpenWithTheKey) {
   zeph_it::Handle key(kKey);
   const Bytes data = B("for the key holder");
-  const auto len = static_cast<uint32_t>(data.size());
   std::string out;
   ASSERT_EQ(Shell("printf 'from openssl cms\\n' | openssl cms -encrypt -binary -aes-256-cbc -outform DER -out " +
                       F("cms.p7") + " " + F("rsaenc.pem"),
@@ -253,11 +209,7 @@ TEST_F(P7, EnvelopesOpenWithTheKey) {
   Bytes plain;
   const Bytes cms = zeph_test::ReadBytes(F("cms.p7"));
   const auto open = [&](const Bytes &env, uint32_t area, const char *pin, Bytes *result) {
-    return Call(
-        [&](unsigned char *o, uint32_t *n) {
-          return ZEPH_C_DecodeEnveloper(key.get(), pin, area, env.data(), static_cast<uint32_t>(env.size()), o, n);
-        },
-        result);
+    return Out(result, ZEPH_C_DecodeEnveloper, key.get(), pin, area, env.data(), Len(env));
   };
   ASSERT_EQ(open(cms, ZEPH_AREA_RSA, kPin, &plain), 0u);
   EXPECT_EQ(Str(plain), "from openssl cms\n");
@@ -266,12 +218,8 @@ TEST_F(P7, EnvelopesOpenWithTheKey) {
     for (const uint32_t wrapper : {ZEPH_ENVELOPE_DEFAULT, ZEPH_ENVELOPE_GM}) {
       const Bytes cert = Der(cert_name);
       Bytes env;
-      ASSERT_EQ(Call(
-                    [&](unsigned char *o, uint32_t *n) {
-                      return ZEPH_C_EncodeEnveloperWithCryptoDevice(
-                          key.get(), cert.data(), static_cast<uint32_t>(cert.size()), data.data(), len, wrapper, o, n);
-                    },
-                    &env),
+      ASSERT_EQ(Out(&env, ZEPH_C_EncodeEnveloperWithCryptoDevice, key.get(), cert.data(), Len(cert), data.data(),
+                    Len(data), wrapper),
                 0u);
       EXPECT_EQ(open(env, 0, kPin, &plain), 0u) << cert_name << wrapper;
       EXPECT_EQ(plain, data);
@@ -280,8 +228,8 @@ TEST_F(P7, EnvelopesOpenWithTheKey) {
   // A wrong PIN is the key's status, and nothing comes out.
   Bytes out_bytes(64);
   uint32_t n = 64;
-  const uint32_t rv = ZEPH_C_DecodeEnveloper(key.get(), "000000", ZEPH_AREA_RSA, cms.data(),
-                                             static_cast<uint32_t>(cms.size()), out_bytes.data(), &n);
+  const uint32_t rv =
+      ZEPH_C_DecodeEnveloper(key.get(), "000000", ZEPH_AREA_RSA, cms.data(), Len(cms), out_bytes.data(), &n);
   EXPECT_EQ(rv & 0xFFFF0000u, 0x0A000000u) << std::hex << rv;
   EXPECT_EQ(open(cms, ZEPH_AREA_SM2, kPin, &plain), ERR_ENVELOPE_FAILED);
 }
@@ -352,19 +300,11 @@ open(d + '/hand.env', 'wb').write(seq(oid('1.2.156.10197.6.1.4.2.3'), tlv(0xa0, 
   const Bytes msg = zeph_test::ReadBytes(F("hand.sm2")), env = zeph_test::ReadBytes(F("hand.env"));
   const Bytes p8 = zeph_test::ReadBytes(F("osm2.p8"));
   Bytes content, plain;
-  EXPECT_EQ(Call(
-                [&](unsigned char *o, uint32_t *n) {
-                  return ZEPH_C_VerifySm2SignPKCS7(msg.data(), static_cast<uint32_t>(msg.size()), nullptr, 0, o, n);
-                },
-                &content),
-            0u);
+  const unsigned char *none = nullptr;
+  EXPECT_EQ(Out(&content, ZEPH_C_VerifySm2SignPKCS7, msg.data(), Len(msg), none, 0u), 0u);
   EXPECT_EQ(Str(content), "built by hand");
-  EXPECT_EQ(Call(
-                [&](unsigned char *o, uint32_t *n) {
-                  return ZEPH_C_DecodeEnveloperWithPrivateKey(p8.data(), static_cast<uint32_t>(p8.size()), nullptr,
-                                                              env.data(), static_cast<uint32_t>(env.size()), o, n);
-                },
-                &plain),
+  const char *no_password = nullptr;
+  EXPECT_EQ(Out(&plain, ZEPH_C_DecodeEnveloperWithPrivateKey, p8.data(), Len(p8), no_password, env.data(), Len(env)),
             0u);
   EXPECT_EQ(Str(plain), "built by hand");
 }
@@ -399,17 +339,11 @@ TEST_F(P7, OutputProtocolAndBrokenInput) {
   // An envelope's query answers its length plus 128.
   const Bytes cert = Der("sm2enc");
   uint32_t q = 0;
-  ASSERT_EQ(
-      ZEPH_C_EncodeEnveloperWithCert(cert.data(), static_cast<uint32_t>(cert.size()), data.data(), 5, 0, nullptr, &q),
-      0u);
-  Bytes env(q);
-  uint32_t e = q;
-  ASSERT_EQ(ZEPH_C_EncodeEnveloperWithCert(cert.data(), static_cast<uint32_t>(cert.size()), data.data(), 5, 0,
-                                           env.data(), &e),
-            0u);
-  EXPECT_GE(e + 128 + 4, q);
-  EXPECT_LE(e + 128 - 4, q);
-  env.resize(e);
+  ASSERT_EQ(ZEPH_C_EncodeEnveloperWithCert(cert.data(), Len(cert), data.data(), 5, 0, nullptr, &q), 0u);
+  Bytes env;
+  ASSERT_EQ(Out(&env, ZEPH_C_EncodeEnveloperWithCert, cert.data(), Len(cert), data.data(), 5u, 0u), 0u);
+  EXPECT_GE(Len(env) + 128 + 4, q);
+  EXPECT_LE(Len(env) + 128 - 4, q);
 
   // Every truncation and a few flipped bytes: a status, never a crash.
   for (size_t cut = 0; cut < msg.size(); cut += 13) {
@@ -434,7 +368,7 @@ TEST_F(P7, TimeStampedPkcs7ThroughTheJsonRow) {
                                        R"(","asymid":1,"signData":"stamp me","url":")" + url + R"("})");
   ASSERT_EQ(r.code, 0) << r.text;
   const Bytes p7 = ci_test::FromBase64(r.data);
-  EXPECT_EQ(ZEPH_C_VerifyPKCS7(p7.data(), static_cast<uint32_t>(p7.size()), nullptr, 0, nullptr, nullptr), 0u);
+  EXPECT_EQ(ZEPH_C_VerifyPKCS7(p7.data(), Len(p7), nullptr, 0, nullptr, nullptr), 0u);
   const unsigned char *p = p7.data();
   PKCS7 *parsed = d2i_PKCS7(nullptr, &p, static_cast<long>(p7.size()));
   ASSERT_NE(parsed, nullptr);

@@ -25,45 +25,27 @@ using zeph_test::Peer;
 const std::string kAgent =
     "User-Agent: Mozilla/4.0 (compatible; MSIE 5.01; Windows NT 5.0)\r\nCache-Control: no-cache\r\nAccept: */*\r\n";
 
-// One sender, seen through a common shape: body in, reply body out.
 struct Sender {
   const char *name;
   bool tls;
-  std::function<uint32_t(int port, const std::string &path, const std::string &body, std::string *out,
-                         uint32_t capacity)>
-      post;
 };
+const Sender kSenders[] = {{"http_post", false}, {"http_post_timestamp", false}, {"https_post", true}};
 
-uint32_t Text(decltype(&http_post) fn, int port, const std::string &path, const std::string &body, std::string *out,
+// One sender, seen through a common shape: body in, reply body out.
+uint32_t Post(const Sender &s, int port, const std::string &path, const std::string &body, std::string *out,
               uint32_t capacity) {
   std::vector<char> buf(capacity + 1, '\x7f');
   uint32_t len = capacity;
-  const uint32_t rv =
-      fn("127.0.0.1", port, path.c_str(), body.data(), static_cast<uint32_t>(body.size()), buf.data(), &len);
+  const auto n = static_cast<uint32_t>(body.size());
+  const uint32_t rv = s.tls ? ZEPH_C_HttpsPost("127.0.0.1", port, path.c_str(), body.data(), n, buf.data(), &len)
+                      : std::string(s.name) == "http_post"
+                          ? ZEPH_C_HttpPost("127.0.0.1", port, path.c_str(), body.data(), n, buf.data(), &len)
+                          : ZEPH_C_HttpTimeStampPost("127.0.0.1", port, path.c_str(),
+                                                     reinterpret_cast<const unsigned char *>(body.data()), n,
+                                                     reinterpret_cast<unsigned char *>(buf.data()), &len);
   if (rv == 0) out->assign(buf.data(), len);
   return rv;
 }
-
-const Sender kSenders[] = {
-    {"http_post", false,
-     [](int port, const std::string &path, const std::string &body, std::string *out, uint32_t cap) {
-       return Text(&ZEPH_C_HttpPost, port, path, body, out, cap);
-     }},
-    {"http_post_timestamp", false,
-     [](int port, const std::string &path, const std::string &body, std::string *out, uint32_t cap) {
-       std::vector<unsigned char> buf(cap + 1);
-       uint32_t len = cap;
-       const uint32_t rv = ZEPH_C_HttpTimeStampPost("127.0.0.1", port, path.c_str(),
-                                                    reinterpret_cast<const unsigned char *>(body.data()),
-                                                    static_cast<uint32_t>(body.size()), buf.data(), &len);
-       if (rv == 0) out->assign(buf.begin(), buf.begin() + len);
-       return rv;
-     }},
-    {"https_post", true,
-     [](int port, const std::string &path, const std::string &body, std::string *out, uint32_t cap) {
-       return Text(&ZEPH_C_HttpsPost, port, path, body, out, cap);
-     }},
-};
 
 class Http : public testing::Test {
  protected:
@@ -96,14 +78,14 @@ TEST_F(Http, ExactRequestBytesPerSender) {
     std::string out;
     // The body as sent, and echoed back.
     const std::string body = text ? "{\"a\":1}" : std::string("\x30\x03\x02\x01\x00", 5);
-    ASSERT_EQ(s.post(peer.port(), "/echo/exact", body, &out, 1024), 0u) << s.name;
+    ASSERT_EQ(Post(s, peer.port(), "/echo/exact", body, &out, 1024), 0u) << s.name;
     EXPECT_EQ(out, body) << s.name;
     EXPECT_EQ(peer.Recorded("exact"), "POST /echo/exact HTTP/1.0\r\n" + host + kAgent + block +
                                           "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body)
         << s.name;
     // A zero byte ends a text body; Content-Length still states the whole.
     ASSERT_EQ(
-        s.post(peer.port(), "/cut/" + std::string(text ? "2" : "5") + "/zero", std::string("ab\0cd", 5), &out, 1024),
+        Post(s, peer.port(), "/cut/" + std::string(text ? "2" : "5") + "/zero", std::string("ab\0cd", 5), &out, 1024),
         0u);
     const std::string recorded = peer.Recorded("zero");
     EXPECT_EQ(recorded.substr(recorded.size() - (text ? 23 : 26)),
@@ -114,7 +96,7 @@ TEST_F(Http, ExactRequestBytesPerSender) {
   const char *saved = HttpsPostHeaders;
   HttpsPostHeaders = "X-Custom: yes\r\n";
   std::string out;
-  ASSERT_EQ(kSenders[0].post(plain_->port(), "/echo/custom", "x", &out, 64), 0u);
+  ASSERT_EQ(Post(kSenders[0], plain_->port(), "/echo/custom", "x", &out, 64), 0u);
   HttpsPostHeaders = saved;
   EXPECT_NE(
       plain_->Recorded("custom").find(":" + std::to_string(plain_->port()) + "\r\nX-Custom: yes\r\nContent-Length"),
@@ -238,7 +220,7 @@ TEST_F(Http, HostileServersEndWithinTheDeadline) {
         runs.push_back(std::async(std::launch::async, [&s, kind = k.kind, port] {
           std::string out;
           return std::make_pair(std::string(s.name) + " " + kind,
-                                s.post(port, std::string("/hostile/") + kind + "/h", "q", &out, 4096));
+                                Post(s, port, std::string("/hostile/") + kind + "/h", "q", &out, 4096));
         }));
       }
     }

@@ -152,15 +152,15 @@ TEST_F(Tsa, QueryFieldsPerAlgorithmCode) {
   const struct {
     uint32_t alg;
     const EVP_MD *md;
-    const char *oid, *openssl_name;
+    const char *oid;
   } cases[] = {
-      {1, EVP_sm3(), "1.2.156.10197.1.401", "sm3"},
-      {2, EVP_sha1(), "1.3.14.3.2.26", "sha1"},
-      {0x10004, EVP_sha256(), "2.16.840.1.101.3.4.2.1", "sha256"},
-      {0x10008, EVP_sha384(), "2.16.840.1.101.3.4.2.2", "sha384"},
-      {0x10010, EVP_sha512(), "2.16.840.1.101.3.4.2.3", "sha512"},
-      {4, EVP_sha256(), "1.3.14.3.2.26", "sha1"},      // unknown codes are labelled SHA-1 ...
-      {0x20002, EVP_sha1(), "1.3.14.3.2.26", "sha1"},  // ... whatever they hash with
+      {1, EVP_sm3(), "1.2.156.10197.1.401"},
+      {2, EVP_sha1(), "1.3.14.3.2.26"},
+      {0x10004, EVP_sha256(), "2.16.840.1.101.3.4.2.1"},
+      {0x10008, EVP_sha384(), "2.16.840.1.101.3.4.2.2"},
+      {0x10010, EVP_sha512(), "2.16.840.1.101.3.4.2.3"},
+      {4, EVP_sha256(), "1.3.14.3.2.26"},      // unknown codes are labelled SHA-1 ...
+      {0x20002, EVP_sha1(), "1.3.14.3.2.26"},  // ... whatever they hash with
   };
   for (const auto &c : cases) {
     Bytes reply;
@@ -189,12 +189,6 @@ TEST_F(Tsa, QueryFieldsPerAlgorithmCode) {
     EXPECT_EQ(TS_REQ_get_policy_id(req), nullptr);
     EXPECT_EQ(TS_REQ_get_exts(req), nullptr);
     TS_REQ_free(req);
-    // OpenSSL reads it the same way.
-    zeph_test::WriteBytes(tmp_->file("q.tsq"), query);
-    std::string text;
-    ASSERT_EQ(Shell("openssl ts -query -in " + tmp_->file("q.tsq") + " -text", &text), 0);
-    EXPECT_NE(text.find(std::string("Hash Algorithm: ") + c.openssl_name), std::string::npos) << text;
-    EXPECT_NE(text.find("Certificate required: yes"), std::string::npos) << text;
   }
 }
 

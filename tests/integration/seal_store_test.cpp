@@ -45,10 +45,7 @@ std::string RecordPath(const std::string &serial) {
 
 KeyState State(const std::string &serial) {
   KeyState s;
-  std::ifstream in(RecordPath(serial));
-  std::stringstream text;
-  text << in.rdbuf();
-  s.raw = text.str();
+  s.raw = ci_test::FileText(RecordPath(serial));
   cJSON *doc = cJSON_Parse(s.raw.c_str());
   const cJSON *app = nullptr;
   cJSON_ArrayForEach(app, cJSON_GetObjectItemCaseSensitive(doc, "apps")) {

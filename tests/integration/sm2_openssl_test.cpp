@@ -11,31 +11,21 @@
 
 #include <gtest/gtest.h>
 
-#include "test_support.hpp"
+#include "cli_support.hpp"
+#include "softkey_env.hpp"
 #include "zeph_c.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using zeph_test::Bytes;
 using zeph_test::ReadBytes;
 using zeph_test::WriteBytes;
 
 const std::vector<uint32_t> kLengths = {1, 33, 4096, 5000};
-constexpr int kSignatures = 3;
+constexpr size_t kSignatures = 3;
 
-uint32_t Len(const Bytes &b) { return static_cast<uint32_t>(b.size()); }
-
-// "m3.der" and the like (appended piece by piece: GCC 12 warns falsely on
-// chained operator+).
-std::string Name(const char *prefix, size_t i, const char *suffix = "") {
-  std::string s(prefix);
-  s.append(std::to_string(i)).append(suffix);
-  return s;
-}
-
-bool Shell(const std::string &dir, const std::string &script) {
-  return std::system(("cd '" + dir + "' && { " + script + " ; } >openssl.log 2>&1").c_str()) == 0;
-}
+using zeph_it::Len;
+using zeph_it::Name;
 
 class Sm2OpenSsl : public testing::Test {
  protected:
@@ -47,18 +37,16 @@ class Sm2OpenSsl : public testing::Test {
         "openssl ecparam -name SM2 -genkey -noout -out key.pem && "
         "openssl req -x509 -new -sm3 -key key.pem -subj /CN=zeph-sm2 -days 2 -out cert.pem && "
         "openssl x509 -in cert.pem -outform DER -out cert.der";
-    for (size_t i = 0; i < kLengths.size(); ++i) {
+    for (size_t i = 0; i < kSignatures; ++i) {
       const std::string m = Name("m", i);
-      if (i < kSignatures) {
-        script += " && openssl pkeyutl -sign -rawin -digest sm3 -pkeyopt distid:1234567812345678 -inkey key.pem -in " +
-                  m + " -out " + m + ".sig";
-      }
+      script += " && openssl pkeyutl -sign -rawin -digest sm3 -pkeyopt distid:1234567812345678 -inkey key.pem -in " +
+                m + " -out " + m + ".sig";
     }
-    ready_ = Shell(d, script);
+    ready_ = zeph_it::RunIn(d, script);
   }
   static void TearDownTestSuite() { delete dir_; }
 
-  void SetUp() override { ASSERT_TRUE(ready_) << "openssl failed, see " << File("openssl.log"); }
+  void SetUp() override { ASSERT_TRUE(ready_) << "openssl failed, see " << File("run.log"); }
 
   static Bytes Message(size_t i) { return zeph_test::RandomBytes(kLengths[i], static_cast<uint32_t>(i + 1)); }
   static std::string File(const std::string &name) { return dir_->file(name); }
@@ -110,16 +98,16 @@ TEST_F(Sm2OpenSsl, EveryVariantDecryptsWithOpenSsl) {
     }
   }
   UninitializeBivoHandle(h);
-  ASSERT_TRUE(Shell(dir_->path().string(), script)) << "openssl could not decrypt, see " << File("openssl.log");
+  ASSERT_TRUE(zeph_it::RunIn(dir_->path().string(), script)) << "openssl could not decrypt, see " << File("run.log");
   for (const auto &[name, i] : made) EXPECT_EQ(ReadBytes(File(name + ".out")), Message(i)) << name;
 }
 
 TEST_F(Sm2OpenSsl, OpenSslSignaturesVerifyThroughTheCertificate) {
   const std::string cert = File("cert.der");
   const Bytes der = ReadBytes(cert);
-  for (int i = 0; i < kSignatures; ++i) {
-    Bytes msg = Message(static_cast<size_t>(i));
-    const Bytes sig = ReadBytes(File(Name("m", static_cast<size_t>(i), ".sig")));
+  for (size_t i = 0; i < kSignatures; ++i) {
+    Bytes msg = Message(i);
+    const Bytes sig = ReadBytes(File(Name("m", i, ".sig")));
     EXPECT_EQ(BIVO_VerifySm2SignatureWithCertFile(msg.data(), Len(msg), cert.c_str(), sig.data(), Len(sig)), 0u);
     EXPECT_EQ(BIVO_VerifySm2Signature(msg.data(), Len(msg), der.data(), Len(der), sig.data(), Len(sig)), 0u);
     msg.back() ^= 0x80;

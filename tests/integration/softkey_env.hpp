@@ -137,6 +137,39 @@ class SoftkeyTest : public zeph_test::SoftkeyFixture {
   int seq_ = 0;
 };
 
+inline uint32_t Len(const Bytes &b) { return static_cast<uint32_t>(b.size()); }
+
+// A call of the output protocol made as hosts make it: null asks for the
+// length, then the buffer is filled. Its status; the bytes in *out.
+template <class Fn, class... Args>
+uint32_t Out(Bytes *out, Fn fn, Args... args) {
+  uint32_t len = 0;
+  uint32_t rv = fn(args..., nullptr, &len);
+  out->assign(len, 0);
+  if (rv == 0) rv = fn(args..., out->data(), &len);
+  out->resize(rv == 0 ? len : 0);
+  return rv;
+}
+
+// The same for a text output that must succeed and counts its terminator: the text.
+template <class Fn, class... Args>
+std::string OutText(Fn fn, Args... args) {
+  uint32_t len = 0;
+  EXPECT_EQ(fn(args..., nullptr, &len), 0u);
+  std::string text(len, '\0');
+  EXPECT_EQ(fn(args..., text.data(), &len), 0u);
+  text.resize(len > 0 ? len - 1 : 0);
+  return text;
+}
+
+// A 65-byte SM2 point as a DER SubjectPublicKeyInfo (id-ecPublicKey, the SM2 curve).
+inline Bytes Sm2Spki(const Bytes &point) {
+  EXPECT_EQ(point.size(), 65u);
+  Bytes der = zeph_test::FromHex("3059301306072A8648CE3D020106082A811CCF5501822D034200");
+  der.insert(der.end(), point.begin(), point.end());
+  return der;
+}
+
 // An API handle that is finalised and released however the test ends.
 struct Handle {
   explicit Handle(const std::string &key_sn, uint32_t *status = nullptr) {

@@ -1,21 +1,12 @@
 // The zeph command-line host, run as a user would: output, files, exit codes.
 #include <gtest/gtest.h>
 
-#include "test_support.hpp"
+#include "cli_support.hpp"
 
 namespace {
 
-struct ToolRun {
-  int code = -1;
-  std::string out;
-};
-
-// Runs "zeph <args>" through the shell, standard error folded into the output.
-ToolRun Zeph(const std::string &args) {
-  ToolRun r;
-  r.code = zeph_test::Shell("'" ZEPH_TOOL "' " + args, &r.out);
-  return r;
-}
+using zeph_it::ToolRun;
+using zeph_it::Zeph;
 
 class ZephTool : public testing::Test {
  protected:

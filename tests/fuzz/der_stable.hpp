@@ -2,32 +2,30 @@
 // decode again to the same encoding; the decoder never reads past the input.
 #pragma once
 
-#include <cstdint>
-#include <cstdlib>
-#include <vector>
-
 #include <openssl/crypto.h>
+
+#include "check.hpp"
 
 namespace fuzz {
 
-inline void Check(bool ok) {
-  if (!ok) std::abort();
+// The DER of an OpenSSL object; empty when it does not encode.
+template <class T>
+std::vector<uint8_t> Der(const T *obj, int (*i2d)(const T *, unsigned char **)) {
+  unsigned char *der = nullptr;
+  const int n = i2d(obj, &der);
+  std::vector<uint8_t> out(der, der + std::max(n, 0));
+  OPENSSL_free(der);
+  return out;
 }
 
 template <class T>
 std::vector<uint8_t> Reencode(const uint8_t *data, size_t size, T *(*d2i)(T **, const unsigned char **, long),
                               int (*i2d)(const T *, unsigned char **), void (*free_fn)(T *)) {
   const unsigned char *p = data;
-  T *obj = d2i(nullptr, &p, static_cast<long>(size));
-  std::vector<uint8_t> out;
-  if (obj == nullptr) return out;
+  const std::unique_ptr<T, void (*)(T *)> obj(d2i(nullptr, &p, static_cast<long>(size)), free_fn);
+  if (obj == nullptr) return {};
   Check(p > data && p <= data + size);
-  unsigned char *der = nullptr;
-  const int n = i2d(obj, &der);
-  if (n > 0) out.assign(der, der + n);
-  OPENSSL_free(der);
-  free_fn(obj);
-  return out;
+  return Der<T>(obj.get(), i2d);
 }
 
 template <class T>

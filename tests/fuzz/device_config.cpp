@@ -1,14 +1,11 @@
 // Device configuration texts and keySNs from outside: the configuration is
 // parsed and a keySN split against it. No library is loaded (that would run
 // whatever the text names), so the table is never built here.
-#include <cstddef>
-#include <cstdint>
-#include <string>
-
+#include "check.hpp"
 #include "zeph_c_device.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  const std::string input(reinterpret_cast<const char *>(data), size);
+  const std::string input = fuzz::Text(data, size);
   const size_t cut = input.find('\n');
   const std::string config = input.substr(0, cut);
   const std::string key_sn = cut == std::string::npos ? "ES_0123ABCD" : input.substr(cut + 1);

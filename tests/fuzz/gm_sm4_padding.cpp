@@ -1,12 +1,8 @@
 // Arbitrary ciphertexts through SM4 decryption with padding removal, and
 // arbitrary identities through the Z digest. Whatever decrypts must encrypt
 // back to the same bytes; the library and EVP Z digests must agree.
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <vector>
 
+#include "check.hpp"
 #include "zeph_c_gm.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -20,15 +16,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   uint32_t plain_len = 0;
   const uint32_t rv = cbc ? BIVO_Sm4CbcDecryptWithAutoRemovePadding(cipher, len, iv, key, plain.data(), &plain_len)
                           : BIVO_Sm4DecryptWithAutoRemovePadding(cipher, len, key, plain.data(), &plain_len);
+  fuzz::Check(fuzz::OneOf(rv, {0, BIVO_ERR_LENGTH, BIVO_ERR_PADDING}));
   if (rv == 0) {
-    if (plain_len >= len) abort();
     std::vector<uint8_t> again(BIVO_ComputeSm4EcbCipherLen(plain_len));
-    if (again.size() != len) abort();
+    fuzz::Check(plain_len < len && again.size() == len);
     const uint32_t erv = cbc ? BIVO_Sm4CbcEncryptWithAutoPadding(plain.data(), plain_len, iv, key, again.data())
                              : BIVO_Sm4EncryptWithAutoPadding(plain.data(), plain_len, key, again.data());
-    if (erv != 0 || std::memcmp(again.data(), cipher, len) != 0) abort();
-  } else if (rv != BIVO_ERR_LENGTH && rv != BIVO_ERR_PADDING) {
-    abort();
+    fuzz::Check(erv == 0 && std::memcmp(again.data(), cipher, len) == 0);
   }
   uint32_t n = 0;
   RemovePadding(cipher, len, nullptr, &n);
@@ -41,7 +35,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::memcpy(pub + 33, data, 32);
   uint8_t z1[32], z2[32];
   const uint32_t s1 = ComputeUserIdSm3Digest(id.c_str(), pub, 65, z1);
-  const uint32_t s2 = ComputeUserIdSm3Digest_EVP(id.c_str(), pub, 65, z2);
-  if (s1 != s2 || (s1 == 0 && std::memcmp(z1, z2, 32) != 0)) abort();
+  fuzz::Check(s1 == ComputeUserIdSm3Digest_EVP(id.c_str(), pub, 65, z2) && (s1 != 0 || std::memcmp(z1, z2, 32) == 0));
   return 0;
 }

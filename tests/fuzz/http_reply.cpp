@@ -3,9 +3,7 @@
 // whose size the input chooses (the result must not depend on the cut).
 #include "pki/http_reply.hpp"
 
-#include <cstdlib>
-#include <cstring>
-#include <vector>
+#include "check.hpp"
 
 namespace {
 
@@ -34,8 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   std::string_view text;
   if (zeph::http::TextReplyBody(reply, &text) == 0) {
-    if (!Inside(text.data(), text.size(), reply.data(), reply.size()) || std::memchr(text.data(), 0, text.size()))
-      std::abort();
+    fuzz::Check(Inside(text.data(), text.size(), reply.data(), reply.size()) &&
+                !std::memchr(text.data(), 0, text.size()));
   }
 
   std::vector<uint8_t> buffer(capacity + 512, 0);
@@ -44,15 +42,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const uint64_t received = reply.size() + (data[1] >= 128 ? data[0] * 11u : 0);
   std::span<const uint8_t> body;
   if (zeph::http::TimestampReplyBody(buffer, chunk, received, capacity, &body) == 0) {
-    if (body.empty() || body.size() >= capacity || !Inside(body.data(), body.size(), buffer.data(), buffer.size()))
-      std::abort();
+    fuzz::Check(!body.empty() && body.size() < capacity &&
+                Inside(body.data(), body.size(), buffer.data(), buffer.size()));
   }
 
   ReplyParser whole(capacity), cut(capacity);
   const ReplyParser::State a = Run(whole, reply, reply.size() + 1);
-  const ReplyParser::State b = Run(cut, reply, piece);
-  if (a != b || whole.status() != cut.status() || whole.body() != cut.body()) std::abort();
-  if (a == ReplyParser::State::kDone && whole.body().size() > capacity) std::abort();
-  if (a == ReplyParser::State::kTooLarge && whole.needed() <= capacity) std::abort();
+  fuzz::Check(a == Run(cut, reply, piece) && whole.status() == cut.status() && whole.body() == cut.body());
+  fuzz::Check(a != ReplyParser::State::kDone || whole.body().size() <= capacity);
+  fuzz::Check(a != ReplyParser::State::kTooLarge || whole.needed() > capacity);
   return 0;
 }

@@ -1,19 +1,16 @@
-// The texts the seal targets check: a reply that is not one JSON object ends
-// the run.
+// The texts the targets check: a reply that is not one JSON object ends the
+// run.
 #pragma once
 
-#include <cstdlib>
-#include <string>
-
-#include <cjson/cJSON.h>
+#include "check.hpp"
+#include "foundation/json_owned.hpp"
 
 namespace fuzz {
 
-inline void MustBeJsonObject(const std::string &text) {
-  cJSON *doc = cJSON_Parse(text.c_str());
-  const bool ok = cJSON_IsObject(doc);
-  cJSON_Delete(doc);
-  if (!ok) std::abort();
+inline zeph::JsonPtr MustBeJsonObject(const std::string &text) {
+  zeph::JsonPtr doc(cJSON_Parse(text.c_str()));
+  Check(cJSON_IsObject(doc.get()));
+  return doc;
 }
 
 }  // namespace fuzz

@@ -1,10 +1,7 @@
 // The randomness suite over arbitrary bytes: both suites through a context
 // and through the runners must agree, and single tests with parameters taken
 // from the input must return a documented status. No crash, hang or leak.
-#include <cstdint>
-#include <cstdlib>
-#include <initializer_list>
-
+#include "check.hpp"
 #include "zeph_c_randtest.h"
 
 namespace {
@@ -26,27 +23,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (ctx == nullptr) return 0;
   for (uint32_t suite : {0u, 1u}) {
     const uint32_t run = ZEPH_C_RandTest_Run(ctx, suite, bits, len);
-    const uint32_t runner = suite == 0 ? QuickRandomnessTest(bits, len) : CompleteRandomnessTest(bits, len);
-    if (run != runner || !Documented(run)) std::abort();
+    fuzz::Check(run == (suite == 0 ? QuickRandomnessTest(bits, len) : CompleteRandomnessTest(bits, len)) &&
+                Documented(run));
   }
   ZEPH_C_RandTest_Free(ctx);
-  const uint32_t statuses[] = {
-      BlockFrequencyTest(bits, len, wide),   PokerTest(bits, len, small),
-      SerialTest(bits, len, small),          ApproximateEntropyTest(bits, len, small),
-      BinaryDerivativeTest(bits, len, wide), AutoCorrelationTest(bits, len, wide),
-      LinearComplexityTest(bits, len),       RunsDistributionTest(bits, len),
-      LongestRunOfOnesRunsTest(bits, len),   DiscreteFourierTransformTest(bits, len),
-  };
-  for (uint32_t status : statuses) {
-    if (!Documented(status) || BIVO_epsilon != nullptr) std::abort();
+  for (uint32_t status :
+       {BlockFrequencyTest(bits, len, wide), PokerTest(bits, len, small), SerialTest(bits, len, small),
+        ApproximateEntropyTest(bits, len, small), BinaryDerivativeTest(bits, len, wide),
+        AutoCorrelationTest(bits, len, wide), LinearComplexityTest(bits, len), RunsDistributionTest(bits, len),
+        LongestRunOfOnesRunsTest(bits, len), DiscreteFourierTransformTest(bits, len)}) {
+    fuzz::Check(Documented(status) && BIVO_epsilon == nullptr);
   }
   // The tests proper over an arbitrary bit count, not a multiple of 8.
   if (len > 0 && ReadBitsFromInput(bits, len) == 0) {
     const uint64_t n = len * 8 > wide ? len * 8 - wide % 8 : len * 8;
-    if (!Documented(LinearComplexity(wide % 600, n)) || !Documented(DiscreteFourierTransform(n)) ||
-        !Documented(CumulativeSums(n)) || !Documented(Universal(n))) {
-      std::abort();
-    }
+    fuzz::Check(Documented(LinearComplexity(wide % 600, n)) && Documented(DiscreteFourierTransform(n)) &&
+                Documented(CumulativeSums(n)) && Documented(Universal(n)));
     FrequencyTest(bits, 1);  // frees the array
   }
   return 0;

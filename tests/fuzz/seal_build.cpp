@@ -1,20 +1,13 @@
 // The builders on arbitrary seals and to-be-signed contents: whatever they
 // build decodes again as the structure it claims to be.
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <vector>
-
+#include "check.hpp"
 #include "seal/seal_internal.hpp"
 #include "zeph_c_seal.h"
 
 namespace {
 
+namespace seal = zeph::seal;
 constexpr char kOid[] = "1.2.156.10197.1.501";
-
-bool DecodesAs(zeph::seal::Input kind, const std::vector<unsigned char> &der) {
-  return zeph::seal::DecodeAs(kind, der.data(), static_cast<uint32_t>(der.size())).has_value();
-}
 
 }  // namespace
 
@@ -26,25 +19,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   auto n = static_cast<uint32_t>(out.size());
   if (getGBTBSSignData(4, data, len, time.c_str(), 0, data, cut, "p", 1, out.data(), &n) == 0) {
-    out.resize(n);
-    std::vector<unsigned char> sig(out.size() + 4096);
+    std::vector<unsigned char> sig(n + 4096);
     auto m = static_cast<uint32_t>(sig.size());
-    if (getGBSESSignature(out.data(), n, data, cut, data, cut, kOid, sig.data(), &m) != 0) std::abort();
-    sig.resize(m);
-    if (!DecodesAs(zeph::seal::Input::kGbSignature, sig)) std::abort();
+    fuzz::Check(getGBSESSignature(out.data(), n, data, cut, data, cut, kOid, sig.data(), &m) == 0 &&
+                seal::DecodeAs(seal::Input::kGbSignature, sig.data(), m).has_value());
   }
-  out.assign(size + 4096, 0);
   n = static_cast<uint32_t>(out.size());
   if (getTBSSignData(1, data, len, data, cut, data, cut, "p", 1, data, cut, kOid, out.data(), &n) == 0) {
-    out.resize(n);
-    std::vector<unsigned char> sig(out.size() + 4096);
+    std::vector<unsigned char> sig(n + 4096);
     auto m = static_cast<uint32_t>(sig.size());
-    if (getSESSignature(out.data(), n, data, cut, sig.data(), &m) != 0) std::abort();
-    sig.resize(m);
-    if (!DecodesAs(zeph::seal::Input::kSesSignature, sig)) std::abort();
+    fuzz::Check(getSESSignature(out.data(), n, data, cut, sig.data(), &m) == 0 &&
+                seal::DecodeAs(seal::Input::kSesSignature, sig.data(), m).has_value());
   }
   // The input as a to-be-signed content of either family.
-  out.assign(size + 4096, 0);
   n = static_cast<uint32_t>(out.size());
   getSESSignature(data, len, data, cut, out.data(), &n);
   n = static_cast<uint32_t>(out.size());

@@ -3,15 +3,10 @@
 // texts that are JSON; nothing is read past the input or a decoded record.
 #include "seal/seal_store.hpp"
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <string>
-
 #include "json_object.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  const std::string text(reinterpret_cast<const char *>(data), size);
+  const std::string text = fuzz::Text(data, size);
   std::string out;
   if (zeph::seal::l_parseSealInfo(text.c_str(), &out) == 0) fuzz::MustBeJsonObject(out);
 

@@ -124,13 +124,6 @@ int ListeningPort(pid_t pid) {
 
 namespace {
 
-void Run(const std::string &dir, const std::string &command) {
-  std::string out;
-  if (Shell("cd '" + dir + "' && " + command, &out) != 0) throw std::runtime_error(command + "\n" + out);
-}
-
-void WriteText(const std::string &path, const std::string &text) { WriteBytes(path, {text.begin(), text.end()}); }
-
 const char kExtensions[] = R"([ca]
 basicConstraints = critical, CA:TRUE
 keyUsage = critical, keyCertSign, cRLSign
@@ -161,16 +154,16 @@ void MakePki(const std::string &work, const std::string &d) {
   WriteText(work + "/ext.cnf", kExtensions);
   const std::string key = "openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ";
   const auto ca = [&](const std::string &name, const std::string &cn) {
-    Run(work, key + name + ".key");
-    Run(work, "openssl req -x509 -new -key " + name + ".key -subj '/CN=" + cn + "' -days 3650 -out " + name +
-                  ".pem -config ext.cnf -extensions ca");
+    RunIn(work, key + name + ".key");
+    RunIn(work, "openssl req -x509 -new -key " + name + ".key -subj '/CN=" + cn + "' -days 3650 -out " + name +
+                    ".pem -config ext.cnf -extensions ca");
   };
   const auto leaf = [&](const std::string &name, const std::string &issuer, const std::string &ext) {
-    Run(work, key + name + ".key");
-    Run(work, "openssl req -new -key " + name + ".key -subj '/CN=zeph " + name + "' -out " + name + ".csr");
+    RunIn(work, key + name + ".key");
+    RunIn(work, "openssl req -new -key " + name + ".key -subj '/CN=zeph " + name + "' -out " + name + ".csr");
     static int serial = 100;
-    Run(work, "openssl x509 -req -in " + name + ".csr -CA " + issuer + ".pem -CAkey " + issuer + ".key -set_serial " +
-                  std::to_string(++serial) + " -days 3650 -out " + name + ".pem -extfile ext.cnf -extensions " + ext);
+    RunIn(work, "openssl x509 -req -in " + name + ".csr -CA " + issuer + ".pem -CAkey " + issuer + ".key -set_serial " +
+                    std::to_string(++serial) + " -days 3650 -out " + name + ".pem -extfile ext.cnf -extensions " + ext);
   };
   ca("ca", "zeph test CA");
   ca("stray-ca", "zeph stray CA");
@@ -178,33 +171,23 @@ void MakePki(const std::string &work, const std::string &d) {
   leaf("other", "ca", "other");
   leaf("tsa", "ca", "tsa");
   leaf("stray-tsa", "stray-ca", "tsa");
-  Run(work,
-      "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout self.key -out self.pem "
-      "-subj '/CN=127.0.0.1' -days 3650 -addext subjectAltName=IP:127.0.0.1");
+  RunIn(work,
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout self.key -out self.pem "
+        "-subj '/CN=127.0.0.1' -days 3650 -addext subjectAltName=IP:127.0.0.1");
   WriteText(work + "/tsa.cnf", "[ tsa ]\ndefault_tsa = tsa_ok\n" +
                                    TsaSection("tsa_ok", d, "tsa", "sha1, sha256, sha384, sha512, sm3") +
                                    TsaSection("tsa_sha256", d, "tsa", "sha256") +
                                    TsaSection("tsa_stray", d, "stray-tsa", "sha1, sha256, sha384, sha512, sm3"));
-  WriteText(work + "/done", "");
 }
 
-// The PKI of this build's tests: made once and shared by every test process
-// (under ZEPH_TEST_WORKDIR; the first to finish renames its copy into
-// place), with a serial-number file of each process's own for the TSA.
+// The PKI of this build's tests, shared by every test process, with a
+// serial-number file of each process's own for the TSA.
 std::unique_ptr<TestPki> LoadPki() {
   static TempDir own;
-  const char *work = std::getenv("ZEPH_TEST_WORKDIR");
-  const std::string d = work != nullptr ? std::string(work) + "/test-pki-1" : own.path().string() + "/pki";
-  if (!std::filesystem::exists(d + "/done")) {
-    std::string tmp = (work != nullptr ? std::string(work) : own.path().string()) + "/test-pki-XXXXXX";
-    if (mkdtemp(tmp.data()) == nullptr) throw std::runtime_error("mkdtemp");
-    MakePki(tmp, d);
-    if (std::rename(tmp.c_str(), d.c_str()) != 0) std::filesystem::remove_all(tmp);  // another process was first
-  }
+  const std::string d = MadeOnce("test-pki-1", MakePki);
   WriteText(own.file("tsa.serial"), "01\n");
   setenv("ZEPH_TSA_SERIAL", own.file("tsa.serial").c_str(), 1);
   auto pki = std::make_unique<TestPki>();
-  pki->dir = d;
   pki->ca = d + "/ca.pem";
   pki->server_cert = d + "/server.pem";
   pki->server_key = d + "/server.key";
@@ -215,12 +198,6 @@ std::unique_ptr<TestPki> LoadPki() {
   pki->stray_ca = d + "/stray-ca.pem";
   pki->tsa_config = d + "/tsa.cnf";
   return pki;
-}
-
-std::string FirstLine(Child &child) {
-  std::string line = child.ReadLine();
-  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
-  return line;
 }
 
 }  // namespace
@@ -237,7 +214,7 @@ Peer::Peer(bool tls)
         if (tls) argv.insert(argv.end(), {"--tls", TestPki::Get().server_cert, TestPki::Get().server_key});
         return argv;
       }()) {
-  port_ = std::atoi(FirstLine(child_).c_str());
+  port_ = std::atoi(child_.ReadLine().c_str());
   if (port_ <= 0) throw std::runtime_error("the peer did not report its port");
 }
 

@@ -24,7 +24,6 @@ class Child {
   Child &operator=(const Child &) = delete;
 
   pid_t pid() const { return pid_; }
-  int out_fd() const { return out_; }
   bool Write(const std::string &data);
   void CloseInput();
   std::string ReadLine();
@@ -47,7 +46,6 @@ int ListeningPort(pid_t pid);
 // and tsa_stray (a TSA certificate under stray_ca).
 struct TestPki {
   static const TestPki &Get();
-  std::string dir;
   std::string ca;                       // the test CA certificate
   std::string server_cert, server_key;  // for 127.0.0.1 and localhost
   std::string other_cert, other_key;    // for other.example only
@@ -61,7 +59,6 @@ class Peer {
  public:
   explicit Peer(bool tls = false);
   int port() const { return port_; }
-  std::string dir() const { return dir_.path().string(); }
   // The request the peer saved for <name>.
   std::string Recorded(const std::string &name) const;
   // A canned reply: /reply/<file> answers with these bytes.

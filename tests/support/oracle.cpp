@@ -1,37 +1,24 @@
 #include "oracle.hpp"
 
-#include <memory>
-
 #include <openssl/ecdsa.h>
-#include <openssl/x509.h>
+
+#include "foundation/owned.hpp"
 
 namespace zeph_test {
 
 namespace {
 
-template <auto Fn>
-struct Free {
-  template <class T>
-  void operator()(T *p) const {
-    Fn(p);
-  }
-};
-using CertPtr = std::unique_ptr<X509, Free<X509_free>>;
-using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, Free<EVP_MD_CTX_free>>;
-using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, Free<EVP_PKEY_CTX_free>>;
-using CipherCtxPtr = std::unique_ptr<EVP_CIPHER_CTX, Free<EVP_CIPHER_CTX_free>>;
-
 constexpr char kDefaultId[] = "1234567812345678";
 
-CertPtr Parse(const Bytes &der) {
+zeph::X509Ptr Parse(const Bytes &der) {
   const unsigned char *p = der.data();
-  return CertPtr(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
+  return zeph::X509Ptr(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
 }
 
 }  // namespace
 
 Bytes Digest(const EVP_MD *md, const std::vector<Bytes> &parts) {
-  MdCtxPtr ctx(EVP_MD_CTX_new());
+  zeph::EvpMdCtxPtr ctx(EVP_MD_CTX_new());
   EVP_DigestInit_ex(ctx.get(), md, nullptr);
   for (const Bytes &p : parts) EVP_DigestUpdate(ctx.get(), p.data(), p.size());
   Bytes out(EVP_MD_get_size(md));
@@ -44,7 +31,7 @@ Bytes Sm4Encrypt(Sm4Mode mode, bool padding, const uint8_t *key16, const Bytes &
                              : mode == Sm4Mode::kCbc ? EVP_sm4_cbc()
                              : mode == Sm4Mode::kCfb ? EVP_sm4_cfb128()
                                                      : EVP_sm4_ofb();
-  CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+  zeph::EvpCipherCtxPtr ctx(EVP_CIPHER_CTX_new());
   EVP_EncryptInit_ex(ctx.get(), cipher, nullptr, key16, mode == Sm4Mode::kEcb ? nullptr : iv.data());
   EVP_CIPHER_CTX_set_padding(ctx.get(), padding ? 1 : 0);
   Bytes out(in.size() + 16);
@@ -72,13 +59,13 @@ Bytes FromBase64(const std::string &text) {
 }
 
 bool Verifies(const Bytes &cert_der, const EVP_MD *md, const Bytes &data, const Bytes &sig) {
-  const CertPtr cert = Parse(cert_der);
+  const zeph::X509Ptr cert = Parse(cert_der);
   EVP_PKEY *key = cert ? X509_get0_pubkey(cert.get()) : nullptr;
   if (key == nullptr) return false;
   const bool sm2 = EVP_PKEY_is_a(key, "SM2");
   // The digest context borrows pctx, so pctx outlives it.
-  PkeyCtxPtr pctx(EVP_PKEY_CTX_new(key, nullptr));
-  MdCtxPtr ctx(EVP_MD_CTX_new());
+  zeph::EvpPkeyCtxPtr pctx(EVP_PKEY_CTX_new(key, nullptr));
+  zeph::EvpMdCtxPtr ctx(EVP_MD_CTX_new());
   if (sm2) {
     EVP_PKEY_CTX_set1_id(pctx.get(), kDefaultId, sizeof kDefaultId - 1);
     EVP_MD_CTX_set_pkey_ctx(ctx.get(), pctx.get());
@@ -99,7 +86,7 @@ Bytes SignatureDer(const uint8_t *r, const uint8_t *s) {
 }
 
 Bytes Sm2Sign(EVP_PKEY *key, const Bytes &data, const std::string &id) {
-  MdCtxPtr md(EVP_MD_CTX_new());
+  zeph::EvpMdCtxPtr md(EVP_MD_CTX_new());
   EVP_PKEY_CTX *pctx = nullptr;  // owned by md
   size_t n = 0;
   if (!md || EVP_DigestSignInit(md.get(), &pctx, EVP_sm3(), nullptr, key) != 1 ||
@@ -113,7 +100,7 @@ Bytes Sm2Sign(EVP_PKEY *key, const Bytes &data, const std::string &id) {
 }
 
 Bytes Encrypt(EVP_PKEY *key, const Bytes &plain, int rsa_padding) {
-  PkeyCtxPtr ctx(EVP_PKEY_CTX_new(key, nullptr));
+  zeph::EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(key, nullptr));
   size_t n = 0;
   if (!ctx || EVP_PKEY_encrypt_init(ctx.get()) != 1) return {};
   if (EVP_PKEY_is_a(key, "RSA")) EVP_PKEY_CTX_set_rsa_padding(ctx.get(), rsa_padding);
@@ -125,7 +112,7 @@ Bytes Encrypt(EVP_PKEY *key, const Bytes &plain, int rsa_padding) {
 }
 
 Bytes Encrypt(const Bytes &cert_der, const Bytes &plain, int rsa_padding) {
-  const CertPtr cert = Parse(cert_der);
+  const zeph::X509Ptr cert = Parse(cert_der);
   return cert ? Encrypt(X509_get0_pubkey(cert.get()), plain, rsa_padding) : Bytes{};
 }
 

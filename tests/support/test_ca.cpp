@@ -16,13 +16,6 @@ namespace fs = std::filesystem;
 constexpr char kSm2Sign[] = " -sm3 -sigopt distid:1234567812345678";
 constexpr char kSm2Verify[] = " -vfyopt distid:1234567812345678";
 
-void WriteText(const std::string &path, const std::string &text) { WriteBytes(path, {text.begin(), text.end()}); }
-
-void RunIn(const std::string &dir, const std::string &command) {
-  std::string out;
-  if (Shell("cd '" + dir + "' && { " + command + "; }", &out) != 0) throw std::runtime_error(command + "\n" + out);
-}
-
 std::string KeyCommand(TestCa::Alg alg, const std::string &file) {
   return alg == TestCa::Alg::kSm2 ? "openssl genpkey -algorithm SM2 -out " + file
                                   : "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out " + file;
@@ -42,7 +35,7 @@ subjectKeyIdentifier = hash
 authorityKeyIdentifier = keyid
 )";
 
-// Root and intermediate, made in `work` (which becomes the shared base).
+// Root and intermediate, made in `work`.
 void MakeBase(TestCa::Alg alg, const std::string &work) {
   const std::string sign = alg == TestCa::Alg::kSm2 ? kSm2Sign : " -sha256";
   const std::string verify = alg == TestCa::Alg::kSm2 ? kSm2Verify : "";
@@ -58,23 +51,12 @@ void MakeBase(TestCa::Alg alg, const std::string &work) {
         "openssl x509 -req -in inter.csr -CA root.pem -CAkey root.key -set_serial 1 -days 3650 -extfile base.cnf "
         "-extensions v3_inter -out inter.pem" +
             sign + verify);
-  WriteText(work + "/done", "");
 }
 
-// Made once per build and shared (the first process to finish renames its
-// copy into place).
+// Made once per build and shared by every test process.
 std::string Base(TestCa::Alg alg) {
-  static TempDir own;
-  const char *work = std::getenv("ZEPH_TEST_WORKDIR");
-  const std::string root = work != nullptr ? std::string(work) : own.path().string();
-  const std::string d = root + (alg == TestCa::Alg::kSm2 ? "/test-ca-sm2-2" : "/test-ca-rsa-2");
-  if (!fs::exists(d + "/done")) {
-    std::string tmp = root + "/test-ca-XXXXXX";
-    if (mkdtemp(tmp.data()) == nullptr) throw std::runtime_error("mkdtemp");
-    MakeBase(alg, tmp);
-    if (std::rename(tmp.c_str(), d.c_str()) != 0) fs::remove_all(tmp);
-  }
-  return d;
+  return MadeOnce(alg == TestCa::Alg::kSm2 ? "test-ca-sm2-2" : "test-ca-rsa-2",
+                  [alg](const std::string &work, const std::string &) { MakeBase(alg, work); });
 }
 
 }  // namespace
@@ -98,7 +80,6 @@ TestCa::TestCa(Alg alg) : alg_(alg), base_(Base(alg)) {
 
 std::string TestCa::root() const { return dir() + "/root.pem"; }
 std::string TestCa::intermediate() const { return dir() + "/inter.pem"; }
-std::string TestCa::intermediate_key() const { return dir() + "/inter.key"; }
 
 void TestCa::Run(const std::string &command) const { RunIn(dir(), command); }
 
@@ -108,7 +89,7 @@ std::string TestCa::Issue(const std::string &name, const LeafOptions &o) {
   const bool sm2 = alg_ == Alg::kSm2;
   std::string csr = o.csr;
   if (csr.empty()) {
-    const std::string subject = o.subject.empty() ? "/CN=" + name + "/O=zeph test" : o.subject;
+    const std::string subject = "/CN=" + name + "/O=zeph test";
     // Every leaf shares one key made with the CA: key generation is what
     // would cost time here.
     fs::copy_file(base_ + "/leaf.key", dir() + "/" + name + ".key");

@@ -22,7 +22,6 @@ class TestCa {
 
   // How to issue an end entity; the setters chain.
   struct LeafOptions {
-    std::string subject;                // "/CN=..."; default "/CN=<name>/O=zeph test"
     std::vector<std::string> crl_urls;  // CRL distribution points
     std::string ocsp_url;               // AIA OCSP
     std::string start, end;             // YYYYMMDDHHMMSSZ; default: now, one year
@@ -30,7 +29,6 @@ class TestCa {
     bool default_id = true;             // SM2: sign with 1234567812345678 (else OpenSSL's empty one)
     bool outside_database = false;      // issued with `openssl x509`: the responder does not know it
 
-    LeafOptions &Subject(std::string s) { return subject = std::move(s), *this; }
     LeafOptions &Crl(std::vector<std::string> urls) { return crl_urls = std::move(urls), *this; }
     LeafOptions &Ocsp(std::string url) { return ocsp_url = std::move(url), *this; }
     LeafOptions &Valid(std::string from, std::string to) { return start = std::move(from), end = std::move(to), *this; }
@@ -40,12 +38,10 @@ class TestCa {
   };
 
   explicit TestCa(Alg alg);
-  Alg alg() const { return alg_; }
   std::string dir() const { return dir_.path().string(); }
   // PEM files.
   std::string root() const;
   std::string intermediate() const;
-  std::string intermediate_key() const;
 
   // Issues an end-entity certificate; returns its PEM file (key beside it
   // as <name>.key unless a request was given; all such leaves share a key).

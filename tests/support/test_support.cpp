@@ -32,6 +32,8 @@ void WriteBytes(const std::string &path, const std::vector<uint8_t> &data) {
   out.write(reinterpret_cast<const char *>(data.data()), static_cast<std::streamsize>(data.size()));
 }
 
+void WriteText(const std::string &path, const std::string &text) { WriteBytes(path, {text.begin(), text.end()}); }
+
 std::vector<uint8_t> FromHex(const std::string &hex) {
   std::vector<uint8_t> out;
   int hi = -1;
@@ -82,6 +84,26 @@ int Shell(const std::string &command, std::string *out) {
   const int status = pclose(p);
   if (out != nullptr) *out = text;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void RunIn(const std::string &dir, const std::string &command) {
+  std::string out;
+  if (Shell("cd '" + dir + "' && { " + command + "; }", &out) != 0) throw std::runtime_error(command + "\n" + out);
+}
+
+std::string MadeOnce(const std::string &name,
+                     const std::function<void(const std::string &work, const std::string &final_dir)> &make) {
+  static TempDir own;
+  const char *work = std::getenv("ZEPH_TEST_WORKDIR");
+  const std::string root = work != nullptr ? std::string(work) : own.path().string(), made = root + "/" + name;
+  if (!std::filesystem::exists(made + "/done")) {
+    std::string tmp = made + "-XXXXXX";
+    if (mkdtemp(tmp.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    make(tmp, made);
+    WriteText(tmp + "/done", "");
+    if (std::rename(tmp.c_str(), made.c_str()) != 0) std::filesystem::remove_all(tmp);  // another process was first
+  }
+  return made;
 }
 
 std::set<std::string> DynamicSymbols(const std::string &library) {

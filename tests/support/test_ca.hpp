@@ -38,6 +38,7 @@ class TestCa {
   };
 
   explicit TestCa(Alg alg);
+  Alg alg() const { return alg_; }
   std::string dir() const { return dir_.path().string(); }
   // PEM files.
   std::string root() const;
